@@ -1,0 +1,30 @@
+# The platform libraries, as Debian packages them: Android's libbase and liblog live in
+# lib/<triplet>/android, BCC's BPF library in lib/<triplet>. Paths are re-rooted under
+# CMAKE_SYSROOT when cross-compiling.
+set(ZELK_ANDROID_LIBDIR /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)
+
+find_path(ZELK_ANDROID_INCLUDE_DIR android-base/unique_fd.h PATHS /usr/include/android
+          NO_DEFAULT_PATH REQUIRED)
+find_library(ZELK_LIBBASE base PATHS ${ZELK_ANDROID_LIBDIR} NO_DEFAULT_PATH REQUIRED)
+find_library(ZELK_LIBLOG log PATHS ${ZELK_ANDROID_LIBDIR} NO_DEFAULT_PATH REQUIRED)
+find_path(ZELK_BCC_INCLUDE_DIR bcc/libbpf.h REQUIRED)
+find_library(ZELK_LIBBCC_BPF bcc_bpf REQUIRED)
+find_library(ZELK_LIBBPF bpf REQUIRED)
+
+add_library(zelk::android_base UNKNOWN IMPORTED)
+set_target_properties(zelk::android_base PROPERTIES
+  IMPORTED_LOCATION ${ZELK_LIBBASE}
+  INTERFACE_INCLUDE_DIRECTORIES ${ZELK_ANDROID_INCLUDE_DIR})
+add_library(zelk::android_log UNKNOWN IMPORTED)
+set_target_properties(zelk::android_log PROPERTIES
+  IMPORTED_LOCATION ${ZELK_LIBLOG}
+  INTERFACE_INCLUDE_DIRECTORIES ${ZELK_ANDROID_INCLUDE_DIR})
+# bcc/libbpf.h declares bpf_obj_get, which libbpf defines.
+add_library(zelk::bcc_bpf UNKNOWN IMPORTED)
+set_target_properties(zelk::bcc_bpf PROPERTIES
+  IMPORTED_LOCATION ${ZELK_LIBBCC_BPF}
+  INTERFACE_INCLUDE_DIRECTORIES ${ZELK_BCC_INCLUDE_DIR})
+add_library(zelk::libbpf UNKNOWN IMPORTED)
+set_target_properties(zelk::libbpf PROPERTIES IMPORTED_LOCATION ${ZELK_LIBBPF})
+
+find_package(Threads REQUIRED)

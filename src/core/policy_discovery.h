@@ -1,0 +1,38 @@
+// Discovery of the cpufreq policies: their frequencies, their CPUs, and where each CPU's block
+// lies in a per-CPU map value.
+#pragma once
+
+#include <dirent.h>
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace com {
+namespace zelkora {
+
+inline constexpr const char kCpufreqDir[] = "/sys/devices/system/cpu/cpufreq";
+inline constexpr uint64_t kNoCpuSlot = ~uint64_t{0};
+
+struct PolicyTables {
+  // Per policy, in ascending policy number: available then boost frequencies, sorted, in kHz.
+  std::vector<std::vector<uint64_t>> freqTable;
+  // Per policy: the CPUs of its related_cpus file, in file order.
+  std::vector<std::vector<uint64_t>> relatedCpus;
+  // Per CPU number: its position in the policy-ordered concatenation of relatedCpus (its last
+  // one when listed twice), or kNoCpuSlot.
+  std::vector<uint64_t> cpuSlot;
+  uint32_t policyCount = 0;
+};
+
+// scandir filter: names that begin with "policy".
+int isPolicyFile(const struct dirent* entry);
+// scandir order: by the number after "policy"; names without one compare equal to everything.
+int comparePolicyFiles(const struct dirent** a, const struct dirent** b);
+
+// Scans `dir`. No value when it holds no policy, a policy has no frequency, or a related_cpus
+// file is unreadable or malformed. Logs nothing.
+std::optional<PolicyTables> discoverPolicies(const char* dir = kCpufreqDir);
+
+}  // namespace zelkora
+}  // namespace com

@@ -1,0 +1,84 @@
+#include "kernel/bpf_syscall.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstring>
+
+namespace com {
+namespace zelkora {
+namespace {
+
+// The library always hands the kernel a zeroed 144-byte attribute block.
+constexpr size_t kAttrSize = 144;
+union Attr {
+  bpf_attr attr;
+  unsigned char bytes[kAttrSize];
+};
+static_assert(sizeof(Attr) == kAttrSize, "union bpf_attr grew past the block the library passes");
+static_assert(offsetof(bpf_attr, map_fd) == 0 && offsetof(bpf_attr, key) == 8 &&
+              offsetof(bpf_attr, value) == 16 && offsetof(bpf_attr, next_key) == 16 &&
+              offsetof(bpf_attr, flags) == 24);
+static_assert(offsetof(bpf_attr, pathname) == 0 && offsetof(bpf_attr, bpf_fd) == 8 &&
+              offsetof(bpf_attr, file_flags) == 12);
+static_assert(offsetof(bpf_attr, info.bpf_fd) == 0 && offsetof(bpf_attr, info.info_len) == 4 &&
+              offsetof(bpf_attr, info.info) == 8);
+
+uint64_t ptrToU64(const void* ptr) {
+  return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(ptr));
+}
+
+int bpfCall(int cmd, Attr& a) {
+  return static_cast<int>(syscall(SYS_bpf, cmd, &a.attr, kAttrSize));
+}
+
+int mapElemCall(int cmd, int fd, const void* key, const void* valueOrNext, uint64_t flags) {
+  Attr a;
+  memset(&a, 0, sizeof(a));
+  a.attr.map_fd = static_cast<uint32_t>(fd);
+  a.attr.key = ptrToU64(key);
+  a.attr.value = ptrToU64(valueOrNext);
+  a.attr.flags = flags;
+  return bpfCall(cmd, a);
+}
+
+}  // namespace
+
+int mapLookupElem(int fd, const void* key, void* value) {
+  return mapElemCall(BPF_MAP_LOOKUP_ELEM, fd, key, value, 0);
+}
+
+int mapUpdateElem(int fd, const void* key, const void* value, uint64_t flags) {
+  return mapElemCall(BPF_MAP_UPDATE_ELEM, fd, key, value, flags);
+}
+
+int mapDeleteElem(int fd, const void* key) {
+  return mapElemCall(BPF_MAP_DELETE_ELEM, fd, key, nullptr, 0);
+}
+
+int mapGetNextKey(int fd, const void* key, void* nextKey) {
+  return mapElemCall(BPF_MAP_GET_NEXT_KEY, fd, key, nextKey, 0);
+}
+
+int bpfObjGet(const char* path, uint32_t fileFlags) {
+  Attr a;
+  memset(&a, 0, sizeof(a));
+  a.attr.pathname = ptrToU64(path);
+  a.attr.file_flags = fileFlags;
+  return bpfCall(BPF_OBJ_GET, a);
+}
+
+int bpfObjGetInfoByFd(int fd, void* info, uint32_t* infoLen) {
+  Attr a;
+  memset(&a, 0, sizeof(a));
+  a.attr.info.bpf_fd = static_cast<uint32_t>(fd);
+  a.attr.info.info_len = *infoLen;
+  a.attr.info.info = ptrToU64(info);
+  const int ret = bpfCall(BPF_OBJ_GET_INFO_BY_FD, a);
+  if (ret == 0) *infoLen = a.attr.info.info_len;
+  return ret;
+}
+
+}  // namespace zelkora
+}  // namespace com

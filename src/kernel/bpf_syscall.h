@@ -1,0 +1,25 @@
+// One wrapper per bpf(2) command. Each returns what the system call returns: 0 or a descriptor
+// on success, -1 with errno set by the kernel on failure.
+#pragma once
+
+#include <linux/bpf.h>
+
+#include <cstdint>
+
+namespace com {
+namespace zelkora {
+
+// Copies the value of `key` into `value`; per-CPU maps need one value slot per possible CPU.
+int mapLookupElem(int fd, const void* key, void* value);
+// `flags`: BPF_ANY, BPF_NOEXIST or BPF_EXIST.
+int mapUpdateElem(int fd, const void* key, const void* value, uint64_t flags);
+int mapDeleteElem(int fd, const void* key);
+// With a null `key`, the map's first key; ENOENT when there is no further key.
+int mapGetNextKey(int fd, const void* key, void* nextKey);
+// Opens a pinned object; `fileFlags` 0, BPF_F_RDONLY or BPF_F_WRONLY.
+int bpfObjGet(const char* path, uint32_t fileFlags);
+// Fills `info` with up to `*infoLen` bytes and sets `*infoLen` to what the kernel wrote.
+int bpfObjGetInfoByFd(int fd, void* info, uint32_t* infoLen);
+
+}  // namespace zelkora
+}  // namespace com

@@ -1,0 +1,51 @@
+#include "query/fold.h"
+
+#include <algorithm>
+
+namespace com {
+namespace zelkora {
+
+FoldLayout makeFoldLayout(const std::vector<std::vector<uint64_t>>& freqTable,
+                          const std::vector<std::vector<uint64_t>>& relatedCpus,
+                          const std::vector<uint64_t>& cpuSlot, uint32_t blockCount) {
+  FoldLayout layout;
+  layout.blockCount = blockCount;
+  const size_t policies = std::min(freqTable.size(), relatedCpus.size());
+  layout.policyBegin.reserve(policies + 1);
+  layout.slotCount.reserve(policies);
+  for (size_t p = 0; p < policies; ++p) {
+    layout.policyBegin.push_back(static_cast<uint32_t>(layout.blocks.size()));
+    layout.slotCount.push_back(
+        static_cast<uint32_t>(std::min<size_t>(freqTable[p].size(), kFreqSlots)));
+    for (uint64_t cpu : relatedCpus[p]) {
+      if (cpu >= cpuSlot.size()) continue;
+      const uint64_t block = cpuSlot[cpu];
+      if (block < blockCount) layout.blocks.push_back(static_cast<uint32_t>(block));
+    }
+  }
+  layout.policyBegin.push_back(static_cast<uint32_t>(layout.blocks.size()));
+  return layout;
+}
+
+TimeInStateVector zeroTimeInState(const std::vector<std::vector<uint64_t>>& freqTable) {
+  TimeInStateVector zeros;
+  zeros.reserve(freqTable.size());
+  for (const auto& freqs : freqTable) zeros.emplace_back(freqs.size(), 0);
+  return zeros;
+}
+
+void foldPerCpuValue(const FoldLayout& layout, const time_in_state_block_t* blocks,
+                     TimeInStateVector& out) {
+  const size_t policies = layout.slotCount.size();
+  for (size_t p = 0; p < policies; ++p) {
+    uint64_t* __restrict dst = out[p].data();
+    const uint32_t slots = layout.slotCount[p];
+    for (uint32_t i = layout.policyBegin[p]; i < layout.policyBegin[p + 1]; ++i) {
+      const uint64_t* __restrict src = blocks[layout.blocks[i]].slot;
+      for (uint32_t j = 0; j < slots; ++j) dst[j] += src[j];
+    }
+  }
+}
+
+}  // namespace zelkora
+}  // namespace com

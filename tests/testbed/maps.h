@@ -1,0 +1,95 @@
+// Real BPF maps with the kernel object's exact records, created with bpf(2) and pinned at the
+// library's paths inside the test's private bpffs.
+#pragma once
+
+#include <android-base/unique_fd.h>
+#include <linux/bpf.h>
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/map_records.h"
+
+namespace zelk::testbed {
+
+enum class MapId {
+  ProcessTime,
+  KthreadTime,
+  TotalTime,
+  TopTime,
+  BgTime,
+  PidAdjUpdate,
+  ClearTime,
+  PidAdj,
+  PidComm,
+  CpuPolicy,
+  FreqToIdx,
+  CpuLastUpdate,
+  PolicyFreqIdx,
+};
+
+struct MapDef {
+  const char* name;
+  bpf_map_type type;
+  uint32_t keySize;
+  uint32_t valueSize;
+  uint32_t maxEntries;
+};
+
+// The nine maps that the library opens at initialisation, in its opening order.
+inline constexpr MapId kLibraryMaps[] = {
+    MapId::ProcessTime,  MapId::KthreadTime, MapId::TotalTime, MapId::TopTime, MapId::BgTime,
+    MapId::PidAdjUpdate, MapId::ClearTime,   MapId::PidAdj,    MapId::PidComm,
+};
+inline constexpr MapId kAllMaps[] = {
+    MapId::ProcessTime,   MapId::KthreadTime,  MapId::TotalTime, MapId::TopTime,
+    MapId::BgTime,        MapId::PidAdjUpdate, MapId::ClearTime, MapId::PidAdj,
+    MapId::PidComm,       MapId::CpuPolicy,    MapId::FreqToIdx, MapId::CpuLastUpdate,
+    MapId::PolicyFreqIdx,
+};
+
+const MapDef& catalogue(MapId id);
+std::string pinPath(MapId id);
+
+struct MapOptions {
+  std::set<MapId> omit;             // not created, not pinned
+  std::map<MapId, MapDef> replace;  // pinned instead of the catalogue's map
+};
+
+class Maps {
+ public:
+  // Creates and pins the maps; "" on success, else what failed.
+  std::string create(const MapOptions& options = {});
+  // Creates and pins one map that create() left out.
+  std::string pin(MapId id, const MapDef* def = nullptr);
+  // Removes a map's pin; the map lives on while fd(id) is open.
+  void unpin(MapId id);
+  // After this the kernel refuses updates and deletes from user space with EPERM.
+  std::string freeze(MapId id);
+  int fd(MapId id) const;
+
+ private:
+  std::map<MapId, android::base::unique_fd> fds_;
+};
+
+// Possible CPUs: the number of blocks the kernel reads and writes for a per-CPU value.
+uint32_t possibleCpus();
+
+using PerCpuValue = std::vector<com::zelkora::time_in_state_block_t>;
+// Zeroed, one block per possible CPU.
+PerCpuValue perCpuValue();
+
+// Records built by hand (not with the library's conversions, which the tests check).
+com::zelkora::process_key_t processKey(const std::string& comm, uint64_t flag);
+com::zelkora::process_info_t processInfo(const std::string& comm);
+
+// Element operations that report failures to gtest; they return success.
+bool update(int fd, const void* key, const void* value, uint64_t flags = BPF_ANY);
+bool lookup(int fd, const void* key, void* value);
+// Number of keys in a map, by walking it.
+size_t countKeys(int fd, uint32_t keySize);
+
+}  // namespace zelk::testbed
