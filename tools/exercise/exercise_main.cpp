@@ -1,0 +1,75 @@
+// zelk-exercise: configures a pinned zelkCputimeInState like the library (one policy over all
+// CPUs), attaches its programs and runs a scheduler-heavy load: pairs of threads passing a byte
+// back and forth through pipes, so that nearly every pass is a context switch. The programs'
+// own statistics (kernel.bpf_stats_enabled) then give their cost per event.
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "object_setup.h"
+
+namespace {
+
+std::atomic<bool> gStop{false};
+std::atomic<uint64_t> gPasses{0};
+
+void pingPong(int in, int out, bool starts) {
+  char byte = 0;
+  uint64_t passes = 0;
+  if (starts && write(out, &byte, 1) != 1) return;
+  while (!gStop.load(std::memory_order_relaxed)) {
+    if (read(in, &byte, 1) != 1 || write(out, &byte, 1) != 1) break;
+    ++passes;
+  }
+  gPasses += passes;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int seconds = 10;
+  int pairs = 8;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    if (strcmp(argv[i], "--seconds") == 0) seconds = atoi(argv[i + 1]);
+    if (strcmp(argv[i], "--pairs") == 0) pairs = atoi(argv[i + 1]);
+  }
+  if (seconds <= 0 || pairs <= 0) {
+    fprintf(stderr, "usage: zelk-exercise [--seconds N] [--pairs N]\n");
+    return 2;
+  }
+  std::string error = zelk::exercise::configure(
+      {zelk::exercise::wholeMachinePolicy({300000, 600000, 900000}, /*currentIndex=*/2)});
+  zelk::exercise::Attachment attachment;
+  if (error.empty()) error = attachment.attach();
+  if (!error.empty()) {
+    fprintf(stderr, "zelk-exercise: %s\n", error.c_str());
+    return 1;
+  }
+
+  std::vector<std::thread> threads;
+  std::vector<int> pipes;
+  for (int i = 0; i < pairs; ++i) {
+    int there[2], back[2];
+    if (pipe(there) != 0 || pipe(back) != 0) {
+      perror("zelk-exercise: pipe");
+      return 1;
+    }
+    pipes.insert(pipes.end(), {there[0], there[1], back[0], back[1]});
+    threads.emplace_back(pingPong, back[0], there[1], true);
+    threads.emplace_back(pingPong, there[0], back[1], false);
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(seconds));
+  gStop = true;
+  // Closing the write ends wakes every blocked reader.
+  for (size_t i = 1; i < pipes.size(); i += 2) close(pipes[i]);
+  for (std::thread& thread : threads) thread.join();
+  printf("%d thread pairs, %llu passes in %d s\n", pairs,
+         static_cast<unsigned long long>(gPasses.load()), seconds);
+  return 0;
+}
