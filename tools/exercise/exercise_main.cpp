@@ -1,7 +1,12 @@
 // zelk-exercise: configures a pinned zelkCputimeInState like the library (one policy over all
 // CPUs), attaches its programs and runs a scheduler-heavy load: pairs of threads passing a byte
-// back and forth through pipes, so that nearly every pass is a context switch. The programs'
-// own statistics (kernel.bpf_stats_enabled) then give their cost per event.
+// back and forth through pipes, so that nearly every pass is a context switch, and a stream of
+// short-lived processes that rename themselves and change their oom_score_adj, for the other
+// programs. The programs' own statistics (kernel.bpf_stats_enabled) then give their cost per
+// event.
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +23,7 @@ namespace {
 
 std::atomic<bool> gStop{false};
 std::atomic<uint64_t> gPasses{0};
+std::atomic<uint64_t> gProcesses{0};
 
 void pingPong(int in, int out, bool starts) {
   char byte = 0;
@@ -28,6 +34,28 @@ void pingPong(int in, int out, bool starts) {
     ++passes;
   }
   gPasses += passes;
+}
+
+void writeAdj(const char* adj) {
+  const int fd = open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC);
+  if (fd < 0 || write(fd, adj, strlen(adj)) < 0) _exit(1);
+  close(fd);
+}
+
+void churn() {
+  uint64_t processes = 0;
+  while (!gStop.load(std::memory_order_relaxed)) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      prctl(PR_SET_NAME, "zelkchurn", 0, 0, 0);
+      writeAdj("900");
+      writeAdj("0");
+      _exit(0);
+    }
+    if (pid < 0 || waitpid(pid, nullptr, 0) != pid) break;
+    ++processes;
+  }
+  gProcesses = processes;
 }
 
 }  // namespace
@@ -64,12 +92,14 @@ int main(int argc, char** argv) {
     threads.emplace_back(pingPong, back[0], there[1], true);
     threads.emplace_back(pingPong, there[0], back[1], false);
   }
+  threads.emplace_back(churn);
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
   gStop = true;
   // Closing the write ends wakes every blocked reader.
   for (size_t i = 1; i < pipes.size(); i += 2) close(pipes[i]);
   for (std::thread& thread : threads) thread.join();
-  printf("%d thread pairs, %llu passes in %d s\n", pairs,
-         static_cast<unsigned long long>(gPasses.load()), seconds);
+  printf("%d thread pairs, %llu passes, %llu short-lived processes in %d s\n", pairs,
+         static_cast<unsigned long long>(gPasses.load()),
+         static_cast<unsigned long long>(gProcesses.load()), seconds);
   return 0;
 }
