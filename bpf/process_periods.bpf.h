@@ -1,9 +1,11 @@
 /* The pid maps and the foreground/background periods of processes.
  *
  * Per process (keyed by its pid, the thread-group id) the maps hold its name, its oom_score_adj
- * and the moment from which that value counts. When the class or the name changes or the
+ * and the moment from which that value counts. When the value or the name changes or the
  * process ends, the period since that moment (or since the last clear, if later) is added to
- * the name's top or background total; the library adds the still-open period itself.
+ * the name's top or background total; the library adds the still-open period itself. A change
+ * within one class closes a period too, since the moment must always be the value's last
+ * change.
  *
  * Invariant the library relies on: a pid in pid_to_adj_map always has a pid_to_comm_map entry.
  * So the name is written before the adj value, and the adj value is deleted first. */
