@@ -1,6 +1,8 @@
 /* An object the verifier must refuse: it reads past the end of a map value. */
+/* clang-format off */
 #include <linux/bpf.h>
 #include <bpf/bpf_helpers.h>
+/* clang-format on */
 
 struct {
   __uint(type, BPF_MAP_TYPE_ARRAY);
