@@ -2,6 +2,7 @@
 
 #include <bpf/bpf.h>
 
+#include <cstring>
 #include <ctime>
 
 #include "object_loader.h"
@@ -46,6 +47,19 @@ uint64_t totalTime(const PerCpuValue& value) {
   uint64_t sum = 0;
   for (size_t slot = 0; slot < com::zelkora::kFreqSlots; ++slot) sum += slotTime(value, slot);
   return sum;
+}
+
+std::vector<com::zelkora::process_key_t> timeKeys(int fd) {
+  std::vector<com::zelkora::process_key_t> keys;
+  com::zelkora::process_key_t next;
+  while (bpf_map_get_next_key(fd, keys.empty() ? nullptr : &keys.back(), &next) == 0) {
+    keys.push_back(next);
+  }
+  return keys;
+}
+
+std::string nameOf(const com::zelkora::process_key_t& key) {
+  return std::string(key.comm, strnlen(key.comm, sizeof(key.comm)));
 }
 
 std::optional<uint64_t> lookupU64(int fd, const void* key) {

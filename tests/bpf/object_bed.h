@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "maps.h"
 #include "namespace.h"
@@ -31,6 +32,10 @@ std::optional<PerCpuValue> lookupTimes(int fd, const void* key);
 // Time of one slot summed over CPUs, and of all slots.
 uint64_t slotTime(const PerCpuValue& value, size_t slot);
 uint64_t totalTime(const PerCpuValue& value);
+
+// Every key of a process or kernel-thread map, and the name it holds.
+std::vector<com::zelkora::process_key_t> timeKeys(int fd);
+std::string nameOf(const com::zelkora::process_key_t& key);
 
 // A plain u64 value (top/bg totals, times), or nothing when the key has no entry.
 std::optional<uint64_t> lookupU64(int fd, const void* key);
