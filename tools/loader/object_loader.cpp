@@ -138,6 +138,8 @@ std::vector<std::string> allPaths(const PinList& pins) {
 }  // namespace
 
 Outcome load(const LoadOptions& options) {
+  // libbpf would otherwise print its own lines; what matters goes into the one message.
+  LibbpfMessages messages;
   const PinList pins = objectPins(options.object);
   if (!pins.error.empty()) return failed(pins.error);
   const std::string mountError = mountBpffs();
@@ -161,7 +163,6 @@ Outcome load(const LoadOptions& options) {
   if (error.empty()) error = checkKernelBtf();
   if (!error.empty()) return failed(error);
 
-  LibbpfMessages messages;
   LIBBPF_OPTS(bpf_object_open_opts, openOptions, .object_name = kObjectName);
   ObjectPtr object(bpf_object__open_mem(options.object.data, options.object.size, &openOptions));
   if (!object) return failed(withErrno("cannot read the BPF object", errno));
@@ -180,6 +181,7 @@ Outcome load(const LoadOptions& options) {
 }
 
 Outcome unload(ObjectBytes object) {
+  LibbpfMessages messages;
   const PinList pins = objectPins(object);
   if (!pins.error.empty()) return failed(pins.error);
   size_t removed = 0;
