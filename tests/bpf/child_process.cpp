@@ -111,13 +111,26 @@ std::optional<uint64_t> runtimeNs(pid_t pid) {
 }
 
 bool waitUntilBlocked(pid_t pid, milliseconds timeout) {
+  // A task shows S as soon as it means to sleep, before it leaves the CPU, and its runtime is
+  // brought up to date only at ticks and switches: so it also has to stop growing.
+  constexpr milliseconds kSettled(20);
+  std::optional<uint64_t> seen;
+  auto seenAt = std::chrono::steady_clock::now();
   return eventually(
-      [pid] {
+      [&] {
         std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-        std::string text((std::istreambuf_iterator<char>(file)), {});
+        const std::string text((std::istreambuf_iterator<char>(file)), {});
         const size_t paren = text.rfind(')');
-        return paren != std::string::npos && paren + 2 < text.size() &&
-               (text[paren + 2] == 'S' || text[paren + 2] == 'D');
+        const bool sleeping = paren != std::string::npos && paren + 2 < text.size() &&
+                              (text[paren + 2] == 'S' || text[paren + 2] == 'D');
+        const auto runtime = runtimeNs(pid);
+        const auto now = std::chrono::steady_clock::now();
+        if (!sleeping || runtime != seen) {
+          seen = runtime;
+          seenAt = now;
+          return false;
+        }
+        return now - seenAt >= kSettled;
       },
       timeout);
 }

@@ -55,7 +55,8 @@ void sleepFor(milliseconds duration);
 
 // Nanoseconds the task has run, from /proc/<pid>/schedstat; nothing if it cannot be read.
 std::optional<uint64_t> runtimeNs(pid_t pid);
-// Waits until the task sleeps (state S or D); false after `timeout`.
+// Waits until the task sleeps (state S or D) off the CPU, its runtime settled; false after
+// `timeout`.
 bool waitUntilBlocked(pid_t pid, milliseconds timeout);
 // Polls `done` every few milliseconds; false after `timeout`.
 bool eventually(const std::function<bool()>& done, milliseconds timeout);
