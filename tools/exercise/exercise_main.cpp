@@ -1,9 +1,9 @@
 // zelk-exercise: configures a pinned zelkCputimeInState like the library (one policy over all
 // CPUs), attaches its programs and runs a scheduler-heavy load: pairs of threads passing a byte
-// back and forth through pipes, so that nearly every pass is a context switch, and a stream of
-// short-lived processes that rename themselves and change their oom_score_adj, for the other
-// programs. The programs' own statistics (kernel.bpf_stats_enabled) then give their cost per
-// event.
+// back and forth through pipes, so that nearly every pass is a context switch; with --churn also
+// a stream of short-lived processes that rename themselves and change their oom_score_adj, for
+// the other programs. The programs' own statistics (kernel.bpf_stats_enabled) then give their
+// cost per event.
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -63,12 +63,20 @@ void churn() {
 int main(int argc, char** argv) {
   int seconds = 10;
   int pairs = 8;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    if (strcmp(argv[i], "--seconds") == 0) seconds = atoi(argv[i + 1]);
-    if (strcmp(argv[i], "--pairs") == 0) pairs = atoi(argv[i + 1]);
+  bool churning = false;
+  for (int i = 1; i < argc; ++i) {
+    if (strcmp(argv[i], "--churn") == 0) {
+      churning = true;
+    } else if (strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
+      seconds = atoi(argv[++i]);
+    } else if (strcmp(argv[i], "--pairs") == 0 && i + 1 < argc) {
+      pairs = atoi(argv[++i]);
+    } else {
+      seconds = 0;
+    }
   }
   if (seconds <= 0 || pairs <= 0) {
-    fprintf(stderr, "usage: zelk-exercise [--seconds N] [--pairs N]\n");
+    fprintf(stderr, "usage: zelk-exercise [--seconds N] [--pairs N] [--churn]\n");
     return 2;
   }
   std::string error = zelk::exercise::configure(
@@ -92,7 +100,7 @@ int main(int argc, char** argv) {
     threads.emplace_back(pingPong, back[0], there[1], true);
     threads.emplace_back(pingPong, there[0], back[1], false);
   }
-  threads.emplace_back(churn);
+  if (churning) threads.emplace_back(churn);
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
   gStop = true;
   // Closing the write ends wakes every blocked reader.
