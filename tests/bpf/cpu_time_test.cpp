@@ -12,10 +12,10 @@
 #include <string>
 #include <thread>
 
-#include "child_process.h"
 #include "object_bed.h"
 #include "object_loader.h"
 #include "object_setup.h"
+#include "scripted_child.h"
 
 namespace zelk::testbed {
 namespace {

@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <set>
 
-#include "child_process.h"
 #include "object_bed.h"
 #include "object_setup.h"
+#include "scripted_child.h"
 
 namespace zelk::testbed {
 namespace {

@@ -1,4 +1,4 @@
-#include "child_process.h"
+#include "scripted_child.h"
 
 #include <fcntl.h>
 #include <poll.h>
