@@ -60,9 +60,7 @@ int showFreqs() {
   return 0;
 }
 
-void usage() {
-  fprintf(stderr, "usage: zelkcputime freqs\n");
-}
+void usage() { fprintf(stderr, "usage: zelkcputime freqs\n"); }
 
 }  // namespace
 
