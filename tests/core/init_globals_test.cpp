@@ -1,4 +1,5 @@
 // Lazy initialisation: discovery plus the nine map opens, its retries and its single run.
+#include <bpf/bpf.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -93,6 +94,81 @@ TEST_P(MissingMapTest, EachAttemptLogsOneErrorWithThePathAndRetriesFromScratch) 
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryLibraryMap, MissingMapTest, ::testing::Range<size_t>(0, 9));
+
+struct WrongShape {
+  MapId id;
+  zelk::testbed::MapDef def;
+  const char* mismatch;
+};
+
+class WrongShapeTest : public InitGlobalsTest, public ::testing::WithParamInterface<WrongShape> {};
+
+TEST_P(WrongShapeTest, IsRefusedLikeAMissingMapAndTheRightOneIsTakenLater) {
+  const WrongShape& wrong = GetParam();
+  zelk::testbed::MapOptions options;
+  options.replace = {{wrong.id, wrong.def}};
+  ASSERT_EQ(maps_.create(options), "");
+  zelk::testbed::addPolicy("policy0", {100}, {0});
+
+  const size_t fds = zelk::testbed::openFdCount();
+  EXPECT_EQ(getCpuFreqs(), std::nullopt);
+  EXPECT_EQ(getTotalCpuFreqTimes(), std::nullopt);
+  const auto lines = log_.lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(zelk::testbed::withoutLine(lines[0].text), "[initGlobals:N] Unexpected bpf map " +
+                                                           zelk::testbed::pinPath(wrong.id) + ": " +
+                                                           wrong.mismatch);
+  EXPECT_EQ(zelk::testbed::openFdCount(), fds + 8) << "the eight maps before it stay open";
+
+  maps_.unpin(wrong.id);
+  ASSERT_EQ(maps_.pin(wrong.id), "");
+  EXPECT_EQ(getCpuFreqs(), (Table{{100}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Maps, WrongShapeTest,
+    ::testing::Values(WrongShape{MapId::PidComm,
+                                 {"pid_to_comm_map", BPF_MAP_TYPE_HASH, 4, 32, 16},
+                                 "value size 32, expected 16"},
+                      WrongShape{
+                          MapId::PidComm,
+                          {"pid_to_comm_map", BPF_MAP_TYPE_PERCPU_HASH, 8, 16, 16},
+                          "key size 8, expected 4; map type 5 is per-CPU, expected not per-CPU"},
+                      WrongShape{MapId::PidComm,
+                                 {"pid_to_comm_map", BPF_MAP_TYPE_LRU_PERCPU_HASH, 4, 16, 16},
+                                 "map type 10 is per-CPU, expected not per-CPU"}));
+
+TEST_F(InitGlobalsTest, ShapeOfTimeInStateMapsIsCheckedToo) {
+  zelk::testbed::MapOptions options;
+  options.replace = {{MapId::ProcessTime, {"process_time", BPF_MAP_TYPE_HASH, 24, 256, 16}}};
+  ASSERT_EQ(maps_.create(options), "");
+  zelk::testbed::addPolicy("policy0", {100}, {0});
+  EXPECT_EQ(getCpuFreqs(), std::nullopt);
+  ASSERT_EQ(log_.lines().size(), 1u);
+  EXPECT_EQ(zelk::testbed::withoutLine(log_.lines()[0].text),
+            "[initGlobals:N] Unexpected bpf map " + zelk::testbed::pinPath(MapId::ProcessTime) +
+                ": map type 1 is not per-CPU, expected per-CPU");
+}
+
+TEST_F(InitGlobalsTest, ProgramPinnedAtAMapPathIsRefused) {
+  zelk::testbed::MapOptions options;
+  options.omit = {MapId::ClearTime};
+  ASSERT_EQ(maps_.create(options), "");
+  zelk::testbed::addPolicy("policy0", {100}, {0});
+  struct bpf_insn insns[2] = {};
+  insns[0].code = BPF_ALU64 | BPF_MOV | BPF_K;
+  insns[1].code = BPF_JMP | BPF_EXIT;
+  android::base::unique_fd prog(
+      bpf_prog_load(BPF_PROG_TYPE_TRACEPOINT, "decoy", "GPL", insns, 2, nullptr));
+  ASSERT_GE(prog.get(), 0);
+  ASSERT_EQ(bpf_obj_pin(prog.get(), zelk::testbed::pinPath(MapId::ClearTime).c_str()), 0);
+
+  EXPECT_EQ(getTotalCpuFreqTimes(), std::nullopt);
+  ASSERT_EQ(log_.lines().size(), 1u);
+  EXPECT_EQ(zelk::testbed::withoutLine(log_.lines()[0].text),
+            "[initGlobals:N] Unexpected bpf map " + zelk::testbed::pinPath(MapId::ClearTime) +
+                ": not a map");
+}
 
 TEST_F(InitGlobalsTest, ConcurrentFirstCallsRunOneDiscovery) {
   ASSERT_EQ(maps_.create(), "");
