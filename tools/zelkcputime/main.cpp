@@ -54,7 +54,7 @@ int showFreqs() {
   }
   for (size_t p = 0; p < table->size(); ++p) {
     printf("policy %zu:", p);
-    for (uint64_t khz : (*table)[p]) printf(" %.0f", khz / 1000.0);
+    for (uint64_t khz : (*table)[p]) printf(" %llu", static_cast<unsigned long long>(khz / 1000));
     printf(" MHz\n");
   }
   return 0;
