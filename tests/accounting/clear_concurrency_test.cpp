@@ -1,6 +1,6 @@
 // Whole-map clears against walks of the same map on other threads. The test refills a map only
-// under the map's lock held exclusively, so a reader that sees anything but an empty or a full
-// map has seen a half-cleared one.
+// while holding the map's lock exclusively, so a reader that sees anything but an empty or a
+// full table, or fails, has walked a half-cleared map.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -22,14 +22,6 @@ namespace {
 using zelk::testbed::MapId;
 
 constexpr int kKeys = 100;
-constexpr int kClears = 150;
-constexpr int kReaders = 2;
-
-struct Outcome {
-  std::atomic<int> failures{0};
-  std::atomic<int> partial{0};
-  std::atomic<int> reads{0};
-};
 
 class ClearConcurrencyTest : public zelk::testbed::KernelTest {
  protected:
@@ -40,83 +32,62 @@ class ClearConcurrencyTest : public zelk::testbed::KernelTest {
     zelk::testbed::addMachinePolicy({100});
     ASSERT_TRUE(ensureGlobals());
   }
-  // Runs `clearAndRefill` kClears times while kReaders threads run `read`, which returns the
-  // table's size or -1 for a failed query.
-  template <typename Clear, typename Read>
-  void race(Clear clearAndRefill, Read read, Outcome& outcome) {
+  // Two readers run `size` (a table's size, -1 for a failed query) while this thread clears and
+  // refills 150 times.
+  template <typename Query>
+  void race(bool (*clear)(), std::shared_mutex& lock, void (*putKey)(int fd, int i), int fd,
+            Query query) {
+    auto refill = [&] {
+      std::unique_lock<std::shared_mutex> exclusive(lock);
+      for (int i = 0; i < kKeys; ++i) putKey(fd, i);
+    };
+    refill();
     std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    std::atomic<int> reads{0};
     std::vector<std::thread> readers;
-    for (int r = 0; r < kReaders; ++r) {
+    for (int r = 0; r < 2; ++r) {
       readers.emplace_back([&] {
         while (!stop.load()) {
-          const int size = read();
-          if (size < 0) ++outcome.failures;
-          if (size != 0 && size != kKeys) ++outcome.partial;
-          ++outcome.reads;
+          const auto table = query();
+          if (!table || (!table->empty() && table->size() != kKeys)) ++bad;
+          ++reads;
           // The lock prefers readers; back-to-back readers would starve the clearer.
           std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
       });
     }
-    for (int i = 0; i < kClears; ++i) clearAndRefill();
+    for (int i = 0; i < 150; ++i) {
+      EXPECT_TRUE(clear());
+      refill();
+    }
     stop = true;
     for (auto& reader : readers) reader.join();
+    EXPECT_EQ(bad, 0) << "of " << reads << " walks";
+    EXPECT_GT(reads, 0);
   }
   zelk::testbed::Maps maps_;
 };
 
 TEST_F(ClearConcurrencyTest, ProcessWalksNeverSeeAHalfClearedMap) {
-  const int fd = maps_.fd(MapId::ProcessTime);
-  const zelk::testbed::PerCpuValue value = zelk::testbed::perCpuValue();
-  auto refill = [&] {
-    std::unique_lock<std::shared_mutex> lock(gProcessTimeLock);
-    for (int i = 0; i < kKeys; ++i) {
-      const process_key_t key = zelk::testbed::processKey("task" + std::to_string(i), 0);
-      zelk::testbed::update(fd, &key, value.data());
-    }
-  };
-  refill();
-  Outcome outcome;
   race(
-      [&] {
-        EXPECT_TRUE(clearProcessTimes());
-        refill();
+      clearProcessTimes, gProcessTimeLock,
+      [](int fd, int i) {
+        const process_key_t key = zelk::testbed::processKey(std::to_string(i), 0);
+        zelk::testbed::update(fd, &key, zelk::testbed::perCpuValue().data());
       },
-      [] {
-        const auto table = getProcessCpuFreqTimes();
-        return table ? static_cast<int>(table->size()) : -1;
-      },
-      outcome);
-  EXPECT_EQ(outcome.failures, 0);
-  EXPECT_EQ(outcome.partial, 0);
-  EXPECT_GT(outcome.reads, 0);
+      maps_.fd(MapId::ProcessTime), getProcessCpuFreqTimes);
 }
 
 TEST_F(ClearConcurrencyTest, TopTimeWalksNeverSeeAHalfClearedMap) {
-  const int fd = maps_.fd(MapId::TopTime);
-  auto refill = [&] {
-    std::unique_lock<std::shared_mutex> lock(gTopBgTimeLock);
-    for (int i = 0; i < kKeys; ++i) {
-      const process_info_t key = zelk::testbed::processInfo("task" + std::to_string(i));
-      const uint64_t time = i;
-      zelk::testbed::update(fd, &key, &time);
-    }
-  };
-  refill();
-  Outcome outcome;
   race(
-      [&] {
-        EXPECT_TRUE(clearTopAndBgTimes());
-        refill();
+      clearTopAndBgTimes, gTopBgTimeLock,
+      [](int fd, int i) {
+        const process_info_t key = zelk::testbed::processInfo(std::to_string(i));
+        const uint64_t time = 1;
+        zelk::testbed::update(fd, &key, &time);
       },
-      [] {
-        const auto table = getProcessTopTimes();
-        return table ? static_cast<int>(table->size()) : -1;
-      },
-      outcome);
-  EXPECT_EQ(outcome.failures, 0);
-  EXPECT_EQ(outcome.partial, 0);
-  EXPECT_GT(outcome.reads, 0);
+      maps_.fd(MapId::TopTime), getProcessTopTimes);
 }
 
 }  // namespace
