@@ -30,13 +30,13 @@ bool zeroThenDelete(int fd, const void* key) {
 
 bool clearProcessTimes() {
   if (!ensureGlobals()) return false;
-  std::unique_lock<std::shared_mutex> lock(gProcessTimeLock);
+  std::unique_lock<RwLock> lock(gProcessTimeLock);
   return clearMap(gProcessTimeFd, process_key_t{}, "processMap");
 }
 
 bool clearKthreadTimes() {
   if (!ensureGlobals()) return false;
-  std::unique_lock<std::shared_mutex> lock(gKthreadTimeLock);
+  std::unique_lock<RwLock> lock(gKthreadTimeLock);
   return clearMap(gKthreadTimeFd, process_key_t{}, "kthreadMap");
 }
 
@@ -54,7 +54,7 @@ bool clearTimesFromKthread(std::string name) {
 
 bool clearTotalCpuTime() {
   if (!ensureGlobals()) return false;
-  std::unique_lock<std::shared_mutex> lock(gTotalTimeLock);
+  std::unique_lock<RwLock> lock(gTotalTimeLock);
   // An empty map counts as cleared.
   zero_key_t key;
   if (mapGetNextKey(gTotalTimeFd.get(), nullptr, &key) != 0) return errno == ENOENT;
@@ -65,7 +65,7 @@ bool clearTopAndBgTimes() {
   if (!ensureGlobals()) return false;
   // Read before waiting for the lock: live periods may then start a little early, never late.
   const time_value_t now = getTimeSinceBoot();
-  std::unique_lock<std::shared_mutex> lock(gTopBgTimeLock);
+  std::unique_lock<RwLock> lock(gTopBgTimeLock);
   // Written first and kept even when a clear fails: the totals deleted before the failure are
   // gone, so live periods must count from now.
   if (mapUpdateElem(gClearTimeFd.get(), &gTopBgClearKey, &now, BPF_ANY) != 0) return false;

@@ -1,6 +1,7 @@
 #include "accounting/top_bg_times.h"
 
 #include <cerrno>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <utility>
@@ -81,7 +82,7 @@ std::optional<TimeTable> getProcessTime(const android::base::unique_fd& mapFd, b
   if (!ensureGlobals() || mapFd.get() < 0) return std::nullopt;
   TimeTable table;
   const uint64_t now = getTimeSinceBoot();
-  std::shared_lock<std::shared_mutex> lock(gTopBgTimeLock);
+  std::shared_lock<RwLock> lock(gTopBgTimeLock);
   if (!addLivePeriods(table, isTop, now) || !addStoredTotals(table, mapFd.get())) {
     return std::nullopt;
   }

@@ -2,6 +2,7 @@
 #include <android-base/unique_fd.h>
 
 #include <cerrno>
+#include <mutex>
 #include <shared_mutex>
 #include <utility>
 #include <vector>
@@ -20,9 +21,9 @@ namespace {
 enum class TableFlag { FromKey, AlwaysOne };
 
 std::optional<TimeInStateTable> readTaskTable(const android::base::unique_fd& mapFd,
-                                              std::shared_mutex& mapLock, TableFlag flagRule) {
+                                              RwLock& mapLock, TableFlag flagRule) {
   TimeInStateTable table;
-  std::shared_lock<std::shared_mutex> lock(mapLock);
+  std::shared_lock<RwLock> lock(mapLock);
   const int fd = mapFd.get();
   process_key_t key;
   if (mapGetNextKey(fd, nullptr, &key) != 0) {

@@ -1,3 +1,4 @@
+#include <mutex>
 #include <shared_mutex>
 
 #include "core/map_records.h"
@@ -10,7 +11,7 @@ namespace zelkora {
 
 std::optional<std::vector<std::vector<uint64_t>>> getTotalCpuFreqTimes() {
   if (!ensureGlobals()) return std::nullopt;
-  std::shared_lock<std::shared_mutex> lock(gTotalTimeLock);
+  std::shared_lock<RwLock> lock(gTotalTimeLock);
   const zero_key_t key = 0;
   zero_key_t probeKey;
   return readTimeInState(gTotalTimeFd.get(), &key, &probeKey);
