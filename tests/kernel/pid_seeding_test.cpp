@@ -18,6 +18,7 @@
 #include <set>
 
 #include "accounting/clock.h"
+#include "background_threads.h"
 #include "core/map_records.h"
 #include "core/state.h"
 #include "log_capture.h"
@@ -49,20 +50,17 @@ class PidSeedingTest : public zelk::testbed::KernelTest {
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_EQ(maps_.create(), "");
     zelk::testbed::addPolicy("policy0", {300000, 600000}, {0});
-    threadsBefore_ = zelk::testbed::threadCount();
   }
-  void TearDown() override {
-    // The background thread ends once its trigger is refused; it must not outlive the maps.
-    zelk::testbed::waitUntil([&] { return zelk::testbed::threadCount() <= threadsBefore_; }, 10s);
-  }
+  // The background thread uses the library's map descriptors; it must not outlive them.
+  void TearDown() override { threads_.ended(log_); }
 
   // Starts tracking and waits until the background thread has finished seeding (the monitor's
   // first line follows the pass). Returns clock readings taken around it.
-  std::pair<uint64_t, uint64_t> startAndSeed(zelk::testbed::LogCapture& log) {
+  std::pair<uint64_t, uint64_t> startAndSeed() {
     EXPECT_EQ(zelk::testbed::pinPrograms(), "");
     const uint64_t before = getTimeSinceBoot();
     EXPECT_TRUE(startTrackingCpuFreqTime());
-    EXPECT_TRUE(zelk::testbed::waitUntil([&] { return log.count("Trigger:") > 0; }, 10s));
+    EXPECT_TRUE(zelk::testbed::waitUntil([&] { return log_.count("Trigger:") > 0; }, 10s));
     return {before, getTimeSinceBoot()};
   }
 
@@ -89,7 +87,8 @@ class PidSeedingTest : public zelk::testbed::KernelTest {
   }
 
   zelk::testbed::Maps maps_;
-  size_t threadsBefore_ = 0;
+  zelk::testbed::LogCapture log_;
+  zelk::testbed::BackgroundThreads threads_;
 
  private:
   void forEach(MapId id, const std::function<void(int, int32_t)>& visit) const {
@@ -150,8 +149,7 @@ class NamedChild {
 TEST_F(PidSeedingTest, SeedsEveryProcessOfProcWithOneUpdateTime) {
   NamedChild child("abcdefghijklmno", 617);
   ASSERT_TRUE(child.ready());
-  zelk::testbed::LogCapture log;
-  const auto [before, after] = startAndSeed(log);
+  const auto [before, after] = startAndSeed();
 
   const auto seededNames = names();
   const auto seededAdjs = adjs();
@@ -179,10 +177,9 @@ TEST_F(PidSeedingTest, ExistingEntryIsWarnedAboutAndRemovedFromAllThreeMaps) {
   const int16_t oldAdj = 5;
   zelk::testbed::update(maps_.fd(MapId::PidComm), &self, &oldName);
   zelk::testbed::update(maps_.fd(MapId::PidAdj), &self, &oldAdj);
-  zelk::testbed::LogCapture log;
-  startAndSeed(log);
+  startAndSeed();
 
-  const auto warnings = log.matching("to gProCommFd");
+  const auto warnings = log_.matching("to gProCommFd");
   ASSERT_EQ(warnings.size(), 1u);
   EXPECT_EQ(warnings[0].priority, ANDROID_LOG_WARN);
   EXPECT_EQ(zelk::testbed::withoutLine(warnings[0].text),
@@ -202,8 +199,12 @@ class FakeProcTest : public PidSeedingTest {
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_TRUE(initGlobals());  // reads sysfs only, before /proc is replaced
     ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, "mode=0755"), 0) << strerror(errno);
+    mounted_ = true;
   }
-  void TearDown() override {}  // no background thread here, and no /proc/self to watch it by
+  // The real /proc comes back for whatever runs at exit (a leak checker reads it).
+  void TearDown() override {
+    if (mounted_) umount2("/proc", MNT_DETACH);
+  }
 
   static void addProcess(const std::string& name, const char* comm, const char* adj) {
     addDir(name);
@@ -217,6 +218,9 @@ class FakeProcTest : public PidSeedingTest {
   static void addDir(const std::string& name) {
     ASSERT_EQ(mkdir(("/proc/" + name).c_str(), 0755), 0) << name << ": " << strerror(errno);
   }
+
+ private:
+  bool mounted_ = false;
 };
 
 TEST_F(FakeProcTest, WritesWhatEachEntryHoldsAndReportsWhatItCannotRead) {
@@ -234,7 +238,6 @@ TEST_F(FakeProcTest, WritesWhatEachEntryHoldsAndReportsWhatItCannotRead) {
   addProcess("99999999999", "huge\n", "1\n");  // beyond int
   addProcess("107", "e\n", "99999999999\n");
   ASSERT_EQ(symlink("100", "/proc/self"), 0);
-  zelk::testbed::LogCapture log;
   gTrackingStarted.store(true);
 
   const uint64_t before = getTimeSinceBoot();
@@ -257,7 +260,7 @@ TEST_F(FakeProcTest, WritesWhatEachEntryHoldsAndReportsWhatItCannotRead) {
   }
 
   std::multiset<std::string> lines;
-  for (const auto& line : log.lines()) {
+  for (const auto& line : log_.lines()) {
     EXPECT_EQ(line.priority, ANDROID_LOG_ERROR) << line.text;
     lines.insert(zelk::testbed::withoutLine(line.text));
   }
@@ -270,12 +273,11 @@ TEST_F(FakeProcTest, WritesWhatEachEntryHoldsAndReportsWhatItCannotRead) {
 TEST_F(FakeProcTest, RefusedThirdWriteRemovesTheFirstTwo) {
   addProcess("200", "victim\n", "12\n");
   ASSERT_EQ(maps_.freeze(MapId::PidAdj), "");  // user-space writes now fail with EPERM
-  zelk::testbed::LogCapture log;
   gTrackingStarted.store(true);
 
   doInitMap();
 
-  const auto lines = log.lines();
+  const auto lines = log_.lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(zelk::testbed::withoutLine(lines[0].text),
             "[doInitMap:N] Failed to write 200 to gProCommFd, gPidAdjUpdateFd and gProAdjFd, "
@@ -286,10 +288,9 @@ TEST_F(FakeProcTest, RefusedThirdWriteRemovesTheFirstTwo) {
 
 TEST_F(FakeProcTest, NoPassBeforeTrackingHasStarted) {
   addProcess("300", "early\n", "0\n");
-  zelk::testbed::LogCapture log;
   doInitMap();
   EXPECT_TRUE(names().empty());
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log_.lines().empty());
 }
 
 }  // namespace

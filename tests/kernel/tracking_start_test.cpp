@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "background_threads.h"
 #include "core/map_records.h"
 #include "kernel/bpf_lock.h"
 #include "log_capture.h"
@@ -39,18 +40,12 @@ class TrackingStartTest : public zelk::testbed::KernelTest {
     KernelTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_EQ(maps_.create(), "");
-    threadsBefore_ = zelk::testbed::threadCount();
   }
-  void TearDown() override {
-    // A background thread uses the library's map descriptors while it seeds; let it end (its
-    // trigger is refused in this namespace) before the process exits and closes them.
-    threadsEnd();
-  }
-  bool threadsEnd() {
-    return zelk::testbed::waitUntil([&] { return zelk::testbed::threadCount() <= threadsBefore_; },
-                                    10s);
-  }
-  size_t newThreads() const { return zelk::testbed::threadCount() - threadsBefore_; }
+  // A background thread uses the library's map descriptors while it seeds; it must end before
+  // the process exits and closes them.
+  void TearDown() override { threads_.ended(log_); }
+  bool threadsEnd() { return threads_.ended(log_); }
+  size_t newThreads() const { return threads_.running(); }
 
   std::map<uint32_t, uint32_t> cpuPolicies() const { return read32(MapId::CpuPolicy); }
   std::map<uint32_t, uint32_t> currentFreqIndices() const { return read32(MapId::PolicyFreqIdx); }
@@ -75,7 +70,8 @@ class TrackingStartTest : public zelk::testbed::KernelTest {
   }
 
   zelk::testbed::Maps maps_;
-  size_t threadsBefore_ = 0;
+  zelk::testbed::LogCapture log_;
+  zelk::testbed::BackgroundThreads threads_;
 
  private:
   std::map<uint32_t, uint32_t> read32(MapId id) const {
@@ -114,7 +110,6 @@ TEST_F(TrackingStartTest, WritesTheLayoutKeyByKeyAndAttachesEveryProgram) {
   zelk::testbed::update(maps_.fd(MapId::CpuPolicy), &cpu0, &stalePolicy);
   std::vector<uint64_t> staleTimes(zelk::testbed::possibleCpus(), 0xdead);
   zelk::testbed::update(maps_.fd(MapId::CpuLastUpdate), &cpu0, staleTimes.data());
-  zelk::testbed::LogCapture log;
 
   ASSERT_TRUE(startTrackingCpuFreqTime());
 
@@ -131,7 +126,7 @@ TEST_F(TrackingStartTest, WritesTheLayoutKeyByKeyAndAttachesEveryProgram) {
   EXPECT_EQ(currentFreqIndices(), (std::map<uint32_t, uint32_t>{{0, 2}, {1, 3}}))
       << "the current frequency takes the index of its first occurrence";
 
-  const auto success = log.matching("tracking");
+  const auto success = log_.matching("tracking");
   ASSERT_EQ(success.size(), 1u);
   EXPECT_EQ(success[0].priority, ANDROID_LOG_INFO);
   EXPECT_EQ(zelk::testbed::withoutLine(success[0].text), kSuccessLine);
@@ -164,11 +159,11 @@ TEST_F(TrackingStartTest, SecondStartReturnsTrueWithoutWritingAttachingOrLogging
   const std::vector<uint64_t> marker(zelk::testbed::possibleCpus(), 77);
   zelk::testbed::update(maps_.fd(MapId::CpuLastUpdate), &zero, marker.data());
   for (const auto& tp : objectTracepoints()) zelk::testbed::unpinProgram(tp);
-  zelk::testbed::LogCapture log;
+  log_.clear();
 
   EXPECT_TRUE(startTrackingCpuFreqTime());
   EXPECT_EQ(newThreads(), 0u);
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log_.lines().empty());
   EXPECT_TRUE(cpuPolicies().empty());
   EXPECT_EQ(lastUpdate(), marker);
 }
@@ -176,12 +171,11 @@ TEST_F(TrackingStartTest, SecondStartReturnsTrueWithoutWritingAttachingOrLogging
 TEST_F(TrackingStartTest, CurrentFrequencyThatIsNotOneTableEntryFailsBeforeAttaching) {
   addTwoClusters();
   ASSERT_EQ(zelk::testbed::pinPrograms(), "");
-  zelk::testbed::LogCapture log;
   for (const char* current : {"1234\n", "500000 1200000\n", "", "fast\n"}) {
     SCOPED_TRACE(std::string("scaling_cur_freq \"") + current + "\"");
     zelk::testbed::writeCpufreqFile("policy4/scaling_cur_freq", current);
     EXPECT_FALSE(startTrackingCpuFreqTime());
-    EXPECT_TRUE(log.lines().empty()) << "fails silently";
+    EXPECT_TRUE(log_.lines().empty()) << "fails silently";
     EXPECT_EQ(newThreads(), 0u) << "starts no thread";
     EXPECT_EQ(currentFreqIndices(), (std::map<uint32_t, uint32_t>{{0, 2}}))
         << "the first policy's entry was written before the failure, and stays";
@@ -195,13 +189,12 @@ TEST_F(TrackingStartTest, CurrentFrequencyThatIsNotOneTableEntryFailsBeforeAttac
 TEST_F(TrackingStartTest, MissingThirdProgramLeavesTheFirstTwoAttachedAndStillStartsTheThread) {
   addTwoClusters();
   ASSERT_EQ(zelk::testbed::pinPrograms({"sched_process_free"}), "");
-  zelk::testbed::LogCapture log;
 
   EXPECT_FALSE(startTrackingCpuFreqTime());
-  EXPECT_TRUE(zelk::testbed::waitUntil([&] { return log.count("Trigger:") == 1; }, 10s))
+  EXPECT_TRUE(zelk::testbed::waitUntil([&] { return log_.count("Trigger:") == 1; }, 10s))
       << "the background thread runs after a failed attach too";
   ASSERT_TRUE(threadsEnd());
-  const std::vector<std::string> lines = texts(log);
+  const std::vector<std::string> lines = texts(log_);
   ASSERT_GE(lines.size(), 3u);
   EXPECT_EQ(lines[0],
             "[attachTracepointProgram:N] Failed to retrieve program sched_process_free, "
@@ -218,11 +211,11 @@ TEST_F(TrackingStartTest, MissingThirdProgramLeavesTheFirstTwoAttachedAndStillSt
 
   // The retry attaches from the first program again, which the kernel refuses.
   ASSERT_EQ(zelk::testbed::pinProgram(tp[2]), "");
-  log.clear();
+  log_.clear();
   EXPECT_FALSE(startTrackingCpuFreqTime());
-  EXPECT_TRUE(zelk::testbed::waitUntil([&] { return log.count("Trigger:") == 1; }, 10s))
+  EXPECT_TRUE(zelk::testbed::waitUntil([&] { return log_.count("Trigger:") == 1; }, 10s))
       << "each call that reaches the log line starts one more thread";
-  const std::vector<std::string> retry = texts(log);
+  const std::vector<std::string> retry = texts(log_);
   ASSERT_GE(retry.size(), 2u);
   // The kernel's EEXIST for a program that is already on the tracepoint.
   EXPECT_EQ(retry[0],
@@ -254,10 +247,9 @@ TEST_F(TrackingStartTest, ConfigurationMapLockedByAnotherProcessFailsTheStart) {
   char ok = 0;
   ASSERT_EQ(read(ready[0], &ok, 1), 1);
   ASSERT_EQ(ok, 'y') << "the other process could not lock cpu_policy_map";
-  zelk::testbed::LogCapture log;
 
   EXPECT_FALSE(startTrackingCpuFreqTime());
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log_.lines().empty());
   EXPECT_EQ(newThreads(), 0u);
   EXPECT_TRUE(cpuPolicies().empty());
 
@@ -273,10 +265,9 @@ TEST_F(TrackingStartTest, ConfigurationMapLockedByOwnDescriptorFailsTheStart) {
   android::base::unique_fd locked(
       android::bpf::mapRetrieveWO(zelk::testbed::pinPath(MapId::PolicyFreqIdx).c_str()));
   ASSERT_GE(locked.get(), 0);
-  zelk::testbed::LogCapture log;
 
   EXPECT_FALSE(startTrackingCpuFreqTime());
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log_.lines().empty());
   EXPECT_EQ(newThreads(), 0u);
   EXPECT_EQ(cpuPolicies().size(), 8u) << "maps before the locked one are written";
   EXPECT_TRUE(currentFreqIndices().empty());
@@ -289,10 +280,9 @@ TEST_F(TrackingStartTest, RefusedConfigurationWriteFailsTheStart) {
   addTwoClusters();
   ASSERT_EQ(zelk::testbed::pinPrograms(), "");
   ASSERT_EQ(maps_.freeze(MapId::CpuLastUpdate), "");  // user-space updates now fail with EPERM
-  zelk::testbed::LogCapture log;
 
   EXPECT_FALSE(startTrackingCpuFreqTime());
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log_.lines().empty());
   EXPECT_EQ(newThreads(), 0u);
   EXPECT_TRUE(currentFreqIndices().empty()) << "the start stops at the refused write";
 }
@@ -312,9 +302,8 @@ TEST_F(TrackingStartTest, PolicyWithoutCpusGetsNoCurrentFrequencyEntry) {
 
 TEST_F(TrackingStartTest, FailsQuietlyWhenTheLibraryCannotInitialise) {
   ASSERT_EQ(zelk::testbed::pinPrograms(), "");  // but no cpufreq policy at all
-  zelk::testbed::LogCapture log;
   EXPECT_FALSE(startTrackingCpuFreqTime());
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log_.lines().empty());
   EXPECT_EQ(newThreads(), 0u);
   EXPECT_TRUE(cpuPolicies().empty());
 }
