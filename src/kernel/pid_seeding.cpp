@@ -1,10 +1,13 @@
 #include "kernel/pid_seeding.h"
 
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <dirent.h>
+#include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -24,29 +27,38 @@ namespace com {
 namespace zelkora {
 namespace {
 
-// Characters kept of a task name: get() is passed 15, which counts the terminating zero.
-constexpr std::streamsize kNameGetCount = 15;
+// The pass keeps at most 14 characters of a name, one fewer than the kernel's 15.
+constexpr size_t kNameChars = 14;
+
+// The name record of a comm file's text: its first line, cut to kNameChars, zero-padded.
+task_name_value_t taskNameOf(const std::string& text) {
+  task_name_value_t record;
+  memset(&record, 0, sizeof(record));
+  const size_t length = std::min({text.find('\n'), text.size(), kNameChars});
+  memcpy(record.comm, text.data(), length);
+  return record;
+}
+
+std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
 
 void seedProcess(const std::string& name, uint64_t updateTime) {
   const pid_key_t pid = std::stoi(name, nullptr, 10);
   // Paths from the directory name, not from the parsed number.
   const std::string commPath = "/proc/" + name + "/comm";
   const std::string adjPath = "/proc/" + name + "/oom_score_adj";
-  std::ifstream commFile(commPath);
-  std::ifstream adjFile(adjPath);
-  if (!commFile.is_open() || !adjFile.is_open()) {
-    SEED_LOGE("Failed to open %s.", (commFile.is_open() ? adjPath : commPath).c_str());
+  const android::base::unique_fd commFd(open(commPath.c_str(), O_RDONLY | O_CLOEXEC));
+  const android::base::unique_fd adjFd(open(adjPath.c_str(), O_RDONLY | O_CLOEXEC));
+  if (commFd.get() < 0 || adjFd.get() < 0) {
+    SEED_LOGE("Failed to open %s.", (commFd.get() < 0 ? commPath : adjPath).c_str());
     return;
   }
+  // A file that opens but cannot be read counts as empty.
+  std::string commText, adjText;
+  android::base::ReadFdToString(commFd.get(), &commText);
+  android::base::ReadFdToString(adjFd.get(), &adjText);
 
-  char comm[kCommLen];
-  memset(comm, 0, sizeof(comm));
-  commFile.get(comm, kNameGetCount);
-  task_name_value_t taskName;
-  memcpy(taskName.comm, comm, sizeof(taskName.comm));
-
-  std::string adjText;
-  std::getline(adjFile, adjText);
+  const task_name_value_t taskName = taskNameOf(commText);
+  adjText = firstLine(adjText);
   if (!isNumber(adjText)) return;
   const adj_value_t adj = static_cast<adj_value_t>(std::stoi(adjText, nullptr, 10));
 
