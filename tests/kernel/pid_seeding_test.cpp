@@ -5,6 +5,7 @@
 
 #include <android-base/file.h>
 #include <bpf/bpf.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -112,7 +113,7 @@ class NamedChild {
  public:
   NamedChild(const char* name, int adj) {
     int ready[2];
-    if (pipe(ready) != 0 || pipe(release_) != 0) return;
+    if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(release_, O_CLOEXEC) != 0) return;
     pid_ = fork();
     if (pid_ == 0) {
       close(ready[0]);

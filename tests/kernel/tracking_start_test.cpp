@@ -1,5 +1,6 @@
 // startTrackingCpuFreqTime against real maps, real pinned programs and real tracepoints.
 #include <bpf/bpf.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -227,8 +228,8 @@ TEST_F(TrackingStartTest, ConfigurationMapLockedByAnotherProcessFailsTheStart) {
   addTwoClusters();
   ASSERT_EQ(zelk::testbed::pinPrograms(), "");
   int ready[2], release[2];
-  ASSERT_EQ(pipe(ready), 0);
-  ASSERT_EQ(pipe(release), 0);
+  ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+  ASSERT_EQ(pipe2(release, O_CLOEXEC), 0);
   const pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {

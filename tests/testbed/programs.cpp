@@ -41,7 +41,7 @@ std::string pinProgram(const TracepointName& tp) {
 std::string pinPrograms(const std::set<std::string>& omitEvents) {
   for (const TracepointName& tp : objectTracepoints()) {
     if (omitEvents.count(tp.event)) continue;
-    const std::string error = pinProgram(tp);
+    std::string error = pinProgram(tp);
     if (!error.empty()) return error;
   }
   return "";
