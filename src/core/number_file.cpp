@@ -18,13 +18,15 @@ bool isBlank(char c) {
 
 std::optional<uint64_t> parseToken(const std::string& token) {
   const char* p = token.c_str();
+  const char* const tokenEnd = p + token.size();
   while (isBlank(*p)) ++p;
   if (*p == '-') return std::nullopt;  // strtoull would wrap a negative number silently
   const int base = (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) ? 16 : 10;
   char* end = nullptr;
   errno = 0;
   const unsigned long long value = strtoull(p, &end, base);
-  if (errno != 0 || end == p || *end != '\0') return std::nullopt;
+  // Compare with the token's end, not a NUL: binary files may hold NUL bytes.
+  if (errno != 0 || end == p || end != tokenEnd) return std::nullopt;
   if (value > kMaxNumber) return std::nullopt;
   return value;
 }

@@ -11,6 +11,7 @@
 #include <shared_mutex>
 #include <vector>
 
+#include "core/rw_lock.h"
 #include "query/fold.h"
 
 namespace com {
@@ -22,18 +23,18 @@ extern std::vector<std::vector<uint64_t>> gFreqTable;
 extern std::vector<std::vector<uint64_t>> gRelatedCpus;
 extern std::vector<uint64_t> gCpuSlot;
 extern android::base::unique_fd gProcessTimeFd;
-extern std::shared_mutex gProcessTimeLock;
+extern RwLock gProcessTimeLock;
 extern android::base::unique_fd gKthreadTimeFd;
-extern std::shared_mutex gKthreadTimeLock;
+extern RwLock gKthreadTimeLock;
 extern android::base::unique_fd gTotalTimeFd;
-extern std::shared_mutex gTotalTimeLock;
+extern RwLock gTotalTimeLock;
 extern android::base::unique_fd gTopTimeFd;
 extern android::base::unique_fd gBgTimeFd;
 extern android::base::unique_fd gPidAdjUpdateFd;
 extern android::base::unique_fd gClearTimeFd;
 extern android::base::unique_fd gProAdjFd;
 extern android::base::unique_fd gProCommFd;
-extern std::shared_mutex gTopBgTimeLock;
+extern RwLock gTopBgTimeLock;
 extern std::atomic<bool> gTrackingStarted;
 extern uint32_t gPolicyCount;
 extern std::atomic<bool> gGlobalsReady;

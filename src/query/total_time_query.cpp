@@ -1,10 +1,9 @@
-#include <cerrno>
-#include <vector>
+#include <mutex>
+#include <shared_mutex>
 
 #include "core/map_records.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
-#include "query/fold.h"
+#include "query/single_key_read.h"
 #include "zelkcpufreqtime.h"
 
 namespace com {
@@ -12,20 +11,10 @@ namespace zelkora {
 
 std::optional<std::vector<std::vector<uint64_t>>> getTotalCpuFreqTimes() {
   if (!ensureGlobals()) return std::nullopt;
-  std::shared_lock<std::shared_mutex> lock(gTotalTimeLock);
-
-  TimeInStateVector result = zeroTimeInState(gFreqTable);
-  std::vector<time_in_state_block_t> value(gCpuBlockCount);
+  std::shared_lock<RwLock> lock(gTotalTimeLock);
   const zero_key_t key = 0;
-  if (mapLookupElem(gTotalTimeFd.get(), &key, value.data()) == 0) {
-    foldPerCpuValue(gFoldLayout, value.data(), result);
-    return result;
-  }
-  if (errno != ENOENT) return std::nullopt;
-  // Key 0 absent: zeros if the map holds anything else, no value for an empty map.
-  zero_key_t firstKey;
-  if (mapGetNextKey(gTotalTimeFd.get(), nullptr, &firstKey) != 0) return std::nullopt;
-  return result;
+  zero_key_t probeKey;
+  return readTimeInState(gTotalTimeFd.get(), &key, &probeKey);
 }
 
 }  // namespace zelkora

@@ -1,6 +1,8 @@
 // Captures every message that the library sends to liblog, debug ones included.
 #pragma once
 
+#include <android/log.h>
+
 #include <string>
 #include <vector>
 

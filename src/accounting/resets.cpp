@@ -1,0 +1,77 @@
+// The six resets of the counting maps. The whole-map resets hold their map's lock exclusively
+// so that no query of this library walks a half-cleared map; single-entry resets take no lock
+// and rely on each element operation being atomic in the kernel.
+#include <cerrno>
+#include <mutex>
+#include <shared_mutex>
+#include <vector>
+
+#include "accounting/clear_map.h"
+#include "accounting/clock.h"
+#include "core/map_records.h"
+#include "core/state.h"
+#include "kernel/bpf_syscall.h"
+#include "query/task_key.h"
+#include "zelkcpufreqtime.h"
+
+namespace com {
+namespace zelkora {
+namespace {
+
+// The entry is zeroed before it is deleted, so a reader that races the delete sees no stale
+// times. BPF_EXIST keeps an absent entry absent; an absent entry counts as cleared.
+bool zeroThenDelete(int fd, const void* key) {
+  const std::vector<time_in_state_block_t> zero(gCpuBlockCount);
+  if (mapUpdateElem(fd, key, zero.data(), BPF_EXIST) != 0 && errno != ENOENT) return false;
+  return mapDeleteElem(fd, key) == 0 || errno == ENOENT;
+}
+
+}  // namespace
+
+bool clearProcessTimes() {
+  if (!ensureGlobals()) return false;
+  std::unique_lock<RwLock> lock(gProcessTimeLock);
+  return clearMap(gProcessTimeFd, process_key_t{}, "processMap");
+}
+
+bool clearKthreadTimes() {
+  if (!ensureGlobals()) return false;
+  std::unique_lock<RwLock> lock(gKthreadTimeLock);
+  return clearMap(gKthreadTimeFd, process_key_t{}, "kthreadMap");
+}
+
+bool clearTimesFromProcess(std::string name, bool flag) {
+  if (!ensureGlobals()) return false;
+  const process_key_t key = mapKeyFromName(name, flag);
+  return zeroThenDelete(gProcessTimeFd.get(), &key);
+}
+
+bool clearTimesFromKthread(std::string name) {
+  if (!ensureGlobals()) return false;
+  const process_key_t key = mapKeyFromName(name, /*flag=*/true);
+  return zeroThenDelete(gKthreadTimeFd.get(), &key);
+}
+
+bool clearTotalCpuTime() {
+  if (!ensureGlobals()) return false;
+  std::unique_lock<RwLock> lock(gTotalTimeLock);
+  // An empty map counts as cleared.
+  zero_key_t key;
+  if (mapGetNextKey(gTotalTimeFd.get(), nullptr, &key) != 0) return errno == ENOENT;
+  return zeroThenDelete(gTotalTimeFd.get(), &key);
+}
+
+bool clearTopAndBgTimes() {
+  if (!ensureGlobals()) return false;
+  // Read before waiting for the lock: live periods may then start a little early, never late.
+  const time_value_t now = getTimeSinceBoot();
+  std::unique_lock<RwLock> lock(gTopBgTimeLock);
+  // Written first and kept even when a clear fails: the totals deleted before the failure are
+  // gone, so live periods must count from now.
+  if (mapUpdateElem(gClearTimeFd.get(), &gTopBgClearKey, &now, BPF_ANY) != 0) return false;
+  return clearMap(gTopTimeFd, process_info_t{}, "topMap") &&
+         clearMap(gBgTimeFd, process_info_t{}, "bgMap");
+}
+
+}  // namespace zelkora
+}  // namespace com

@@ -1,0 +1,97 @@
+#include "accounting/top_bg_times.h"
+
+#include <cerrno>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <utility>
+
+#include "accounting/clock.h"
+#include "core/map_records.h"
+#include "core/state.h"
+#include "kernel/bpf_syscall.h"
+#include "query/task_key.h"
+
+namespace com {
+namespace zelkora {
+namespace {
+
+// oom_score_adj classes: -800 (the top app, 0xFCE0 unsigned) and 0 to 199 are foreground;
+// everything else, other negative values included, is background.
+constexpr uint16_t kTopAppAdj = 0xFCE0;
+constexpr uint16_t kLastForegroundAdj = 199;
+
+bool isTopAdj(adj_value_t adj) {
+  const auto value = static_cast<uint16_t>(adj);
+  return value == kTopAppAdj || value <= kLastForegroundAdj;
+}
+
+// The running period of the live tasks of the class, counted from the later of their last class
+// change and the last clear. False when the query must fail; a pid walk that breaks off after
+// its first pid just ends here.
+bool addLivePeriods(TimeTable& table, bool isTop, uint64_t now) {
+  const int adjFd = gProAdjFd.get();
+  pid_key_t pid;
+  if (mapGetNextKey(adjFd, nullptr, &pid) != 0) return errno == ENOENT;
+  time_value_t clearTime;
+  // Without a clear time there is nothing to count from.
+  if (mapLookupElem(gClearTimeFd.get(), &gTopBgClearKey, &clearTime) != 0) return true;
+
+  process_key_char_t taskKey{std::string(), 0};
+  for (;;) {
+    task_name_value_t name;
+    if (mapLookupElem(gProCommFd.get(), &pid, &name) != 0) return false;
+    adj_value_t adj;
+    if (mapLookupElem(adjFd, &pid, &adj) == 0 && isTopAdj(adj) == isTop) {
+      // A missing or zero last update, or one before the clear, counts from the clear.
+      time_value_t lastUpdate;
+      time_value_t start = clearTime;
+      if (mapLookupElem(gPidAdjUpdateFd.get(), &pid, &lastUpdate) == 0 && lastUpdate > clearTime) {
+        start = lastUpdate;
+      }
+      // A start after `now` (a change recorded after the clock was read, or a clock that could
+      // not be read) counts nothing rather than a wrapped, huge period.
+      const uint64_t live = now > start ? now - start : 0;
+      assignTaskName(taskKey.comm, name.comm);
+      // The first task of a name stands for it; try_emplace leaves taskKey alone otherwise.
+      table.try_emplace(std::move(taskKey), live);
+    }
+    const pid_key_t previous = pid;
+    if (mapGetNextKey(adjFd, &previous, &pid) != 0) return true;
+  }
+}
+
+bool addStoredTotals(TimeTable& table, int mapFd) {
+  process_info_t key;
+  if (mapGetNextKey(mapFd, nullptr, &key) != 0) return errno == ENOENT;
+  process_key_char_t taskKey{std::string(), 0};
+  for (;;) {
+    time_value_t total;
+    if (mapLookupElem(mapFd, &key, &total) != 0) return false;
+    assignTaskName(taskKey.comm, key.comm);
+    const auto [entry, inserted] = table.try_emplace(std::move(taskKey), total);
+    if (!inserted) entry->second += total;
+    const process_info_t previous = key;
+    if (mapGetNextKey(mapFd, &previous, &key) != 0) return errno == ENOENT;
+  }
+}
+
+}  // namespace
+
+std::optional<TimeTable> getProcessTime(const android::base::unique_fd& mapFd, bool isTop) {
+  if (!ensureGlobals() || mapFd.get() < 0) return std::nullopt;
+  TimeTable table;
+  const uint64_t now = getTimeSinceBoot();
+  std::shared_lock<RwLock> lock(gTopBgTimeLock);
+  if (!addLivePeriods(table, isTop, now) || !addStoredTotals(table, mapFd.get())) {
+    return std::nullopt;
+  }
+  return table;
+}
+
+std::optional<TimeTable> getProcessTopTimes() { return getProcessTime(gTopTimeFd, true); }
+
+std::optional<TimeTable> getProcessBgTimes() { return getProcessTime(gBgTimeFd, false); }
+
+}  // namespace zelkora
+}  // namespace com

@@ -1,0 +1,100 @@
+// Allocations of the walking queries, counted by replacing the global operator new in this test
+// program. A walk may allocate for each table entry (its node, its name when too long for the
+// string's inline buffer, its vectors) and a bounded amount per call; nothing per map key.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include "core/state.h"
+#include "maps.h"
+#include "namespace.h"
+#include "policy_tree.h"
+#include "zelkcpufreqtime.h"
+
+namespace {
+std::atomic<size_t> gAllocations{0};
+}  // namespace
+
+void* operator new(size_t size) {
+  gAllocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* p = malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { free(p); }
+void operator delete(void* p, size_t) noexcept { free(p); }
+
+namespace com::zelkora {
+namespace {
+
+using zelk::testbed::MapId;
+
+// Per call: the value buffer, the zero template, the table's bucket arrays as it grows.
+constexpr size_t kPerCall = 48;
+constexpr int kNames = 2000;
+
+// 16 characters: too long for the inline buffer, so every string built costs an allocation.
+std::string longName(int i) {
+  std::string name = "long-task-" + std::to_string(i);
+  name.resize(16, '.');
+  return name;
+}
+
+template <typename Query>
+size_t allocationsOf(Query query) {
+  const size_t before = gAllocations.load();
+  const auto table = query();
+  const size_t used = gAllocations.load() - before;
+  EXPECT_TRUE(table.has_value());
+  if (table) {
+    EXPECT_EQ(table->size(), static_cast<size_t>(kNames));
+  }
+  return used;
+}
+
+class AllocationTest : public zelk::testbed::KernelTest {
+ protected:
+  void SetUp() override {
+    KernelTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    ASSERT_EQ(maps_.create(), "");
+    zelk::testbed::addPhoneTree();
+    ASSERT_TRUE(ensureGlobals());
+  }
+  zelk::testbed::Maps maps_;
+};
+
+TEST_F(AllocationTest, TimeInStateWalkAllocatesOnlyForNewEntries) {
+  // Two map keys per name (flags 0 and 1) meet in one kernel-thread entry.
+  const zelk::testbed::PerCpuValue value = zelk::testbed::perCpuValue();
+  for (int i = 0; i < kNames; ++i) {
+    for (uint64_t flag : {0, 1}) {
+      const process_key_t key = zelk::testbed::processKey(longName(i), flag);
+      ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::KthreadTime), &key, value.data()));
+    }
+  }
+  // Node, name, the outer vector and one per policy.
+  const size_t perEntry = 3 + gPolicyCount;
+  EXPECT_LE(allocationsOf(getKthreadCpuFreqTimes), kNames * perEntry + kPerCall);
+}
+
+TEST_F(AllocationTest, TopTimeWalkAllocatesOnlyForNewEntries) {
+  // Each name is met twice: as a live pid and as a stored total.
+  const uint32_t zero = 0;
+  const uint64_t clearTime = 1;
+  ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::ClearTime), &zero, &clearTime));
+  for (int32_t i = 0; i < kNames; ++i) {
+    const process_info_t name = zelk::testbed::processInfo(longName(i));
+    const int16_t adj = 0;
+    const uint64_t total = 5;
+    ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::PidComm), &i, &name));
+    ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::PidAdj), &i, &adj));
+    ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::TopTime), &name, &total));
+  }
+  // Node and name.
+  EXPECT_LE(allocationsOf(getProcessTopTimes), kNames * 2 + kPerCall);
+}
+
+}  // namespace
+}  // namespace com::zelkora
