@@ -92,7 +92,7 @@ int main(int argc, char** argv) {
   std::vector<int> pipes;
   for (int i = 0; i < pairs; ++i) {
     int there[2], back[2];
-    if (pipe(there) != 0 || pipe(back) != 0) {
+    if (pipe2(there, O_CLOEXEC) != 0 || pipe2(back, O_CLOEXEC) != 0) {
       perror("zelk-exercise: pipe");
       return 1;
     }
