@@ -1,6 +1,6 @@
 /* An object the verifier must refuse: it reads past the end of a map value. */
 /* clang-format off */
-#include <linux/bpf.h>
+#include "vmlinux.h"
 #include <bpf/bpf_helpers.h>
 /* clang-format on */
 
