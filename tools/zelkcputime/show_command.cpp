@@ -51,7 +51,12 @@ int showFreqs(const Request& r) {
 
 int showTotal(const Request& r) {
   const auto times = lib::getTotalCpuFreqTimes();
-  if (!times) return queryFailed("getTotalCpuFreqTimes");
+  if (!times) {
+    // The query also comes back empty when the map holds no entry at all.
+    return fail(
+        "getTotalCpuFreqTimes returned nothing: nothing has been counted since the load "
+        "or the last reset (is `zelkcputime start` running?), or the map could not be read");
+  }
   return emit(
       r.options, [&] { return textTotal(r.freqs, *times); },
       [&](JsonWriter& json) {
