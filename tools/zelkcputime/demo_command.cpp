@@ -81,11 +81,8 @@ std::string demoText(const Options& options, const DemoMachine& machine, const R
          textTaskTable(r.freqs, processes, /*withFlag=*/true) +
          heading("Busiest kernel threads", kthreads.size(), r.kthreads.size()) +
          textTaskTable(r.freqs, kthreads, /*withFlag=*/false) +
-         heading(
-             "Time in the foreground and in the background per task name (time in each class, "
-             "not CPU time)",
-             classes.size(), classNames) +
-         textClassTimes(classes);
+         heading("Foreground and background time per task name", classes.size(), classNames) +
+         "(time spent in each class since the load, not CPU time)\n" + textClassTimes(classes);
 }
 
 std::string demoJson(const Options& options, const DemoMachine& machine, const Results& r,
