@@ -17,7 +17,8 @@ struct Status {
   size_t pinsExpected = 0;
   std::vector<std::string> pinsMissing;
   std::vector<PolicyDir> policies;
-  std::optional<FreqTable> freqs;  // asked only when the checks pass
+  bool asked = false;  // the library is asked only when the checks pass
+  std::optional<FreqTable> freqs;
   bool supported = false;
   std::vector<pid_t> trackingPids;
   std::string problem;  // the first failed check, or the library's failure
@@ -31,10 +32,12 @@ Status gather() {
   s.pinsMissing = missingPins(&s.pinsExpected);
   s.problem = checkReady();
   if (!s.problem.empty()) return s;
+  s.asked = true;
   s.freqs = com::zelkora::getCpuFreqs();
   s.supported = com::zelkora::isTrackingCpuFreqTimeSupported();
-  if (!s.freqs || !s.supported)
+  if (!s.freqs || !s.supported) {
     s.problem = "the library cannot use the kernel object (run with -v for its messages)";
+  }
   s.trackingPids = pidsTracking();
   return s;
 }
@@ -52,7 +55,7 @@ std::string statusText(const Status& s) {
     policies += ", " + policy.name + " (CPUs " + policy.relatedCpus + ")";
   }
   text += line("policies:", policies);
-  text += line("supported:", !s.freqs ? "not asked" : s.supported ? "yes" : "no");
+  text += line("supported:", !s.asked ? "not asked" : s.supported ? "yes" : "no");
   if (s.freqs) {
     const std::string freqs = textFreqs(*s.freqs);
     for (size_t start = 0; start < freqs.size();) {
@@ -73,7 +76,7 @@ std::string statusText(const Status& s) {
 std::string statusJson(const Status& s) {
   JsonWriter json;
   json.beginObject().key("root").value(s.root).key("bpffs").value(s.bpffs);
-  json.key("pins").beginObject().key("expected").value(uint64_t{s.pinsExpected});
+  json.key("pins").beginObject().key("expected").value(static_cast<uint64_t>(s.pinsExpected));
   json.key("missing").beginArray();
   for (const std::string& pin : s.pinsMissing) json.value(pin);
   json.endArray().endObject();
