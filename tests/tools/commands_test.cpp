@@ -1,5 +1,6 @@
 // The tool end to end: against the kernel object in a private namespace, and the demo on the
 // real machine.
+#include <android-base/file.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,6 +40,8 @@ class ToolCommandTest : public KernelTest {
 
 TEST_F(ToolCommandTest, LoadStartShowResetUnload) {
   const auto freqs = addPhoneTree();
+  // Inherited by the tool, so that its processes count as foreground.
+  ASSERT_TRUE(android::base::WriteStringToFile("0", "/proc/self/oom_score_adj"));
   ToolRun run = runTool({"load"});
   ASSERT_EQ(run.status, 0) << run.output;
 
@@ -47,6 +50,10 @@ TEST_F(ToolCommandTest, LoadStartShowResetUnload) {
   run = runTool({"show", "total"});  // nothing counted yet: the map is empty
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.output.find("nothing has been counted"), std::string::npos) << run.output;
+
+  run = runTool({"show", "process", "zelkcputime"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.output.find("no process has been counted yet"), std::string::npos) << run.output;
 
   run = runTool({"start", "--seconds", "1"});
   ASSERT_EQ(run.status, 0) << run.output;
@@ -57,6 +64,11 @@ TEST_F(ToolCommandTest, LoadStartShowResetUnload) {
       << run.output;
   run = runTool({"show", "processes", "--csv", "--limit", "1"});
   EXPECT_EQ(std::count(run.output.begin(), run.output.end(), '\n'), 1 + 18 + 17 + 19) << run.output;
+  // The tool's own process ran in the foreground (the oom_score_adj of 0 set above).
+  run = runTool({"show", "process", "zelkcputime", "--flag", "--json"});
+  EXPECT_TRUE(std::regex_search(
+      run.output, std::regex(R"("process":\{"name":"zelkcputime","flag":1,"total_ns":[1-9])")))
+      << run.output;
   run = runTool({"status", "--json"});
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_NE(run.output.find("\"supported\":true,\"tracking_pids\":[]"), std::string::npos);
