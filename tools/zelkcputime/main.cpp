@@ -1,4 +1,6 @@
 // zelkcputime: CPU time per CPU frequency, through libzelkcpufreqtime and its kernel object.
+#include <unistd.h>
+
 #include <cstdio>
 #include <set>
 #include <string>
@@ -74,7 +76,11 @@ int main(int argc, char** argv) {
       }
     }
     routeLibraryLog(options.verbose);
-    return command.run(options);
+    const int status = command.run(options);
+    // The library's background thread is never joined and may still be using the library's
+    // globals: end without running their destructors under it.
+    fflush(nullptr);
+    _exit(status);
   }
   return usageError("unknown command " + options.words[0]);
 }
