@@ -1,76 +1,86 @@
-// zelkcputime: looks at CPU time per frequency through libzelkcpufreqtime.
-#include <dirent.h>
-#include <sys/stat.h>
+// zelkcputime: CPU time per CPU frequency, through libzelkcpufreqtime and its kernel object.
+#include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
+#include <set>
 #include <string>
+#include <vector>
 
-#include "zelkcpufreqtime.h"
+#include "commands.h"
+#include "library_log.h"
+#include "options.h"
 
 namespace {
 
-constexpr const char kCpufreqDir[] = "/sys/devices/system/cpu/cpufreq";
-constexpr const char kFirstMapPin[] =
-    "/sys/fs/bpf/map_zelkCputimeInState_process_time_in_state_map";
+using namespace zelk::cli;
 
-int countPolicies() {
-  DIR* dir = opendir(kCpufreqDir);
-  if (dir == nullptr) return -1;
-  int count = 0;
-  while (const dirent* entry = readdir(dir)) {
-    if (strncmp(entry->d_name, "policy", 6) == 0) ++count;
-  }
-  closedir(dir);
-  return count;
-}
+constexpr const char kUsage[] =
+    "usage: zelkcputime COMMAND [ARGS] [OPTIONS]\n"
+    "\n"
+    "  demo [--seconds N]      load, track and sample this machine for N s (default 5) in a\n"
+    "                          private mount namespace, then show what was counted\n"
+    "  load [--replace]        load the kernel object and pin it under /sys/fs/bpf\n"
+    "  unload                  remove the kernel object's pins\n"
+    "  start [--seconds N]     track until interrupted (or for N s); counts stay in the maps\n"
+    "  status                  root, bpffs, pins, policies, support, where tracking runs\n"
+    "  show total              whole-system time per frequency, with a residency chart\n"
+    "  show processes          busiest processes (name and foreground flag)\n"
+    "  show kthreads           busiest kernel threads\n"
+    "  show process NAME [--flag]  one process: background entry, or foreground with --flag\n"
+    "  show kthread NAME       one kernel thread\n"
+    "  show top | show bg      foreground or background time per task name\n"
+    "  show freqs              the frequency table\n"
+    "  reset processes | kthreads | total | topbg | process NAME [--flag] | kthread NAME\n"
+    "\n"
+    "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
+    "  --limit N               at most N rows per table (0: all; default 20 in tables, 10 in\n"
+    "                          the demo, all in JSON and CSV)\n"
+    "  -v, --verbose           show every library log line, not only errors\n"
+    "  --                      ends the options, for a NAME that starts with '-'\n";
 
-// Says why the library could not initialise, from what the machine lacks.
-void explainInitFailure() {
-  const int policies = countPolicies();
-  if (policies <= 0) {
-    fprintf(stderr,
-            "zelkcputime: no cpufreq policies in %s: this machine has no cpufreq driver "
-            "(usual in virtual machines), so there are no frequencies to account for.\n",
-            kCpufreqDir);
-    return;
-  }
-  struct stat st;
-  if (stat(kFirstMapPin, &st) != 0) {
-    fprintf(stderr,
-            "zelkcputime: %d cpufreq policies found, but the kernel object's maps are not pinned "
-            "under /sys/fs/bpf: load the kernel object first.\n",
-            policies);
-    return;
-  }
-  fprintf(stderr, "zelkcputime: the library could not initialise; see the log for details.\n");
-}
+struct Command {
+  const char* name;
+  int (*run)(const Options&);
+  std::set<std::string> options;  // besides --verbose and --help
+};
 
-int showFreqs() {
-  const auto table = com::zelkora::getCpuFreqs();
-  if (!table) {
-    explainInitFailure();
-    return 1;
-  }
-  for (size_t p = 0; p < table->size(); ++p) {
-    printf("policy %zu:", p);
-    for (uint64_t khz : (*table)[p]) printf(" %llu", static_cast<unsigned long long>(khz / 1000));
-    printf(" MHz\n");
-  }
-  return 0;
-}
-
-void usage() { fprintf(stderr, "usage: zelkcputime freqs\n"); }
+const Command kCommands[] = {
+    {"demo", runDemo, {"--seconds", "--json", "--csv", "--limit"}},
+    {"load", runLoad, {"--replace"}},
+    {"unload", runUnload, {}},
+    {"start", runStart, {"--seconds"}},
+    {"status", runStatus, {"--json"}},
+    {"show", runShow, {"--json", "--csv", "--limit", "--flag"}},
+    {"reset", runReset, {"--flag"}},
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    usage();
-    return 2;
+  const ParsedOptions parsed = parseOptions(std::vector<std::string>(argv + 1, argv + argc));
+  if (!parsed.error.empty()) return usageError(parsed.error);
+  const Options& options = parsed.options;
+  if (options.help) {
+    printf("%s", kUsage);
+    return kExitOk;
   }
-  const std::string command = argv[1];
-  if (command == "freqs") return showFreqs();
-  usage();
-  return 2;
+  if (options.words.empty()) {
+    fprintf(stderr, "%s", kUsage);
+    return kExitUsage;
+  }
+  for (const Command& command : kCommands) {
+    if (options.words[0] != command.name) continue;
+    for (const std::string& option : options.given) {
+      if (option != "--verbose" && command.options.count(option) == 0) {
+        return usageError(option + " does not apply to " + command.name);
+      }
+    }
+    routeLibraryLog(options.verbose);
+    const int status = command.run(options);
+    // The library's background thread is never joined and may still be using the library's
+    // globals: end without running their destructors under it.
+    fflush(nullptr);
+    _exit(status);
+  }
+  return usageError("unknown command " + options.words[0]);
 }

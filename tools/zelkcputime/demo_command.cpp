@@ -1,0 +1,142 @@
+// demo: the tool's whole job on the real machine, leaving nothing behind.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "commands.h"
+#include "csv_views.h"
+#include "demo_setup.h"
+#include "json_views.h"
+#include "progress_bar.h"
+#include "text_views.h"
+#include "zelkcpufreqtime.h"
+
+namespace zelk::cli {
+namespace {
+
+namespace lib = com::zelkora;
+
+constexpr size_t kDefaultTextRows = 10;
+
+struct Results {
+  FreqTable freqs;
+  Times total;
+  lib::TimeInStateTable processes;
+  lib::TimeInStateTable kthreads;
+  lib::TimeTable top;
+  lib::TimeTable bg;
+};
+
+uint64_t countedNs() {
+  const auto total = lib::getTotalCpuFreqTimes();
+  return total ? sumTimes(*total) : 0;
+}
+
+// Redraws the line in place on a terminal; elsewhere writes only the last one.
+void sample(unsigned seconds) {
+  const bool terminal = isatty(STDERR_FILENO) != 0;
+  const auto start = std::chrono::steady_clock::now();
+  const uint64_t totalMs = seconds * 1000ull;
+  uint64_t elapsedMs = 0;
+  while (elapsedMs < totalMs) {
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(std::min<uint64_t>(100, totalMs - elapsedMs)));
+    elapsedMs = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                          std::chrono::steady_clock::now() - start)
+                                          .count());
+    if (terminal) fprintf(stderr, "\r%s", progressLine(elapsedMs, totalMs, countedNs()).c_str());
+  }
+  fprintf(stderr, "%s%s\n", terminal ? "\r" : "",
+          progressLine(elapsedMs, totalMs, countedNs()).c_str());
+}
+
+std::optional<Results> query() {
+  auto freqs = lib::getCpuFreqs();
+  auto total = lib::getTotalCpuFreqTimes();
+  auto processes = lib::getProcessCpuFreqTimes();
+  auto kthreads = lib::getKthreadCpuFreqTimes();
+  auto top = lib::getProcessTopTimes();
+  auto bg = lib::getProcessBgTimes();
+  if (!freqs || !total || !processes || !kthreads || !top || !bg) return std::nullopt;
+  return Results{std::move(*freqs),    std::move(*total), std::move(*processes),
+                 std::move(*kthreads), std::move(*top),   std::move(*bg)};
+}
+
+std::string heading(const std::string& title, size_t shown, size_t all) {
+  return "\n" + title + " (" + std::to_string(shown) + " of " + std::to_string(all) + "):\n";
+}
+
+std::string demoText(const Options& options, const DemoMachine& machine, const Results& r,
+                     size_t limit) {
+  const auto processes = sortedTasks(r.processes, limit);
+  const auto kthreads = sortedTasks(r.kthreads, limit);
+  const auto classes = joinedClassTimes(r.top, r.bg, limit);
+  const size_t classNames = joinedClassTimes(r.top, r.bg, 0).size();
+  return "Sampled this machine for " + std::to_string(options.seconds) +
+         " s in a private mount namespace.\nCPU frequencies: " + machine.policies + "\n\n" +
+         textTotal(r.freqs, r.total) +
+         heading("Busiest processes", processes.size(), r.processes.size()) +
+         textTaskTable(r.freqs, processes, /*withFlag=*/true) +
+         heading("Busiest kernel threads", kthreads.size(), r.kthreads.size()) +
+         textTaskTable(r.freqs, kthreads, /*withFlag=*/false) +
+         heading("Foreground and background time per task name", classes.size(), classNames) +
+         "(time spent in each class since the load, not CPU time)\n" + textClassTimes(classes);
+}
+
+std::string demoJson(const Options& options, const DemoMachine& machine, const Results& r,
+                     size_t limit) {
+  JsonWriter json;
+  json.beginObject().key("seconds").value(uint64_t{options.seconds});
+  json.key("synthetic").value(machine.synthetic).key("freqs_khz").numbers(r.freqs);
+  json.key("total");
+  writeTimes(json, r.total);
+  json.key("processes");
+  writeTasks(json, sortedTasks(r.processes, limit));
+  json.key("kthreads");
+  writeTasks(json, sortedTasks(r.kthreads, limit));
+  json.key("top");
+  writeNamedTimes(json, sortedNamedTimes(r.top, limit));
+  json.key("bg");
+  writeNamedTimes(json, sortedNamedTimes(r.bg, limit));
+  return json.endObject().text() + "\n";
+}
+
+std::string demoCsv(const Results& r, size_t limit) {
+  return kCsvHeader + csvFreqs(r.freqs) + csvTotal(r.freqs, r.total) +
+         csvTasks("process", r.freqs, sortedTasks(r.processes, limit)) +
+         csvTasks("kthread", r.freqs, sortedTasks(r.kthreads, limit)) +
+         csvNamedTimes("top", sortedNamedTimes(r.top, limit)) +
+         csvNamedTimes("bg", sortedNamedTimes(r.bg, limit));
+}
+
+}  // namespace
+
+int runDemo(const Options& options) {
+  if (options.words.size() != 1) return usageError("demo takes no argument");
+  DemoMachine machine;
+  if (std::string error = setUpDemo(&machine); !error.empty()) return fail(error);
+  if (options.format == Format::kText) {
+    fprintf(stderr, "Tracking started; sampling for %u s.\n", options.seconds);
+  }
+  sample(options.seconds);
+  const std::optional<Results> results = query();
+  if (!results) return fail("a query of the library failed (run with -v for its messages)");
+  const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
+  const size_t limit = textDefault ? kDefaultTextRows : options.limit;
+  switch (options.format) {
+    case Format::kJson:
+      printOut(demoJson(options, machine, *results, limit));
+      break;
+    case Format::kCsv:
+      printOut(demoCsv(*results, limit));
+      break;
+    case Format::kText:
+      printOut(demoText(options, machine, *results, limit));
+      break;
+  }
+  return kExitOk;
+}
+
+}  // namespace zelk::cli

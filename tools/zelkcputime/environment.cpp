@@ -1,0 +1,112 @@
+#include "environment.h"
+
+#include <android-base/file.h>
+#include <android-base/strings.h>
+#include <dirent.h>
+#include <linux/capability.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "object_pins.h"
+
+namespace zelk::cli {
+namespace {
+
+constexpr long kBpfFsMagic = 0xcafe4a11;
+constexpr int kCapPerfmon = 38;  // newer than some headers
+constexpr int kCapBpf = 39;
+
+bool hasCapability(const __user_cap_data_struct (&data)[2], int capability) {
+  return (data[capability / 32].effective & (1u << (capability % 32))) != 0;
+}
+
+// As the library's discovery counts them.
+bool isPolicyName(const char* name) { return strncmp(name, "policy", 6) == 0; }
+
+}  // namespace
+
+std::string checkRoot() {
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2] = {};
+  if (syscall(SYS_capget, &header, data) == 0 &&
+      (hasCapability(data, CAP_SYS_ADMIN) ||
+       (hasCapability(data, kCapBpf) && hasCapability(data, kCapPerfmon)))) {
+    return "";
+  }
+  return "needs root (CAP_SYS_ADMIN, or CAP_BPF with CAP_PERFMON) to use the kernel object: run "
+         "it as root, e.g. with sudo";
+}
+
+std::string checkBpffs() {
+  struct statfs fs;
+  if (statfs(loader::kBpffsDir, &fs) == 0 && fs.f_type == kBpfFsMagic) return "";
+  return std::string("no BPF filesystem on ") + loader::kBpffsDir +
+         ": run `zelkcputime load` first (it mounts one and loads the kernel object)";
+}
+
+std::string checkCpufreq() {
+  if (!cpufreqPolicies().empty()) return "";
+  return std::string("no cpufreq policies in ") + kCpufreqDir +
+         ": this machine has no cpufreq driver (usual in virtual machines), so it has no CPU "
+         "frequencies to account for; `zelkcputime demo` shows the tool on a synthetic policy";
+}
+
+std::string checkPins() {
+  size_t expected = 0;
+  const std::vector<std::string> missing = missingPins(&expected);
+  if (missing.empty()) return "";
+  return "the kernel object is not loaded (" + std::to_string(missing.size()) + " of " +
+         std::to_string(expected) + " pins missing, such as " + missing.front() +
+         "): run `zelkcputime load` first";
+}
+
+std::string checkReady() {
+  for (auto check : {checkRoot, checkCpufreq, checkBpffs, checkPins}) {
+    std::string message = check();
+    if (!message.empty()) return message;
+  }
+  return "";
+}
+
+std::vector<std::string> missingPins(size_t* expected) {
+  const loader::PinList pins = loader::objectPins(loader::embeddedObject());
+  std::vector<std::string> paths = pins.maps;
+  for (const loader::ProgramPin& program : pins.programs) paths.push_back(program.path);
+  *expected = paths.size();
+  std::vector<std::string> missing;
+  struct stat st;
+  for (const std::string& path : paths) {
+    if (stat(path.c_str(), &st) != 0) missing.push_back(path);
+  }
+  return missing;
+}
+
+std::vector<PolicyDir> cpufreqPolicies() {
+  std::vector<PolicyDir> policies;
+  DIR* dir = opendir(kCpufreqDir);
+  if (dir == nullptr) return policies;
+  while (const dirent* entry = readdir(dir)) {
+    if (isPolicyName(entry->d_name)) policies.push_back({entry->d_name, ""});
+  }
+  closedir(dir);
+  std::sort(policies.begin(), policies.end(), [](const PolicyDir& a, const PolicyDir& b) {
+    return std::strtoul(a.name.c_str() + 6, nullptr, 10) <
+           std::strtoul(b.name.c_str() + 6, nullptr, 10);
+  });
+  for (PolicyDir& policy : policies) {
+    std::string text;
+    if (android::base::ReadFileToString(
+            std::string(kCpufreqDir) + "/" + policy.name + "/related_cpus", &text)) {
+      policy.relatedCpus = android::base::Trim(text);
+    }
+  }
+  return policies;
+}
+
+}  // namespace zelk::cli

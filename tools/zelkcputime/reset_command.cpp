@@ -1,0 +1,56 @@
+// reset: each of the library's reset operations, by name.
+#include "commands.h"
+#include "environment.h"
+#include "text_table.h"
+#include "zelkcpufreqtime.h"
+
+namespace zelk::cli {
+
+int runReset(const Options& options) {
+  namespace lib = com::zelkora;
+  const std::vector<std::string>& words = options.words;
+  const std::string what = words.size() > 1 ? words[1] : "";
+  const bool named = what == "process" || what == "kthread";
+  const bool whole =
+      what == "processes" || what == "kthreads" || what == "total" || what == "topbg";
+  if (!named && !whole) {
+    return usageError(
+        "reset takes one of processes, kthreads, process NAME, kthread NAME, total, "
+        "topbg");
+  }
+  if (words.size() != (named ? 3u : 2u)) {
+    return usageError(named ? "reset " + what + " takes one NAME"
+                            : "reset " + what + " takes no NAME");
+  }
+  if (options.flag && what != "process") return usageError("--flag applies to reset process");
+  if (std::string message = checkReady(); !message.empty()) return fail(message);
+
+  bool done = false;
+  std::string cleared;
+  if (what == "processes") {
+    done = lib::clearProcessTimes();
+    cleared = "the times of every process";
+  } else if (what == "kthreads") {
+    done = lib::clearKthreadTimes();
+    cleared = "the times of every kernel thread";
+  } else if (what == "process") {
+    done = lib::clearTimesFromProcess(words[2], options.flag);
+    cleared = "the " + std::string(options.flag ? "foreground" : "background") +
+              " times of process " + printableName(words[2]);
+  } else if (what == "kthread") {
+    done = lib::clearTimesFromKthread(words[2]);
+    cleared = "the times of kernel thread " + printableName(words[2]);
+  } else if (what == "total") {
+    done = lib::clearTotalCpuTime();
+    cleared = "the whole system's times";
+  } else {
+    done = lib::clearTopAndBgTimes();
+    cleared = "the foreground and background times";
+  }
+  if (!done)
+    return fail("could not reset " + cleared + " (run with -v for the library's messages)");
+  printOut("reset " + cleared + "\n");
+  return kExitOk;
+}
+
+}  // namespace zelk::cli

@@ -1,0 +1,107 @@
+// status: what the machine has, what the library says, and whether tracking runs anywhere.
+#include <optional>
+
+#include "attached_programs.h"
+#include "commands.h"
+#include "environment.h"
+#include "json_writer.h"
+#include "text_views.h"
+#include "zelkcpufreqtime.h"
+
+namespace zelk::cli {
+namespace {
+
+struct Status {
+  bool root;
+  bool bpffs;
+  size_t pinsExpected = 0;
+  std::vector<std::string> pinsMissing;
+  std::vector<PolicyDir> policies;
+  bool asked = false;  // the library is asked only when the checks pass
+  std::optional<FreqTable> freqs;
+  bool supported = false;
+  std::vector<pid_t> trackingPids;
+  std::string problem;  // the first failed check, or the library's failure
+};
+
+Status gather() {
+  Status s;
+  s.root = checkRoot().empty();
+  s.bpffs = checkBpffs().empty();
+  s.policies = cpufreqPolicies();
+  s.pinsMissing = missingPins(&s.pinsExpected);
+  s.problem = checkReady();
+  if (!s.problem.empty()) return s;
+  s.asked = true;
+  s.freqs = com::zelkora::getCpuFreqs();
+  s.supported = com::zelkora::isTrackingCpuFreqTimeSupported();
+  if (!s.freqs || !s.supported) {
+    s.problem = "the library cannot use the kernel object (run with -v for its messages)";
+  }
+  s.trackingPids = pidsTracking();
+  return s;
+}
+
+std::string statusText(const Status& s) {
+  const auto line = [](const std::string& label, const std::string& value) {
+    return label + std::string(13 - label.size(), ' ') + value + "\n";
+  };
+  std::string text = line("root:", s.root ? "yes" : "no");
+  text += line("bpffs:", s.bpffs ? "mounted on /sys/fs/bpf" : "not mounted on /sys/fs/bpf");
+  text += line("pins:", std::to_string(s.pinsExpected - s.pinsMissing.size()) + " of " +
+                            std::to_string(s.pinsExpected) + " present");
+  std::string policies = std::to_string(s.policies.size());
+  for (const PolicyDir& policy : s.policies) {
+    policies += ", " + policy.name + " (CPUs " + policy.relatedCpus + ")";
+  }
+  text += line("policies:", policies);
+  text += line("supported:", !s.asked ? "not asked" : s.supported ? "yes" : "no");
+  if (s.freqs) {
+    const std::string freqs = textFreqs(*s.freqs);
+    for (size_t start = 0; start < freqs.size();) {
+      const size_t end = freqs.find('\n', start);
+      text += line(start == 0 ? "frequencies:" : "", freqs.substr(start, end - start));
+      start = end + 1;
+    }
+  }
+  std::string tracking = "not running (`zelkcputime start` runs it)";
+  if (!s.trackingPids.empty()) {
+    tracking = "running in process";
+    for (pid_t pid : s.trackingPids) tracking += " " + std::to_string(pid);
+  }
+  if (s.problem.empty()) text += line("tracking:", tracking);
+  return text;
+}
+
+std::string statusJson(const Status& s) {
+  JsonWriter json;
+  json.beginObject().key("root").value(s.root).key("bpffs").value(s.bpffs);
+  json.key("pins").beginObject().key("expected").value(static_cast<uint64_t>(s.pinsExpected));
+  json.key("missing").beginArray();
+  for (const std::string& pin : s.pinsMissing) json.value(pin);
+  json.endArray().endObject();
+  json.key("policies").beginArray();
+  for (const PolicyDir& policy : s.policies) {
+    json.beginObject().key("name").value(policy.name).key("related_cpus").value(policy.relatedCpus);
+    json.endObject();
+  }
+  json.endArray().key("freqs_khz");
+  s.freqs ? json.numbers(*s.freqs) : json.null();
+  json.key("supported").value(s.supported).key("tracking_pids").beginArray();
+  for (pid_t pid : s.trackingPids) json.value(static_cast<uint64_t>(pid));
+  json.endArray().key("problem").value(s.problem).endObject();
+  return json.text() + "\n";
+}
+
+}  // namespace
+
+int runStatus(const Options& options) {
+  if (options.words.size() != 1) return usageError("status takes no argument");
+  if (options.format == Format::kCsv) return usageError("status has no CSV form; use --json");
+  const Status s = gather();
+  printOut(options.format == Format::kJson ? statusJson(s) : statusText(s));
+  if (!s.problem.empty()) return fail(s.problem);
+  return kExitOk;
+}
+
+}  // namespace zelk::cli
