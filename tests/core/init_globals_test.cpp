@@ -14,7 +14,7 @@
 #include "maps.h"
 #include "namespace.h"
 #include "policy_tree.h"
-#include "process_state.h"
+#include "self_status.h"
 #include "zelkcpufreqtime.h"
 
 namespace com::zelkora {
@@ -76,9 +76,9 @@ TEST_P(MissingMapTest, EachAttemptLogsOneErrorWithThePathAndRetriesFromScratch) 
                                zelk::testbed::pinPath(missing) + ": No such file or directory";
 
   EXPECT_EQ(getCpuFreqs(), std::nullopt);
-  const size_t fdsAfterFirstAttempt = zelk::testbed::openFdCount();
+  const size_t fdsAfterFirstAttempt = zelk::testbed::openDescriptorCount();
   EXPECT_EQ(getTotalCpuFreqTimes(), std::nullopt);
-  EXPECT_EQ(zelk::testbed::openFdCount(), fdsAfterFirstAttempt)
+  EXPECT_EQ(zelk::testbed::openDescriptorCount(), fdsAfterFirstAttempt)
       << "a new attempt replaces the descriptors of the last one";
   const auto lines = log_.lines();
   ASSERT_EQ(lines.size(), 2u) << "one line per attempt";
@@ -110,7 +110,7 @@ TEST_P(WrongShapeTest, IsRefusedLikeAMissingMapAndTheRightOneIsTakenLater) {
   ASSERT_EQ(maps_.create(options), "");
   zelk::testbed::addPolicy("policy0", {100}, {0});
 
-  const size_t fds = zelk::testbed::openFdCount();
+  const size_t fds = zelk::testbed::openDescriptorCount();
   EXPECT_EQ(getCpuFreqs(), std::nullopt);
   EXPECT_EQ(getTotalCpuFreqTimes(), std::nullopt);
   const auto lines = log_.lines();
@@ -118,7 +118,7 @@ TEST_P(WrongShapeTest, IsRefusedLikeAMissingMapAndTheRightOneIsTakenLater) {
   EXPECT_EQ(zelk::testbed::withoutLine(lines[0].text), "[initGlobals:N] Unexpected bpf map " +
                                                            zelk::testbed::pinPath(wrong.id) + ": " +
                                                            wrong.mismatch);
-  EXPECT_EQ(zelk::testbed::openFdCount(), fds + 8) << "the eight maps before it stay open";
+  EXPECT_EQ(zelk::testbed::openDescriptorCount(), fds + 8) << "the eight maps before it stay open";
 
   maps_.unpin(wrong.id);
   ASSERT_EQ(maps_.pin(wrong.id), "");

@@ -89,6 +89,24 @@ TEST_F(PolicyDiscoveryTest, RelatedCpusMustBeAListOfNumbers) {
   EXPECT_FALSE(discoverPolicies().has_value()) << "unreadable";
 }
 
+TEST_F(PolicyDiscoveryTest, HostileFilesDropOnlyThemselves) {
+  std::string binary(4096, '\0');
+  for (size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>(i * 37);
+  writeCpufreqFile("policy0/scaling_available_frequencies", binary);
+  std::string huge;  // 4 MiB of frequencies
+  while (huge.size() < (4u << 20)) huge += "1000 ";
+  writeCpufreqFile("policy0/scaling_boost_frequencies", huge + "\n");
+  writeCpufreqFile("policy0/related_cpus", "0\n");
+  const auto tables = discoverPolicies();
+  ASSERT_TRUE(tables.has_value());
+  EXPECT_EQ(tables->freqTable[0].size(), (4u << 20) / 5 + 1);
+
+  writeCpufreqFile("policy0/related_cpus", binary);
+  EXPECT_FALSE(discoverPolicies().has_value());
+  writeCpufreqFile("policy0/related_cpus", "0\r\n");
+  EXPECT_FALSE(discoverPolicies().has_value()) << "CRLF";
+}
+
 TEST_F(PolicyDiscoveryTest, EmptyRelatedCpusGiveAnEmptyList) {
   writeCpufreqFile("policy0/scaling_available_frequencies", kernelList({100}));
   writeCpufreqFile("policy0/related_cpus", "\n");

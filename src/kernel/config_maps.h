@@ -1,0 +1,28 @@
+// The four configuration maps through which the kernel object learns the machine's layout. Each
+// writer takes a write-only descriptor and the state discovered by initGlobals(), writes with
+// BPF_ANY, and stops at the first failed update, returning false. Entries written
+// before a failure stay; a later start writes them again.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace com {
+namespace zelkora {
+
+// cpu_policy_map: every CPU of every policy to the policy's ordinal.
+bool writeCpuPolicies(int fd);
+// freq_to_idx_map: {policy ordinal, kHz} to the frequency's 1-based index in its policy.
+bool writeFreqIndices(int fd);
+// cpu_last_update_map: key 0 to one zero per CPU block.
+bool writeZeroLastUpdate(int fd);
+// policy_freq_idx_map: each policy to the index of its current frequency. False also when a
+// policy's scaling_cur_freq cannot be read, is not one number, or is not in its table.
+bool writeCurrentFreqIndices(int fd);
+
+// The 1-based index of the first occurrence of `freq` in `freqs`.
+std::optional<uint32_t> freqIndex(const std::vector<uint64_t>& freqs, uint64_t freq);
+
+}  // namespace zelkora
+}  // namespace com

@@ -1,0 +1,63 @@
+#include "programs.h"
+
+#include <android-base/unique_fd.h>
+#include <bcc/libbpf.h>
+#include <bpf/bpf.h>
+#include <linux/bpf.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace zelk::testbed {
+
+const std::vector<TracepointName>& objectTracepoints() {
+  static const std::vector<TracepointName> tracepoints = {
+      {"sched", "sched_switch"},       {"power", "cpu_frequency"}, {"sched", "sched_process_free"},
+      {"sched", "sched_process_fork"}, {"task", "task_rename"},    {"oom", "oom_score_adj_update"},
+  };
+  return tracepoints;
+}
+
+std::string programPinPath(const TracepointName& tp) {
+  return "/sys/fs/bpf/prog_zelkCputimeInState_tracepoint_" + tp.category + "_" + tp.event;
+}
+
+std::string pinProgram(const TracepointName& tp) {
+  struct bpf_insn insns[2];
+  memset(insns, 0, sizeof(insns));
+  insns[0].code = BPF_ALU64 | BPF_MOV | BPF_K;  // r0 = 0
+  insns[1].code = BPF_JMP | BPF_EXIT;
+  const android::base::unique_fd program(
+      bpf_prog_load(BPF_PROG_TYPE_TRACEPOINT, tp.event.c_str(), "GPL", insns, 2, nullptr));
+  if (program.get() < 0) return "loading a program for " + tp.event + ": " + strerror(errno);
+  // The pin keeps the program alive after this descriptor is closed.
+  if (bpf_obj_pin(program.get(), programPinPath(tp).c_str()) != 0) {
+    return "pinning " + programPinPath(tp) + ": " + strerror(errno);
+  }
+  return "";
+}
+
+std::string pinPrograms(const std::set<std::string>& omitEvents) {
+  for (const TracepointName& tp : objectTracepoints()) {
+    if (omitEvents.count(tp.event)) continue;
+    std::string error = pinProgram(tp);
+    if (!error.empty()) return error;
+  }
+  return "";
+}
+
+void unpinProgram(const TracepointName& tp) { unlink(programPinPath(tp).c_str()); }
+
+bool attachPinnedProgram(const TracepointName& tp) {
+  const int program = bpf_obj_get(programPinPath(tp).c_str());
+  if (program < 0) return false;
+  // Kept open on success, like the library does: the attachment holds the program.
+  if (bpf_attach_tracepoint(program, tp.category.c_str(), tp.event.c_str()) >= 0) return true;
+  const int savedErrno = errno;
+  close(program);
+  errno = savedErrno;
+  return false;
+}
+
+}  // namespace zelk::testbed

@@ -1,0 +1,32 @@
+// Real tracepoint programs, pinned where the kernel object pins its own. Each is the smallest
+// program the verifier accepts (r0 = 0; exit): attaching it is real, running it changes nothing.
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace zelk::testbed {
+
+struct TracepointName {
+  std::string category;
+  std::string event;
+};
+
+// The kernel object's six tracepoints, in its documented order (written out here, not taken
+// from the library, whose order the tests check).
+const std::vector<TracepointName>& objectTracepoints();
+
+std::string programPinPath(const TracepointName& tp);
+
+// Loads and pins one program; "" on success, else what failed.
+std::string pinProgram(const TracepointName& tp);
+// Pins the six programs but those whose event is in `omitEvents`.
+std::string pinPrograms(const std::set<std::string>& omitEvents = {});
+void unpinProgram(const TracepointName& tp);
+
+// Attaches the pinned program itself, for the life of the process; false with errno when the
+// kernel refuses, as it does for a program already attached to that tracepoint.
+bool attachPinnedProgram(const TracepointName& tp);
+
+}  // namespace zelk::testbed
