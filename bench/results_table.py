@@ -16,6 +16,15 @@ def target(operation, size):
     return None
 
 
+def fmt_size(parts):
+    words = {"keys": "keys", "pids": "pids", "names": "names", "policies": "policies"}
+    out = []
+    for part in parts:
+        name, _, value = part.partition(":")
+        out.append(f"{value} {words[name]}" if name in words and value else part)
+    return ", ".join(out)
+
+
 def fmt_time(us):
     return f"{us / 1000:.2f} ms" if us >= 1000 else f"{us:.1f} us"
 
@@ -30,6 +39,7 @@ def rows(path):
         parts = [p for p in run["run_name"].split("/")
                  if p != "manual_time" and not p.startswith("iterations:")]
         operation, size = parts[0], ",".join(parts[1:])
+        size_text = fmt_size(parts[1:])
         scale = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}[run["time_unit"]]
         library = run["real_time"] * scale
         floor_only = run.get("floor_only", 0) > 0
@@ -48,18 +58,18 @@ def rows(path):
             verdict = "-" if goal is None else (
                 f"<= {goal:.2f} {'met' if ratio <= goal else 'NOT met'}")
         if allocs is None:
-            alloc_text = "-"
+            alloc_text, extra_text = "-", "-"
         else:
-            extra = (allocs - own) * keys
-            alloc_text = f"{allocs:.3f} ({own:.3f}) +{extra:.0f}/call"
+            alloc_text = f"{allocs:.3f} ({own:.3f})"
+            extra_text = f"{(allocs - own) * keys:.0f}"
         floor_text = "-" if "floor_ns" not in run and not floor_only else fmt_time(floor)
-        yield [operation, f"{size} f{freqs}", library_text, floor_text, ratio_text, alloc_text,
-               verdict]
+        yield [operation, size_text, freqs, library_text, floor_text, ratio_text, alloc_text,
+               extra_text, verdict]
 
 
 def main():
-    header = ["operation", "size", "library", "floor", "ratio",
-              "allocs/key (own) extra", "target"]
+    header = ["operation", "size", "freqs", "library", "floor", "ratio", "allocs/key (own)",
+              "extra allocs/call", "target"]
     table = [header]
     for path in sys.argv[1:]:
         table.extend(rows(path))
