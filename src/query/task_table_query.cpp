@@ -26,7 +26,7 @@ enum class TableFlag { FromKey, AlwaysOne };
 // a row, and then the batch goes into the table. The table's hashing, probing and allocation then
 // run on warm caches and TLB instead of right after each kernel entry, which flushes them on
 // machines without tagged TLBs. A batch's keys and rows take about 64 KiB, well inside L2.
-constexpr size_t kBatchBytes = 64 * 1024;
+constexpr size_t kBatchBytes = size_t{64} * 1024;
 
 class TaskTableBuilder {
  public:
