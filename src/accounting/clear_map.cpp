@@ -13,6 +13,7 @@ namespace zelkora {
 uint64_t (*gClearMapClock)() = getTimeSinceBoot;
 
 template <typename KeyT>
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the declared signature takes it by value
 bool clearMap(const android::base::unique_fd& mapFd, KeyT key, std::string mapName) {
   const int fd = mapFd.get();
   if (fd < 0) return false;

@@ -40,12 +40,14 @@ bool clearKthreadTimes() {
   return clearMap(gKthreadTimeFd, process_key_t{}, "kthreadMap");
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the declared signature takes it by value
 bool clearTimesFromProcess(std::string name, bool flag) {
   if (!ensureGlobals()) return false;
   const process_key_t key = mapKeyFromName(name, flag);
   return zeroThenDelete(gProcessTimeFd.get(), &key);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the declared signature takes it by value
 bool clearTimesFromKthread(std::string name) {
   if (!ensureGlobals()) return false;
   const process_key_t key = mapKeyFromName(name, /*flag=*/true);

@@ -9,6 +9,7 @@
 namespace com {
 namespace zelkora {
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the declared signature takes it by value
 std::optional<std::vector<std::vector<uint64_t>>> getCpuFreqTimesFromProcess(std::string name,
                                                                              bool flag) {
   if (!ensureGlobals()) return std::nullopt;
@@ -17,6 +18,7 @@ std::optional<std::vector<std::vector<uint64_t>>> getCpuFreqTimesFromProcess(std
   return readTimeInState(gProcessTimeFd.get(), &key, &probeKey);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the declared signature takes it by value
 std::optional<std::vector<std::vector<uint64_t>>> getCpuFreqTimesFromKthread(std::string name) {
   if (!ensureGlobals()) return std::nullopt;
   const process_key_t key = mapKeyFromName(name, /*flag=*/true);

@@ -1,0 +1,112 @@
+/* The thirteen maps of zelkCputimeInState.
+ *
+ * All hash maps are preallocated: the programs run inside the scheduler, where older kernels
+ * must not allocate. Sizes bound the memory of the per-CPU maps (entries x 256 bytes x CPUs):
+ * names are few (a phone runs some hundreds of processes, each name in at most two classes) and
+ * the library drains these maps; pids are keyed per process, not per thread. */
+#pragma once
+
+#include "records.bpf.h"
+
+#define ZELK_NAME_ENTRIES 4096    /* process names x two classes, top and background names */
+#define ZELK_KTHREAD_ENTRIES 2048 /* kernel threads: a few names per CPU plus IRQ threads */
+#define ZELK_PID_ENTRIES 16384    /* live processes, not threads */
+#define ZELK_CPU_ENTRIES 1024     /* CPUs and so policies, far above any phone or server here */
+#define ZELK_FREQ_ENTRIES 8192    /* every frequency of every policy: the library writes them all */
+
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_HASH);
+  __uint(max_entries, ZELK_NAME_ENTRIES);
+  __type(key, struct zelk_process_key);
+  __type(value, struct zelk_time_in_state);
+} process_time_in_state_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_HASH);
+  __uint(max_entries, ZELK_KTHREAD_ENTRIES);
+  __type(key, struct zelk_process_key);
+  __type(value, struct zelk_time_in_state);
+} kthread_time_in_state_map SEC(".maps");
+
+/* Only key 0 is used; a hash so that the library's zero-then-delete clear works. */
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_HASH);
+  __uint(max_entries, 1);
+  __type(key, __u32);
+  __type(value, struct zelk_time_in_state);
+} total_cpu_time_in_state_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, ZELK_NAME_ENTRIES);
+  __type(key, struct zelk_task_name);
+  __type(value, __u64);
+} comm_to_toptime_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, ZELK_NAME_ENTRIES);
+  __type(key, struct zelk_task_name);
+  __type(value, __u64);
+} comm_to_bgtime_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, ZELK_PID_ENTRIES);
+  __type(key, __u32);
+  __type(value, __u64);
+} pid_to_adj_last_update_map SEC(".maps");
+
+/* A hash, not an array: a missing entry tells the library that no clear time was recorded. */
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, 1);
+  __type(key, __u32);
+  __type(value, __u64);
+} clear_time_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, ZELK_PID_ENTRIES);
+  __type(key, __u32);
+  __type(value, __s16);
+} pid_to_adj_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, ZELK_PID_ENTRIES);
+  __type(key, __u32);
+  __type(value, struct zelk_task_name);
+} pid_to_comm_map SEC(".maps");
+
+/* A hash: a CPU the library did not describe has no entry and counts nothing, instead of
+ * reading as policy 0. */
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, ZELK_CPU_ENTRIES);
+  __type(key, __u32);
+  __type(value, __u32);
+} cpu_policy_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, ZELK_FREQ_ENTRIES);
+  __type(key, struct zelk_freq_key);
+  __type(value, __u32);
+} freq_to_idx_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+  __uint(max_entries, 1);
+  __type(key, __u32);
+  __type(value, __u64);
+} cpu_last_update_map SEC(".maps");
+
+/* An array, read at every switch: a lookup costs a bounds check, where a hash lookup cost about
+ * 30 ns here. A policy that was never written reads index 0, which counts nothing. */
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(max_entries, ZELK_CPU_ENTRIES);
+  __type(key, __u32);
+  __type(value, __u32);
+} policy_freq_idx_map SEC(".maps");

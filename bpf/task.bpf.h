@@ -1,0 +1,106 @@
+/* What the programs read from task_struct, through CO-RE so that field moves between kernels
+ * are relocated at load time. */
+#pragma once
+
+#include "records.bpf.h"
+
+/* Unchanged since Linux 2.6. */
+#define ZELK_PF_KTHREAD 0x00200000
+
+/* The library's class rule: foreground is -800 and 0 to 199, everything else background. */
+static __always_inline bool zelk_is_foreground(short adj) {
+  return adj == -800 || (adj >= 0 && adj <= 199);
+}
+
+static __always_inline bool zelk_is_kthread(struct task_struct* task) {
+  return BPF_CORE_READ(task, flags) & ZELK_PF_KTHREAD;
+}
+
+/* Copies a kernel name into `dst`, which the caller has zeroed: the string read stops at the
+ * NUL, so the bytes after it stay zero even when the kernel's copy holds an older, longer name
+ * behind it (set_task_comm did not pad before Linux 5.x). */
+static __always_inline void zelk_read_name(char dst[ZELK_COMM_LEN], const char* src) {
+  bpf_probe_read_kernel_str(dst, ZELK_COMM_LEN, src);
+}
+
+/* A process is named by its thread-group leader, whichever of its threads runs. */
+static __always_inline void zelk_read_process_name(char dst[ZELK_COMM_LEN],
+                                                   struct task_struct* task) {
+  struct task_struct* leader = BPF_CORE_READ(task, group_leader);
+
+  zelk_read_name(dst, leader->comm);
+}
+
+static __always_inline short zelk_task_adj(struct task_struct* task) {
+  return BPF_CORE_READ(task, signal, oom_score_adj);
+}
+
+/* `word` (8 bytes of a name, little-endian) up to its first NUL, zero after it; `ended` tells
+ * that it held the NUL. The lowest byte flagged by the zero-byte test is always a real zero. */
+static __always_inline __u64 zelk_before_nul(__u64 word, bool* ended) {
+  const __u64 zeros = (word - 0x0101010101010101ull) & ~word & 0x8080808080808080ull;
+
+  if (!zeros) return word;
+  *ended = true;
+  return word & (((zeros & -zeros) >> 7) - 1);
+}
+
+/* As zelk_read_name, with two plain loads from a BTF pointer instead of a probe read. */
+static __always_inline void zelk_load_name(char dst[ZELK_COMM_LEN], const char* comm) {
+  bool ended = false;
+  __u64 low = zelk_before_nul(*(const __u64*)comm, &ended);
+  __u64 high = ended ? 0 : zelk_before_nul(*(const __u64*)(comm + 8), &ended);
+
+  __builtin_memcpy(dst, &low, 8);
+  __builtin_memcpy(dst + 8, &high, 8);
+}
+
+/* Fills `key` for the running task and tells whether it is a kernel thread: a kernel thread by
+ * its own name with flag 1, a thread of a process by the process's name and class. Kernels with
+ * bpf_get_current_task_btf (5.11) are read with plain loads; older ones with probe reads, which
+ * made sched_switch some 100 ns slower here. */
+static __always_inline bool zelk_running_task_key(struct zelk_process_key* key) {
+  struct task_struct* task;
+  bool kthread;
+
+#ifndef ZELK_PROBE_READS_ONLY
+  if (bpf_core_enum_value_exists(enum bpf_func_id, BPF_FUNC_get_current_task_btf)) {
+    task = bpf_get_current_task_btf();
+    kthread = task->flags & ZELK_PF_KTHREAD;
+    if (kthread) {
+      zelk_load_name(key->comm, task->comm);
+      key->flag = 1;
+    } else {
+      zelk_load_name(key->comm, task->group_leader->comm);
+      key->flag = zelk_is_foreground(task->signal->oom_score_adj);
+    }
+    return kthread;
+  }
+#endif
+  task = (struct task_struct*)bpf_get_current_task();
+  kthread = zelk_is_kthread(task);
+  if (kthread) {
+    zelk_read_name(key->comm, task->comm);
+    key->flag = 1;
+  } else {
+    zelk_read_process_name(key->comm, task);
+    key->flag = zelk_is_foreground(zelk_task_adj(task));
+  }
+  return kthread;
+}
+
+/* The newest child of `parent` when it is the process leader `pid`, else NULL. A new process
+ * is linked at the tail of its parent's children before sched_process_fork fires; a new thread
+ * never is. */
+static __always_inline struct task_struct* zelk_newest_child(struct task_struct* parent,
+                                                             __u32 pid) {
+  struct list_head* head = &parent->children;
+  struct list_head* tail = BPF_CORE_READ(parent, children.prev);
+  struct task_struct* child;
+
+  if (!tail || tail == head) return NULL;
+  child = (void*)tail - bpf_core_field_offset(struct task_struct, sibling);
+  if ((__u32)BPF_CORE_READ(child, pid) != pid || (__u32)BPF_CORE_READ(child, tgid) != pid)
+    return NULL;
+  return child;
+}

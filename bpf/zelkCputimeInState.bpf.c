@@ -1,0 +1,185 @@
+/* zelkCputimeInState: counts CPU time per cpufreq frequency for the whole system, per process
+ * name and per kernel thread, and foreground/background time per process name.
+ *
+ * Times are nanoseconds of bpf_ktime_get_ns(), which is CLOCK_MONOTONIC, the library's clock.
+ *
+ * Frequency changes: a CPU's time is counted when the task running on it switches out, at the
+ * frequency index in force at that switch. A change in the middle of a running period therefore
+ * moves the part of that one period before the change to the new frequency; the error is at
+ * most one scheduling period per change and CPU, and never alters the total. Counting at the
+ * change instead would need to know what runs on every CPU of the policy. */
+/* The kernel's types must come before libbpf's headers. */
+/* clang-format off */
+#include "vmlinux.h"
+#include <bpf/bpf_core_read.h>
+#include <bpf/bpf_helpers.h>
+/* clang-format on */
+
+#include "maps.bpf.h"
+#include "process_periods.bpf.h"
+#include "task.bpf.h"
+
+char LICENSE[] SEC("license") = "GPL";
+
+/* Slot of the current frequency of `cpu`'s policy; false when the CPU, its policy or a valid
+ * index (1 to 32) is unknown. */
+static __always_inline bool zelk_current_slot(__u32 cpu, __u32* slot) {
+  __u32* policy = bpf_map_lookup_elem(&cpu_policy_map, &cpu);
+  __u32* index;
+
+  if (!policy) return false;
+  index = bpf_map_lookup_elem(&policy_freq_idx_map, policy);
+  if (!index || *index == 0 || *index > ZELK_FREQ_SLOTS) return false;
+  *slot = *index - 1;
+  return true;
+}
+
+static __always_inline void zelk_add_time(void* map, const void* key, __u32 slot, __u64 delta) {
+  struct zelk_time_in_state* value = bpf_map_lookup_elem(map, key);
+
+  if (!value) {
+    struct zelk_time_in_state zero = {};
+
+    bpf_map_update_elem(map, key, &zero, BPF_NOEXIST);
+    value = bpf_map_lookup_elem(map, key);
+    if (!value) return;
+  }
+  /* Clang knows the slot is below 32 and would drop this check, which the verifier needs. */
+  asm volatile("" : "+r"(slot));
+  /* Per-CPU block, and tracing programs do not nest on a CPU: a plain add is safe. */
+  if (slot < ZELK_FREQ_SLOTS) value->slot[slot] += delta;
+}
+
+SEC("tracepoint/sched/sched_switch")
+int sched_switch(struct trace_event_raw_sched_switch* ctx) {
+  struct zelk_process_key key = {};
+  __u32 zero = 0;
+  __u64 *last, now, delta;
+  __u32 slot;
+
+  last = bpf_map_lookup_elem(&cpu_last_update_map, &zero);
+  if (!last) return 0;
+  now = bpf_ktime_get_ns();
+  delta = now - *last;
+  /* Zero (as the library writes it) only starts the clock on this CPU. */
+  if (*last == 0 || now <= *last) {
+    *last = now;
+    return 0;
+  }
+  *last = now;
+  if (ctx->prev_pid == 0) /* idle */
+    return 0;
+  if (!zelk_current_slot(bpf_get_smp_processor_id(), &slot)) return 0;
+  zelk_add_time(&total_cpu_time_in_state_map, &zero, slot, delta);
+
+  /* The tracepoint fires before the context switch: current is still prev. */
+  if (zelk_running_task_key(&key))
+    zelk_add_time(&kthread_time_in_state_map, &key, slot, delta);
+  else
+    zelk_add_time(&process_time_in_state_map, &key, slot, delta);
+  return 0;
+}
+
+/* Fires once per CPU of the policy. A frequency outside the library's table keeps the index. */
+SEC("tracepoint/power/cpu_frequency")
+int cpu_frequency(struct trace_event_raw_cpu* ctx) {
+  __u32 cpu = ctx->cpu_id;
+  __u32* policy = bpf_map_lookup_elem(&cpu_policy_map, &cpu);
+  struct zelk_freq_key key;
+  __u32 *index, *current;
+
+  if (!policy) return 0;
+  key.policy = *policy;
+  key.freq = ctx->state;
+  index = bpf_map_lookup_elem(&freq_to_idx_map, &key);
+  if (!index) return 0;
+  current = bpf_map_lookup_elem(&policy_freq_idx_map, &key.policy);
+  if (current)
+    *current = *index;
+  else
+    bpf_map_update_elem(&policy_freq_idx_map, &key.policy, index, BPF_ANY);
+  return 0;
+}
+
+SEC("tracepoint/oom/oom_score_adj_update")
+int oom_score_adj_update(struct trace_event_raw_oom_score_adj_update* ctx) {
+  __u64 id = bpf_get_current_pid_tgid();
+  __u32 pid = ctx->pid;
+  short adj = ctx->oom_score_adj;
+  struct zelk_task_name name = {};
+  __u64 now = bpf_ktime_get_ns();
+  short* old;
+
+  /* A thread writing through /proc/thread-self speaks for its process. */
+  if (pid == (__u32)id) pid = id >> 32;
+  old = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
+  if (old) {
+    if (*old == adj) return 0;
+    zelk_close_period(pid, *old, now);
+    bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_ANY);
+    *old = adj;
+    return 0;
+  }
+  if (pid == id >> 32)
+    zelk_read_process_name(name.comm, (struct task_struct*)bpf_get_current_task());
+  else
+    zelk_read_name(name.comm, ctx->comm);
+  zelk_track_process(pid, &name, adj, now);
+  return 0;
+}
+
+SEC("tracepoint/task/task_rename")
+int task_rename(struct trace_event_raw_task_rename* ctx) {
+  __u64 id = bpf_get_current_pid_tgid();
+  struct zelk_task_name name = {};
+  __u64 now = bpf_ktime_get_ns();
+  __u32 pid = (__u32)id;
+  short* adj;
+
+  /* Newer kernels dropped the pid: the renamed task is then always current. */
+  if (bpf_core_field_exists(ctx->pid)) pid = ctx->pid;
+  zelk_read_name(name.comm, ctx->newcomm);
+  adj = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
+  if (adj) {
+    zelk_close_period(pid, *adj, now);
+    bpf_map_update_elem(&pid_to_comm_map, &pid, &name, BPF_ANY);
+    bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_ANY);
+    return 0;
+  }
+  /* An untracked process is picked up when its leader is renamed (exec, for one); a renamed
+   * thread does not rename its process. */
+  if (pid != id >> 32) return 0;
+  zelk_track_process(pid, &name, zelk_task_adj((struct task_struct*)bpf_get_current_task()), now);
+  return 0;
+}
+
+/* Runs in the parent. Threads share their process's entries; only new processes get their own,
+ * with the name and oom_score_adj (so the class) they inherited. */
+SEC("tracepoint/sched/sched_process_fork")
+int sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
+  struct task_struct* parent = (struct task_struct*)bpf_get_current_task();
+  struct zelk_task_name name = {};
+  __u32 pid = ctx->child_pid;
+  struct task_struct* child;
+
+  child = zelk_newest_child(parent, pid);
+  if (!child) /* CLONE_PARENT links it to the parent's parent */
+    child = zelk_newest_child(BPF_CORE_READ(parent, real_parent), pid);
+  if (!child) return 0;
+  zelk_read_name(name.comm, child->comm);
+  zelk_track_process(pid, &name, zelk_task_adj(child), bpf_ktime_get_ns());
+  return 0;
+}
+
+/* Fires for every thread; only processes have entries. The pid is already free for reuse here,
+ * but pids are handed out cyclically, so a new process under it this soon is not a concern. */
+SEC("tracepoint/sched/sched_process_free")
+int sched_process_free(struct trace_event_raw_sched_process_template* ctx) {
+  __u32 pid = ctx->pid;
+  short* adj = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
+
+  if (!adj) return 0;
+  zelk_close_period(pid, *adj, bpf_ktime_get_ns());
+  zelk_forget_process(pid);
+  return 0;
+}

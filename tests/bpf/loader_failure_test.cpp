@@ -1,0 +1,105 @@
+// The loader's failures, each caused for real: a verifier rejection, a kernel without BTF, and
+// missing capabilities, seen through the command line's message and exit code.
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <iterator>
+
+#include "object_bed.h"
+#include "object_loader.h"
+
+namespace zelk::testbed {
+namespace {
+
+using loader::Status;
+
+class LoaderFailureTest : public KernelTest {};
+
+TEST_F(LoaderFailureTest, VerifierRejectionQuotesItsLog) {
+  std::ifstream file(ZELK_REJECTED_OBJECT, std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+  ASSERT_FALSE(bytes.empty());
+  loader::LoadOptions options;
+  options.object = {bytes.data(), bytes.size()};
+  const loader::Outcome outcome = loader::load(options);
+  EXPECT_EQ(outcome.status, Status::kFailed);
+  EXPECT_EQ(outcome.message.rfind("the kernel's verifier rejected program out_of_bounds", 0), 0u)
+      << outcome.message;
+  EXPECT_NE(outcome.message.find("invalid access to map value"), std::string::npos)
+      << outcome.message;
+  EXPECT_EQ(access("/sys/fs/bpf/map_zelkCputimeInState_rejected_map", F_OK), -1);
+}
+
+TEST_F(LoaderFailureTest, NoKernelBtfIsNamed) {
+  // Hides the kernel's BTF in this namespace only.
+  ASSERT_EQ(mount("tmpfs", "/sys/kernel/btf", "tmpfs", 0, nullptr), 0) << strerror(errno);
+  const loader::Outcome outcome = loader::load();
+  EXPECT_EQ(outcome.status, Status::kFailed);
+  EXPECT_NE(outcome.message.find("no BTF"), std::string::npos) << outcome.message;
+  EXPECT_EQ(access(pinPath(MapId::ClearTime).c_str(), F_OK), -1);
+  umount("/sys/kernel/btf");
+}
+
+struct LoaderRun {
+  int status = -1;
+  std::string out;  // stdout and stderr, which the child shares
+};
+
+// Runs zelk-loader with `args` after `prepare` in the child.
+LoaderRun runLoader(
+    std::vector<const char*> args, const std::function<void()>& prepare = [] {}) {
+  int out[2];
+  if (pipe(out) != 0) return {};
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(out[1], 1);
+    dup2(out[1], 2);
+    prepare();
+    args.insert(args.begin(), ZELK_LOADER_PATH);
+    args.push_back(nullptr);
+    execv(ZELK_LOADER_PATH, const_cast<char**>(args.data()));
+    _exit(127);
+  }
+  close(out[1]);
+  LoaderRun run;
+  char buffer[4096];
+  for (ssize_t n; (n = read(out[0], buffer, sizeof(buffer))) > 0;) run.out.append(buffer, n);
+  close(out[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+size_t lines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
+
+TEST_F(LoaderFailureTest, CommandLineSaysOneLineAndExitsAccordingly) {
+  // Root regains every capability at exec unless the bounding set lacks it.
+  const LoaderRun denied = runLoader({"load"}, [] {
+    for (int cap : {CAP_SYS_ADMIN, CAP_BPF, CAP_PERFMON}) prctl(PR_CAPBSET_DROP, cap, 0, 0, 0);
+  });
+  EXPECT_EQ(denied.status, 1);
+  EXPECT_EQ(denied.out.rfind("zelk-loader: no permission to use bpf(2)", 0), 0u) << denied.out;
+  EXPECT_NE(denied.out.find("CAP_BPF"), std::string::npos) << denied.out;
+  EXPECT_EQ(lines(denied.out), 1u);
+  EXPECT_EQ(access(pinPath(MapId::ClearTime).c_str(), F_OK), -1);
+
+  for (const auto& args : {std::vector<const char*>{}, {"load"}, {"load", "--replace"}}) {
+    const LoaderRun run = runLoader(args);
+    EXPECT_EQ(run.status, 0) << run.out;
+    EXPECT_EQ(lines(run.out), 1u) << run.out;
+  }
+  EXPECT_EQ(runLoader({"unload"}).status, 0);
+  EXPECT_EQ(access(pinPath(MapId::ClearTime).c_str(), F_OK), -1);
+  EXPECT_EQ(runLoader({"--bogus"}).status, 2);
+}
+
+}  // namespace
+}  // namespace zelk::testbed

@@ -1,0 +1,160 @@
+// The loader against the real kernel: what it pins, and how it treats pins that exist.
+#include <bpf/bpf.h>
+#include <gtest/gtest.h>
+#include <linux/magic.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <map>
+#include <set>
+
+#include "object_bed.h"
+#include "object_loader.h"
+
+namespace zelk::testbed {
+namespace {
+
+using loader::Status;
+
+// The tracepoints whose programs the library attaches.
+const char* const kPrograms[] = {"sched_sched_switch",       "power_cpu_frequency",
+                                 "sched_sched_process_free", "sched_sched_process_fork",
+                                 "task_task_rename",         "oom_oom_score_adj_update"};
+
+std::string programPath(const char* name) {
+  return std::string("/sys/fs/bpf/prog_zelkCputimeInState_tracepoint_") + name;
+}
+
+// Kernel ids of every pin (map and program info both start with type, id), to tell whether a
+// load replaced them.
+std::map<std::string, uint32_t> pinIds() {
+  std::vector<std::string> paths;
+  for (MapId id : kAllMaps) paths.push_back(pinPath(id));
+  for (const char* name : kPrograms) paths.push_back(programPath(name));
+  std::map<std::string, uint32_t> ids;
+  for (const std::string& path : paths) {
+    android::base::unique_fd fd(bpf_obj_get(path.c_str()));
+    bpf_prog_info info{};
+    uint32_t length = sizeof(info);
+    if (fd.get() >= 0 && bpf_obj_get_info_by_fd(fd.get(), &info, &length) == 0) {
+      ids[path] = info.id;
+    }
+  }
+  return ids;
+}
+
+uint64_t clearTime() {
+  android::base::unique_fd fd(bpf_obj_get(pinPath(MapId::ClearTime).c_str()));
+  const uint32_t zero = 0;
+  return lookupU64(fd.get(), &zero).value_or(0);
+}
+
+class LoaderTest : public KernelTest {};
+
+TEST_F(LoaderTest, PinsTheLibrarysMapsAndProgramsWithTheLoadTime) {
+  const uint64_t before = monotonicNs();
+  ASSERT_EQ(loader::load().status, Status::kLoaded);
+  EXPECT_GE(clearTime(), before);
+  EXPECT_LE(clearTime(), monotonicNs());
+
+  // Per-CPU where the library reads per-CPU blocks; hashes where it deletes and walks.
+  const std::map<MapId, uint32_t> types = {{MapId::ProcessTime, BPF_MAP_TYPE_PERCPU_HASH},
+                                           {MapId::KthreadTime, BPF_MAP_TYPE_PERCPU_HASH},
+                                           {MapId::TotalTime, BPF_MAP_TYPE_PERCPU_HASH},
+                                           {MapId::TopTime, BPF_MAP_TYPE_HASH},
+                                           {MapId::BgTime, BPF_MAP_TYPE_HASH},
+                                           {MapId::PidAdjUpdate, BPF_MAP_TYPE_HASH},
+                                           {MapId::PidAdj, BPF_MAP_TYPE_HASH},
+                                           {MapId::PidComm, BPF_MAP_TYPE_HASH},
+                                           {MapId::CpuLastUpdate, BPF_MAP_TYPE_PERCPU_ARRAY}};
+  for (MapId id : kAllMaps) {
+    SCOPED_TRACE(catalogue(id).name);
+    android::base::unique_fd fd(bpf_obj_get(pinPath(id).c_str()));
+    bpf_map_info info{};
+    uint32_t length = sizeof(info);
+    ASSERT_EQ(bpf_obj_get_info_by_fd(fd.get(), &info, &length), 0) << strerror(errno);
+    EXPECT_EQ(info.key_size, catalogue(id).keySize);
+    EXPECT_EQ(info.value_size, catalogue(id).valueSize);
+    if (types.count(id)) {
+      EXPECT_EQ(info.type, types.at(id));
+    } else {
+      EXPECT_NE(info.type, BPF_MAP_TYPE_PERCPU_HASH);
+      EXPECT_NE(info.type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    }
+  }
+  for (const char* name : kPrograms) {
+    android::base::unique_fd fd(bpf_obj_get(programPath(name).c_str()));
+    bpf_prog_info info{};
+    uint32_t length = sizeof(info);
+    ASSERT_EQ(bpf_obj_get_info_by_fd(fd.get(), &info, &length), 0) << name;
+    EXPECT_EQ(info.type, BPF_PROG_TYPE_TRACEPOINT) << name;
+  }
+}
+
+TEST_F(LoaderTest, ExistingPinsAreKeptUnlessReplaced) {
+  ASSERT_EQ(loader::load().status, Status::kLoaded);
+  const auto first = pinIds();
+  ASSERT_EQ(first.size(), 19u);
+  const uint64_t firstClear = clearTime();
+
+  const loader::Outcome again = loader::load();
+  EXPECT_EQ(again.status, Status::kAlreadyLoaded) << again.message;
+  EXPECT_EQ(pinIds(), first);
+  EXPECT_EQ(clearTime(), firstClear);
+
+  ASSERT_EQ(unlink(pinPath(MapId::PidComm).c_str()), 0);
+  const loader::Outcome partial = loader::load();
+  EXPECT_EQ(partial.status, Status::kFailed);
+  EXPECT_NE(partial.message.find("18 of 19"), std::string::npos) << partial.message;
+  EXPECT_EQ(pinIds().size(), 18u);
+
+  loader::LoadOptions replace;
+  replace.replace = true;
+  ASSERT_EQ(loader::load(replace).status, Status::kLoaded);
+  const auto replaced = pinIds();
+  ASSERT_EQ(replaced.size(), 19u);
+  for (const auto& [path, id] : first) EXPECT_NE(replaced.at(path), id) << path;
+  EXPECT_GT(clearTime(), firstClear);
+}
+
+TEST_F(LoaderTest, UnloadRemovesExactlyItsPins) {
+  ASSERT_EQ(loader::load().status, Status::kLoaded);
+  // Neighbours in the same bpffs, one even named like a pin of the object.
+  android::base::unique_fd neighbour(
+      bpf_map_create(BPF_MAP_TYPE_ARRAY, "neighbour", 4, 4, 1, nullptr));
+  const char* lookalike = "/sys/fs/bpf/map_zelkCputimeInState_neighbour";
+  ASSERT_EQ(bpf_obj_pin(neighbour.get(), lookalike), 0);
+  ASSERT_EQ(mkdir("/sys/fs/bpf/neighbour", 0700), 0);
+
+  const loader::Outcome unloaded = loader::unload();
+  EXPECT_EQ(unloaded.status, Status::kUnloaded) << unloaded.message;
+  EXPECT_TRUE(pinIds().empty());
+  EXPECT_EQ(access(lookalike, F_OK), 0);
+  EXPECT_EQ(access("/sys/fs/bpf/neighbour", F_OK), 0);
+  EXPECT_EQ(loader::unload().status, Status::kNotLoaded);
+}
+
+TEST_F(LoaderTest, MountsBpffsWhenMissing) {
+  ASSERT_EQ(umount("/sys/fs/bpf"), 0);
+  ASSERT_EQ(loader::load().status, Status::kLoaded);
+  struct statfs fs;
+  ASSERT_EQ(statfs("/sys/fs/bpf", &fs), 0);
+  EXPECT_EQ(fs.f_type, BPF_FS_MAGIC);
+  EXPECT_EQ(pinIds().size(), 19u);
+}
+
+TEST(ProgramPin, OnlyTracepointSectionsNamePins) {
+  const loader::ProgramPin pin = loader::programPin("tracepoint/oom/oom_score_adj_update");
+  EXPECT_EQ(pin.path, programPath("oom_oom_score_adj_update"));
+  EXPECT_EQ(pin.category, "oom");
+  EXPECT_EQ(pin.event, "oom_score_adj_update");
+  for (const char* section : {"tp/sched/sched_switch", "tracepoint/sched", "tracepoint//x",
+                              "tracepoint/sched/", "tracepoint/a/b/c", ""}) {
+    EXPECT_EQ(loader::programPin(section).path, "") << section;
+  }
+}
+
+}  // namespace
+}  // namespace zelk::testbed

@@ -1,0 +1,38 @@
+// Loads the kernel object zelkCputimeInState and pins its maps and programs where the library
+// finds them, without attaching anything; unloads by removing exactly those pins.
+#pragma once
+
+#include <string>
+
+#include "object_pins.h"
+
+namespace zelk::loader {
+
+enum class Status {
+  kLoaded,         // loaded and pinned
+  kAlreadyLoaded,  // every pin existed; nothing changed
+  kUnloaded,       // its pins were removed
+  kNotLoaded,      // unload found none of its pins
+  kFailed,
+};
+
+struct Outcome {
+  Status status;
+  std::string message;  // one line saying what happened or what failed (a verifier log follows)
+  bool ok() const { return status != Status::kFailed; }
+};
+
+struct LoadOptions {
+  bool replace = false;  // replace existing pins instead of leaving them
+  ObjectBytes object = embeddedObject();
+};
+
+// Mounts bpffs on /sys/fs/bpf if needed, loads the object, writes the load time (CLOCK_MONOTONIC
+// nanoseconds) into clear_time_map key 0 and pins every map and program. On failure nothing of
+// this load stays pinned.
+Outcome load(const LoadOptions& options = {});
+
+// Removes the object's pins under /sys/fs/bpf, and nothing else.
+Outcome unload(ObjectBytes object = embeddedObject());
+
+}  // namespace zelk::loader

@@ -1,0 +1,64 @@
+#include "object_pins.h"
+
+#include <bpf/libbpf.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "zelkCputimeInState.skel.h"
+
+namespace zelk::loader {
+
+std::string mapPinPath(const std::string& mapName) {
+  return std::string(kBpffsDir) + "/map_" + kObjectName + "_" + mapName;
+}
+
+ProgramPin programPin(const std::string& sectionName) {
+  static const std::string kPrefix = "tracepoint/";
+  if (sectionName.compare(0, kPrefix.size(), kPrefix) != 0) return {};
+  const std::string tracepoint = sectionName.substr(kPrefix.size());
+  const size_t slash = tracepoint.find('/');
+  if (slash == std::string::npos || slash == 0 || slash + 1 == tracepoint.size() ||
+      tracepoint.find('/', slash + 1) != std::string::npos) {
+    return {};
+  }
+  ProgramPin pin;
+  pin.category = tracepoint.substr(0, slash);
+  pin.event = tracepoint.substr(slash + 1);
+  pin.path = std::string(kBpffsDir) + "/prog_" + kObjectName + "_tracepoint_" + pin.category + "_" +
+             pin.event;
+  return pin;
+}
+
+ObjectBytes embeddedObject() {
+  ObjectBytes bytes{};
+  bytes.data = zelkCputimeInState__elf_bytes(&bytes.size);
+  return bytes;
+}
+
+PinList objectPins(ObjectBytes object) {
+  PinList pins;
+  LIBBPF_OPTS(bpf_object_open_opts, options, .object_name = kObjectName);
+  bpf_object* parsed = bpf_object__open_mem(object.data, object.size, &options);
+  if (parsed == nullptr) {
+    pins.error = std::string("cannot read the BPF object: ") + strerror(errno);
+    return pins;
+  }
+  bpf_map* map;
+  bpf_object__for_each_map(map, parsed) { pins.maps.push_back(mapPinPath(bpf_map__name(map))); }
+  bpf_program* program;
+  bpf_object__for_each_program(program, parsed) {
+    ProgramPin pin = programPin(bpf_program__section_name(program));
+    if (pin.path.empty()) {
+      pins.error = std::string("program ") + bpf_program__name(program) +
+                   " is not in a tracepoint/<category>/<event> section";
+      break;
+    }
+    pins.programs.push_back(std::move(pin));
+  }
+  bpf_object__close(parsed);
+  return pins;
+}
+
+}  // namespace zelk::loader

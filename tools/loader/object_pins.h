@@ -1,0 +1,43 @@
+// The pins of the kernel object zelkCputimeInState, named as the library finds them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace zelk::loader {
+
+inline constexpr const char kBpffsDir[] = "/sys/fs/bpf";
+inline constexpr const char kObjectName[] = "zelkCputimeInState";
+
+// /sys/fs/bpf/map_zelkCputimeInState_<map>.
+std::string mapPinPath(const std::string& mapName);
+
+struct ObjectBytes {
+  const void* data;
+  size_t size;
+};
+
+// The object built with this tree.
+ObjectBytes embeddedObject();
+
+struct ProgramPin {
+  std::string path;
+  std::string category;  // of the tracepoint, as in sched:sched_switch
+  std::string event;
+};
+
+// The pin of the program in section "tracepoint/<category>/<event>":
+// /sys/fs/bpf/prog_zelkCputimeInState_tracepoint_<category>_<event>. An empty path for any other
+// section.
+ProgramPin programPin(const std::string& sectionName);
+
+struct PinList {
+  std::vector<std::string> maps;
+  std::vector<ProgramPin> programs;
+  std::string error;  // "" when the object could be read
+};
+
+// Every pin path of `object`, maps then programs, in the object's order. Reads the ELF only.
+PinList objectPins(ObjectBytes object);
+
+}  // namespace zelk::loader
