@@ -21,7 +21,10 @@ def fmt_size(parts):
     out = []
     for part in parts:
         name, _, value = part.partition(":")
-        out.append(f"{value} {words[name]}" if name in words and value else part)
+        if name in words and value:
+            out.append(f"{value} {words[name][:-1] if value == '1' else words[name]}")
+        else:
+            out.append(part)
     return ", ".join(out)
 
 
