@@ -1,7 +1,7 @@
-// The tracking start's configuration writes, as absolute times, with their floor. The library
-// side is timed when the library has its configuration writers (ZELK_BENCH_LIBRARY_CONFIG_WRITES,
-// set by CMakeLists.txt); without them only the floor runs and the library column stays empty.
+// The tracking start's configuration writes, as absolute times, with their floor.
 #include <benchmark/benchmark.h>
+
+#include <string>
 
 #include "config_writes_floor.h"
 #include "core/state.h"
@@ -20,23 +20,9 @@ void configWritesBenchmark(benchmark::State& state) {
   }
   const ConfigWrites writes = configWritesFromState();
   const auto floor = [&] { return configWritesFloor(writes); };
-#ifdef ZELK_BENCH_LIBRARY_CONFIG_WRITES
   runPaired(
       state, 1, [] {}, floor, libraryConfigWrites, [](bool ok) { return ok; },
       [](bool ok) { return ownAllocations(ok); });
-#else
-  for (auto _ : state) {
-    const Clock::time_point start = Clock::now();
-    const bool ok = floor();
-    state.SetIterationTime(secondsSince(start));
-    if (!ok) {
-      markFailed();
-      state.SkipWithError("the floor did not make the expected calls");
-      return;
-    }
-  }
-  state.counters["floor_only"] = 1;
-#endif
 }
 
 }  // namespace

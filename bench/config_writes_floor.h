@@ -24,8 +24,7 @@ ConfigWrites configWritesFromState();
 // with the same fcntl lock, closed in reverse order at the end. False when a call fails.
 bool configWritesFloor(const ConfigWrites& writes);
 
-// The library's own configuration writers in the tracking start's order; defined only where
-// they exist (see CMakeLists.txt).
+// The library's own configuration writers, in the tracking start's order.
 bool libraryConfigWrites();
 
 }  // namespace zelk::bench

@@ -1,5 +1,4 @@
-// The library side of the configuration-write benchmark. Built only when the library has its
-// configuration writers (src/kernel/config_maps.h); until then the benchmark times the floor.
+// The library side of the configuration-write benchmark: the tracking start's own writers.
 #include <android-base/unique_fd.h>
 
 #include "config_writes_floor.h"

@@ -45,16 +45,13 @@ def rows(path):
         size_text = fmt_size(parts[1:])
         scale = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}[run["time_unit"]]
         library = run["real_time"] * scale
-        floor_only = run.get("floor_only", 0) > 0
-        floor = library if floor_only else run.get("floor_ns", 0) / 1000
+        floor = run.get("floor_ns", 0) / 1000
         ratio = run.get("ratio")
         keys = run.get("keys", 1)
         allocs = run.get("allocs_per_key")
         own = run.get("own_per_key")
         goal = target(operation, size)
-        if floor_only:
-            library_text, ratio_text, verdict = "needs tracking start", "-", "absolute"
-        elif "floor_ns" not in run:
+        if "floor_ns" not in run:
             library_text, ratio_text, verdict = fmt_time(library), "-", "absolute"
         else:
             library_text, ratio_text = fmt_time(library), f"{ratio:.3f}"
@@ -65,7 +62,7 @@ def rows(path):
         else:
             alloc_text = f"{allocs:.3f} ({own:.3f})"
             extra_text = f"{(allocs - own) * keys:.0f}"
-        floor_text = "-" if "floor_ns" not in run and not floor_only else fmt_time(floor)
+        floor_text = "-" if "floor_ns" not in run else fmt_time(floor)
         yield [operation, size_text, freqs, library_text, floor_text, ratio_text, alloc_text,
                extra_text, verdict]
 
