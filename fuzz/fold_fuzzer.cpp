@@ -34,6 +34,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   TimeInStateVector out = zeroTimeInState(freqTable);
   foldPerCpuValue(layout, blocks.data(), out);
 
+  // The walks' row fold gives the same vectors.
+  std::vector<uint64_t> row(layout.rowBegin.back(), 1);
+  foldPerCpuValueIntoRow(layout, blocks.data(), row.data());
+  if (timeInStateFromRow(layout, row.data()) != out) abort();
+
   // The same sums, the slow way.
   for (size_t p = 0; p < policies; ++p) {
     for (size_t j = 0; j < freqTable[p].size(); ++j) {

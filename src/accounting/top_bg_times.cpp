@@ -4,7 +4,6 @@
 #include <mutex>
 #include <shared_mutex>
 #include <string>
-#include <utility>
 
 #include "accounting/clock.h"
 #include "core/map_records.h"
@@ -53,8 +52,9 @@ bool addLivePeriods(TimeTable& table, bool isTop, uint64_t now) {
       // not be read) counts nothing rather than a wrapped, huge period.
       const uint64_t live = now > start ? now - start : 0;
       assignTaskName(taskKey.comm, name.comm);
-      // The first task of a name stands for it; try_emplace leaves taskKey alone otherwise.
-      table.try_emplace(std::move(taskKey), live);
+      // The first task of a name stands for it. The key is copied into a new entry rather than
+      // moved, so that its string keeps its buffer for the next pid.
+      table.try_emplace(taskKey, live);
     }
     const pid_key_t previous = pid;
     if (mapGetNextKey(adjFd, &previous, &pid) != 0) return true;
@@ -69,7 +69,7 @@ bool addStoredTotals(TimeTable& table, int mapFd) {
     time_value_t total;
     if (mapLookupElem(mapFd, &key, &total) != 0) return false;
     assignTaskName(taskKey.comm, key.comm);
-    const auto [entry, inserted] = table.try_emplace(std::move(taskKey), total);
+    const auto [entry, inserted] = table.try_emplace(taskKey, total);
     if (!inserted) entry->second += total;
     const process_info_t previous = key;
     if (mapGetNextKey(mapFd, &previous, &key) != 0) return errno == ENOENT;

@@ -24,6 +24,14 @@ FoldLayout makeFoldLayout(const std::vector<std::vector<uint64_t>>& freqTable,
     }
   }
   layout.policyBegin.push_back(static_cast<uint32_t>(layout.blocks.size()));
+  // Rows take the frequency table's whole shape, policies without a CPU list included.
+  layout.rowBegin.reserve(freqTable.size() + 1);
+  uint32_t rowLength = 0;
+  for (const auto& freqs : freqTable) {
+    layout.rowBegin.push_back(rowLength);
+    rowLength += static_cast<uint32_t>(freqs.size());
+  }
+  layout.rowBegin.push_back(rowLength);
   return layout;
 }
 
@@ -44,6 +52,40 @@ void foldPerCpuValue(const FoldLayout& layout, const time_in_state_block_t* bloc
       const uint64_t* __restrict src = blocks[layout.blocks[i]].slot;
       for (uint32_t j = 0; j < slots; ++j) dst[j] += src[j];
     }
+  }
+}
+
+void foldPerCpuValueIntoRow(const FoldLayout& layout, const time_in_state_block_t* blocks,
+                            uint64_t* row) {
+  std::fill_n(row, layout.rowBegin.back(), 0);
+  const size_t policies = layout.slotCount.size();
+  for (size_t p = 0; p < policies; ++p) {
+    uint64_t* __restrict dst = row + layout.rowBegin[p];
+    const uint32_t slots = layout.slotCount[p];
+    for (uint32_t i = layout.policyBegin[p]; i < layout.policyBegin[p + 1]; ++i) {
+      const uint64_t* __restrict src = blocks[layout.blocks[i]].slot;
+      for (uint32_t j = 0; j < slots; ++j) dst[j] += src[j];
+    }
+  }
+}
+
+TimeInStateVector timeInStateFromRow(const FoldLayout& layout, const uint64_t* row) {
+  const size_t policies = layout.rowBegin.size() - 1;
+  TimeInStateVector out;
+  out.reserve(policies);
+  for (size_t p = 0; p < policies; ++p) {
+    out.emplace_back(row + layout.rowBegin[p], row + layout.rowBegin[p + 1]);
+  }
+  return out;
+}
+
+void addRow(const FoldLayout& layout, const uint64_t* row, TimeInStateVector& out) {
+  const size_t policies = layout.rowBegin.size() - 1;
+  for (size_t p = 0; p < policies; ++p) {
+    uint64_t* __restrict dst = out[p].data();
+    const uint64_t* __restrict src = row + layout.rowBegin[p];
+    const uint32_t length = layout.rowBegin[p + 1] - layout.rowBegin[p];
+    for (uint32_t j = 0; j < length; ++j) dst[j] += src[j];
   }
 }
 

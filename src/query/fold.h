@@ -23,6 +23,9 @@ struct FoldLayout {
   std::vector<uint32_t> slotCount;
   // Blocks in every per-CPU buffer handed to foldPerCpuValue.
   uint32_t blockCount = 0;
+  // A row holds every policy's times end to end, in the shape of the frequency table: policy p
+  // from rowBegin[p] up to rowBegin[p + 1]. rowBegin.back() is the row's length.
+  std::vector<uint32_t> rowBegin;
 };
 
 // `cpuSlot` maps a CPU number to its block (all-ones for none). Any input gives a layout that
@@ -38,6 +41,17 @@ TimeInStateVector zeroTimeInState(const std::vector<std::vector<uint64_t>>& freq
 // the frequency table the layout was made from.
 void foldPerCpuValue(const FoldLayout& layout, const time_in_state_block_t* blocks,
                      TimeInStateVector& out);
+
+// Sets `row` (layout.rowBegin.back() times) to the fold of `blocks`: the same sums as
+// foldPerCpuValue into zeros, written into one contiguous run.
+void foldPerCpuValueIntoRow(const FoldLayout& layout, const time_in_state_block_t* blocks,
+                            uint64_t* row);
+
+// The time-in-state vector that holds `row`.
+TimeInStateVector timeInStateFromRow(const FoldLayout& layout, const uint64_t* row);
+
+// Adds `row` into `out`, which has the shape of the frequency table.
+void addRow(const FoldLayout& layout, const uint64_t* row, TimeInStateVector& out);
 
 }  // namespace zelkora
 }  // namespace com

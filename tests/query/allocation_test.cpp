@@ -96,5 +96,31 @@ TEST_F(AllocationTest, TopTimeWalkAllocatesOnlyForNewEntries) {
   EXPECT_LE(allocationsOf(getProcessTopTimes), kNames * 2 + kPerCall);
 }
 
+TEST_F(AllocationTest, ShortNamesAfterKnownLongOnesAllocateNothing) {
+  // Long and short names in turn; live tasks give a third of them, and the stored totals hold
+  // every name, so the walk of the time map meets known and new names, long and short, mixed in
+  // the kernel's order. A short name fits in the string's inline buffer and needs no allocation
+  // of its own, even right after a long name was looked up.
+  const uint32_t zero = 0;
+  const uint64_t clearTime = 1;
+  ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::ClearTime), &zero, &clearTime));
+  size_t longNames = 0;
+  for (int32_t i = 0; i < kNames; ++i) {
+    const bool isLong = i % 2 == 0;
+    longNames += isLong;
+    const process_info_t name =
+        zelk::testbed::processInfo(isLong ? longName(i) : "t" + std::to_string(i));
+    const int16_t adj = 0;
+    const uint64_t total = 5;
+    if (i % 3 == 0) {
+      ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::PidComm), &i, &name));
+      ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::PidAdj), &i, &adj));
+    }
+    ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::TopTime), &name, &total));
+  }
+  // A node each, and a name for the long ones.
+  EXPECT_LE(allocationsOf(getProcessTopTimes), kNames + longNames + kPerCall);
+}
+
 }  // namespace
 }  // namespace com::zelkora

@@ -89,5 +89,43 @@ TEST(FoldTest, ZeroTemplateHasTheShapeOfTheTable) {
   EXPECT_EQ(zeroTimeInState({freqs(2), freqs(0), freqs(1)}), (TimeInStateVector{{0, 0}, {}, {0}}));
 }
 
+// The walks fold into rows and build vectors from them: the same sums as the vector fold, for
+// every layout above, and a row is set, never added to.
+TEST(FoldTest, RowFoldGivesTheVectorFoldsSums) {
+  struct Case {
+    Table freqTable, cpus;
+    std::vector<uint64_t> slot;
+    uint32_t blockCount;
+  };
+  std::vector<uint64_t> eightSlots(8);
+  for (uint64_t c = 0; c < 8; ++c) eightSlots[c] = c;
+  const Case cases[] = {
+      {{freqs(2), freqs(3)}, {{0, 1}, {2}}, {0, 1, 2}, 3},
+      {{freqs(1), freqs(1)}, {{1, 0}, {0}}, {2, 0}, 3},
+      {{freqs(1), freqs(1)}, {{0, 2, 3}, {1}}, {0, 5, kNoCpuSlot}, 2},
+      {{freqs(2), freqs(2)}, {{0, 1, 2, 3}, {4, 5, 6, 7}}, eightSlots, 2},
+      {{freqs(40)}, {{0}}, {0}, 1},
+      {{freqs(2), freqs(0), freqs(1)}, {{0}, {}, {1}}, {0, 1}, 2},
+      // More policies in the frequency table than CPU lists: the rows keep the table's shape.
+      {{freqs(2), freqs(3)}, {{0}}, {0}, 1},
+  };
+  for (const Case& c : cases) {
+    const FoldLayout layout = makeFoldLayout(c.freqTable, c.cpus, c.slot, c.blockCount);
+    const auto buffer = numberedBlocks(c.blockCount);
+    std::vector<uint64_t> row(layout.rowBegin.back(), 77);  // stale contents
+    foldPerCpuValueIntoRow(layout, buffer.data(), row.data());
+    EXPECT_EQ(timeInStateFromRow(layout, row.data()),
+              fold(c.freqTable, c.cpus, c.slot, c.blockCount));
+  }
+}
+
+TEST(FoldTest, AddRowAddsEveryPolicysRun) {
+  const FoldLayout layout = makeFoldLayout({freqs(2), freqs(1)}, {{0}, {1}}, {0, 1}, 2);
+  const uint64_t row[] = {1, 2, 3};
+  TimeInStateVector out = {{10, 20}, {30}};
+  addRow(layout, row, out);
+  EXPECT_EQ(out, (TimeInStateVector{{11, 22}, {33}}));
+}
+
 }  // namespace
 }  // namespace com::zelkora

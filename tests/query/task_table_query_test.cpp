@@ -99,6 +99,53 @@ INSTANTIATE_TEST_SUITE_P(
                       Variant{"Kthread", MapId::KthreadTime, getKthreadCpuFreqTimes, 1}),
     [](const auto& info) { return std::string(info.param.name); });
 
+TEST_P(TaskTableTest, ManyKeysMeetTheirEntriesWhateverTheOrderOfTheWalk) {
+  // Enough keys for several batches of the walk, with each name's two records (flags 0 and 1)
+  // wherever the kernel's order puts them; a second walk of a smaller map starts from the first
+  // walk's size. Every sum must come out exact.
+  std::vector<uint64_t> freqs(32);
+  for (size_t j = 0; j < freqs.size(); ++j) freqs[j] = 100000 * (j + 1);
+  zelk::testbed::addMachinePolicy(freqs);
+  const int fd = maps_.fd(GetParam().map);
+  constexpr int kNames = 1500;
+  PerCpuValue value = zelk::testbed::perCpuValue();
+  for (int i = 0; i < kNames; ++i) {
+    for (uint64_t flag : {0, 1}) {
+      for (size_t j = 0; j < kFreqSlots; ++j) value[0].slot[j] = i * 100 + j + flag * 10;
+      const process_key_t key = zelk::testbed::processKey("task" + std::to_string(i), flag);
+      ASSERT_TRUE(zelk::testbed::update(fd, &key, value.data()));
+    }
+  }
+  const auto check = [&](int names) {
+    const auto table = GetParam().query();
+    ASSERT_TRUE(table.has_value());
+    const bool merged = GetParam().flagOfZero == 1;
+    ASSERT_EQ(table->size(), static_cast<size_t>(merged ? names : 2 * names));
+    for (int i = 0; i < names; ++i) {
+      const std::string name = "task" + std::to_string(i);
+      std::vector<uint64_t> flag0(32), flag1(32);
+      for (size_t j = 0; j < kFreqSlots; ++j) {
+        flag0[j] = i * 100 + j;
+        flag1[j] = i * 100 + j + 10;
+      }
+      if (merged) {
+        for (size_t j = 0; j < kFreqSlots; ++j) flag1[j] += flag0[j];
+      } else {
+        ASSERT_EQ(table->at({name, 0}), TimeInStateVector{flag0}) << name;
+      }
+      ASSERT_EQ(table->at({name, 1}), TimeInStateVector{flag1}) << name;
+    }
+  };
+  check(kNames);
+  for (int i = kNames / 3; i < kNames; ++i) {
+    for (uint64_t flag : {0, 1}) {
+      const process_key_t key = zelk::testbed::processKey("task" + std::to_string(i), flag);
+      ASSERT_EQ(bpf_map_delete_elem(fd, &key), 0);
+    }
+  }
+  check(kNames / 3);
+}
+
 using FlagTest = TaskTableTest;
 
 TEST_F(FlagTest, ProcessTableKeepsFlagsApartAndKthreadTableMergesThemUnderOne) {
