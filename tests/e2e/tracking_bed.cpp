@@ -5,7 +5,6 @@
 #include <iterator>
 
 #include "object_loader.h"
-#include "self_status.h"
 
 namespace zelk::testbed {
 
@@ -24,9 +23,10 @@ void TrackingTest::SetUp() {
   ASSERT_EQ(outcome.status, loader::Status::kLoaded) << outcome.message;
   addPolicies();
   ASSERT_TRUE(com::zelkora::startTrackingCpuFreqTime());
-  // The seeding pass deletes the pid entries it finds already made, as the kernel makes them for
-  // every process forked from now on: children start after it. The monitor's first line follows.
-  ASSERT_TRUE(waitUntil([&] { return log_.count("[doPollPsi:") > 0; }, kWait));
+  // Children start once the background thread has ended: its seeding pass deletes the pid
+  // entries it finds already made, as the kernel makes them for every new process, and
+  // ThreadSanitizer lets a child start threads only when forked from a single thread.
+  ASSERT_TRUE(threads_.ended(log_)) << "the library's background thread did not end";
 }
 
 uint64_t sum(const std::optional<com::zelkora::TimeInStateVector>& times) {
