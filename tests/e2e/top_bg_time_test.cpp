@@ -7,7 +7,9 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <memory>
 
 #include "maps.h"
 #include "scripted_child.h"
@@ -30,16 +32,9 @@ bool holds(MapId id, pid_t pid) {
   return bpf_map_lookup_elem(fd.get(), &pid, value) == 0;
 }
 
-// Reaps the child and waits for the kernel to free it (an RCU grace period after exit), which
-// closes its last period and removes its pid entries.
-void reap(Child& child) {
-  const pid_t pid = child.pid();
-  ASSERT_EQ(child.wait(kWait), 0);
-  ASSERT_TRUE(waitUntil([&] { return !holds(MapId::PidAdj, pid); }, kWait)) << "pid " << pid;
-  EXPECT_FALSE(holds(MapId::PidComm, pid));
-  EXPECT_FALSE(holds(MapId::PidAdjUpdate, pid));
-}
-
+// A process's last period stays open until the kernel frees it, an RCU grace period after it
+// was reaped; the library counts it meanwhile. So the times below hold just after the exit
+// whether or not the free has come.
 TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
   const uint64_t forked = monotonicNs();
   Child child([](ChildLink& link) {
@@ -61,10 +56,46 @@ TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
   EXPECT_GE(open, before - told);
   EXPECT_LE(open, after - forked);
 
-  reap(child);
-  printf("zelkadj: top %.1f ms, background %.1f ms\n", top("zelkadj") / 1e6, bg("zelkadj") / 1e6);
-  EXPECT_NEAR(top("zelkadj"), 300 * kMs, 60 * kMs);
-  EXPECT_NEAR(bg("zelkadj"), 300 * kMs, 60 * kMs);
+  ASSERT_EQ(child.wait(kWait), 0);
+  const uint64_t topTime = top("zelkadj");
+  const uint64_t bgTime = bg("zelkadj");
+  printf("zelkadj: top %.1f ms, background %.1f ms\n", topTime / 1e6, bgTime / 1e6);
+  EXPECT_NEAR(topTime, 300 * kMs, 60 * kMs);
+  EXPECT_NEAR(bgTime, 300 * kMs, 60 * kMs);
+}
+
+// Here up to a few process ends in a hundred never reach the object: the kernel skips the free
+// program when its RCU callback interrupts a bpf() call or another BPF program on its CPU, and
+// sometimes without counting a miss. The pid then stays tracked, so one of four may.
+TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
+  const uint64_t started = monotonicNs();
+  std::vector<std::unique_ptr<Child>> children;
+  for (int i = 0; i < 4; ++i) {
+    children.push_back(std::make_unique<Child>([](ChildLink&) {
+      setName("zelkend");
+      setOomScoreAdj(900);
+      sleepFor(milliseconds(100));
+    }));
+  }
+  std::vector<pid_t> pids;
+  for (auto& child : children) {
+    pids.push_back(child->pid());
+    ASSERT_EQ(child->wait(kWait), 0);
+  }
+  const auto tracked = [&] {
+    return std::count_if(pids.begin(), pids.end(),
+                         [](pid_t pid) { return holds(MapId::PidAdj, pid); });
+  };
+  EXPECT_TRUE(waitUntil([&] { return tracked() <= 1; }, kWait)) << tracked() << " of 4 kept";
+  for (pid_t pid : pids) {
+    if (holds(MapId::PidAdj, pid)) continue;
+    EXPECT_FALSE(holds(MapId::PidComm, pid));
+    EXPECT_FALSE(holds(MapId::PidAdjUpdate, pid));
+  }
+  // At least three closed periods of 100 ms; at most four as long as the whole test.
+  const uint64_t background = bg("zelkend");
+  EXPECT_GE(background, 300 * kMs);
+  EXPECT_LE(background, 4 * (monotonicNs() - started));
 }
 
 TEST_F(TopBgTimeTest, RenameMovesLaterTimeToTheNewName) {
@@ -77,7 +108,7 @@ TEST_F(TopBgTimeTest, RenameMovesLaterTimeToTheNewName) {
     spin(milliseconds(50));
     sleepFor(milliseconds(250));
   });
-  reap(child);
+  ASSERT_EQ(child.wait(kWait), 0);
   for (const char* name : {"zelkold", "zelknew"}) {
     EXPECT_NEAR(top(name), 300 * kMs, 60 * kMs) << name;
     EXPECT_GT(sum(getCpuFreqTimesFromProcess(name, /*flag=*/true)), 10 * kMs) << name;
@@ -133,10 +164,10 @@ TEST_F(TopBgTimeTest, ClearTopAndBgTimesRestartsTheCounts) {
   const auto backgroundFrom = child.next(kWait);
   const auto backgroundBy = child.next(kWait);
   ASSERT_TRUE(backgroundFrom.has_value() && backgroundBy.has_value());
-  reap(child);
   // The closed foreground period runs from the clear to the child's write of 900.
-  EXPECT_GE(top("zelkclr"), static_cast<uint64_t>(*backgroundFrom) - afterClear);
-  EXPECT_LE(top("zelkclr"), static_cast<uint64_t>(*backgroundBy) - beforeClear);
+  const uint64_t closed = top("zelkclr");
+  EXPECT_GE(closed, static_cast<uint64_t>(*backgroundFrom) - afterClear);
+  EXPECT_LE(closed, static_cast<uint64_t>(*backgroundBy) - beforeClear);
 }
 
 }  // namespace
