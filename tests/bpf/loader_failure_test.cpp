@@ -12,7 +12,8 @@
 #include <functional>
 #include <iterator>
 
-#include "object_bed.h"
+#include "maps.h"
+#include "namespace.h"
 #include "object_loader.h"
 
 namespace zelk::testbed {

@@ -10,12 +10,15 @@
 #include <map>
 #include <set>
 
-#include "object_bed.h"
+#include "accounting/clock.h"
+#include "maps.h"
+#include "namespace.h"
 #include "object_loader.h"
 
 namespace zelk::testbed {
 namespace {
 
+using com::zelkora::getTimeSinceBoot;
 using loader::Status;
 
 // The tracepoints whose programs the library attaches.
@@ -48,16 +51,18 @@ std::map<std::string, uint32_t> pinIds() {
 uint64_t clearTime() {
   android::base::unique_fd fd(bpf_obj_get(pinPath(MapId::ClearTime).c_str()));
   const uint32_t zero = 0;
-  return lookupU64(fd.get(), &zero).value_or(0);
+  uint64_t time = 0;
+  bpf_map_lookup_elem(fd.get(), &zero, &time);
+  return time;
 }
 
 class LoaderTest : public KernelTest {};
 
 TEST_F(LoaderTest, PinsTheLibrarysMapsAndProgramsWithTheLoadTime) {
-  const uint64_t before = monotonicNs();
+  const uint64_t before = getTimeSinceBoot();
   ASSERT_EQ(loader::load().status, Status::kLoaded);
   EXPECT_GE(clearTime(), before);
-  EXPECT_LE(clearTime(), monotonicNs());
+  EXPECT_LE(clearTime(), getTimeSinceBoot());
 
   // Per-CPU where the library reads per-CPU blocks; hashes where it deletes and walks.
   const std::map<MapId, uint32_t> types = {{MapId::ProcessTime, BPF_MAP_TYPE_PERCPU_HASH},

@@ -58,7 +58,5 @@ std::optional<uint64_t> runtimeNs(pid_t pid);
 // Waits until the task sleeps (state S or D) off the CPU, its runtime settled; false after
 // `timeout`.
 bool waitUntilBlocked(pid_t pid, milliseconds timeout);
-// Polls `done` every few milliseconds; false after `timeout`.
-bool eventually(const std::function<bool()>& done, milliseconds timeout);
 
 }  // namespace zelk::testbed

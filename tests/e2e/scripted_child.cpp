@@ -10,7 +10,8 @@
 
 #include <cstdio>
 #include <fstream>
-#include <thread>
+
+#include "self_status.h"
 
 namespace zelk::testbed {
 namespace {
@@ -72,7 +73,7 @@ void Child::go() {
 
 int Child::wait(milliseconds timeout) {
   int status = -1;
-  const bool exited = eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);
+  const bool exited = waitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);
   if (!exited) return -1;
   pid_ = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -116,7 +117,7 @@ bool waitUntilBlocked(pid_t pid, milliseconds timeout) {
   constexpr milliseconds kSettled(20);
   std::optional<uint64_t> seen;
   auto seenAt = std::chrono::steady_clock::now();
-  return eventually(
+  return waitUntil(
       [&] {
         std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
         const std::string text((std::istreambuf_iterator<char>(file)), {});
@@ -133,15 +134,6 @@ bool waitUntilBlocked(pid_t pid, milliseconds timeout) {
         return now - seenAt >= kSettled;
       },
       timeout);
-}
-
-bool eventually(const std::function<bool()>& done, milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(milliseconds(5));
-  }
-  return true;
 }
 
 }  // namespace zelk::testbed
