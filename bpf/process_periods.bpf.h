@@ -60,3 +60,12 @@ static __always_inline void zelk_forget_process(__u32 pid) {
   bpf_map_delete_elem(&pid_to_adj_last_update_map, &pid);
   bpf_map_delete_elem(&pid_to_comm_map, &pid);
 }
+
+/* A tracked process has ended: its last period closes now and its entries go. */
+static __always_inline void zelk_end_process(__u32 pid, __u64 now) {
+  short* adj = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
+
+  if (!adj) return;
+  zelk_close_period(pid, *adj, now);
+  zelk_forget_process(pid);
+}

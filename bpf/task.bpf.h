@@ -89,6 +89,29 @@ static __always_inline bool zelk_running_task_key(struct zelk_process_key* key) 
   return kthread;
 }
 
+/* Whether the running task is the last thread of its process to exit, switching out for the last
+ * time; `tgid` is then its process. The free event would also tell, but the kernel skips that
+ * program when its RCU callback interrupts a bpf() call or another program, so a process could
+ * stay tracked for ever. The exit state is set and the live count dropped before the final
+ * switch. */
+static __always_inline bool zelk_running_process_ended(__u32* tgid) {
+  struct task_struct* task;
+
+#ifndef ZELK_PROBE_READS_ONLY
+  if (bpf_core_enum_value_exists(enum bpf_func_id, BPF_FUNC_get_current_task_btf)) {
+    task = bpf_get_current_task_btf();
+    if (!task->exit_state || task->signal->live.counter != 0) return false;
+    *tgid = task->tgid;
+    return true;
+  }
+#endif
+  task = (struct task_struct*)bpf_get_current_task();
+  if (!BPF_CORE_READ(task, exit_state) || BPF_CORE_READ(task, signal, live.counter) != 0)
+    return false;
+  *tgid = BPF_CORE_READ(task, tgid);
+  return true;
+}
+
 /* The newest child of `parent` when it is the process leader `pid`, else NULL. A new process
  * is linked at the tail of its parent's children before sched_process_fork fires; a new thread
  * never is. */

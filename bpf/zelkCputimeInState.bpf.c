@@ -55,11 +55,13 @@ int sched_switch(struct trace_event_raw_sched_switch* ctx) {
   struct zelk_process_key key = {};
   __u32 zero = 0;
   __u64 *last, now, delta;
-  __u32 slot;
+  __u32 slot, tgid;
 
+  now = bpf_ktime_get_ns();
+  /* The last switch of an exiting process's last thread ends the process. */
+  if (zelk_running_process_ended(&tgid)) zelk_end_process(tgid, now);
   last = bpf_map_lookup_elem(&cpu_last_update_map, &zero);
   if (!last) return 0;
-  now = bpf_ktime_get_ns();
   delta = now - *last;
   /* Zero (as the library writes it) only starts the clock on this CPU. */
   if (*last == 0 || now <= *last) {
@@ -171,15 +173,12 @@ int sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   return 0;
 }
 
-/* Fires for every thread; only processes have entries. The pid is already free for reuse here,
- * but pids are handed out cyclically, so a new process under it this soon is not a concern. */
+/* Fires for every thread; only processes have entries. A process has normally been ended at its
+ * last switch already; this catches one whose last switch was missed. The pid is already free for
+ * reuse here, but pids are handed out cyclically, so a new process under it this soon is not a
+ * concern. */
 SEC("tracepoint/sched/sched_process_free")
 int sched_process_free(struct trace_event_raw_sched_process_template* ctx) {
-  __u32 pid = ctx->pid;
-  short* adj = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
-
-  if (!adj) return 0;
-  zelk_close_period(pid, *adj, bpf_ktime_get_ns());
-  zelk_forget_process(pid);
+  zelk_end_process(ctx->pid, bpf_ktime_get_ns());
   return 0;
 }
