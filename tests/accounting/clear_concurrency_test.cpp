@@ -1,10 +1,9 @@
-// Whole-map clears against walks of the same map on other threads. The test refills a map only
-// while holding the map's lock exclusively, so a reader that sees anything but an empty or a
-// full table, or fails, has walked a half-cleared map.
+// Whole-map clears against walks of the same map on other threads. The map is refilled only
+// under its lock held exclusively, so a walk that sees neither an empty nor a full table, or
+// fails, has walked a half-cleared map.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
@@ -32,18 +31,17 @@ class ClearConcurrencyTest : public zelk::testbed::KernelTest {
     zelk::testbed::addMachinePolicy({100});
     ASSERT_TRUE(ensureGlobals());
   }
-  // Two readers run `size` (a table's size, -1 for a failed query) while this thread clears and
-  // refills 150 times.
+  // Two threads walk with `query` while this one clears and refills 150 times.
   template <typename Query>
-  void race(bool (*clear)(), RwLock& lock, void (*putKey)(int fd, int i), int fd, Query query) {
+  void race(bool (*clear)(), RwLock& lock, void (*putKey)(int fd, int i), MapId map, Query query) {
+    const int fd = maps_.fd(map);
     auto refill = [&] {
       std::unique_lock<RwLock> exclusive(lock);
       for (int i = 0; i < kKeys; ++i) putKey(fd, i);
     };
     refill();
     std::atomic<bool> stop{false};
-    std::atomic<int> bad{0};
-    std::atomic<int> reads{0};
+    std::atomic<int> bad{0}, reads{0};
     std::vector<std::thread> readers;
     for (int r = 0; r < 2; ++r) {
       readers.emplace_back([&] {
@@ -66,17 +64,17 @@ class ClearConcurrencyTest : public zelk::testbed::KernelTest {
   zelk::testbed::Maps maps_;
 };
 
-TEST_F(ClearConcurrencyTest, ProcessWalksNeverSeeAHalfClearedMap) {
+TEST_F(ClearConcurrencyTest, ProcessWalks) {
   race(
       clearProcessTimes, gProcessTimeLock,
       [](int fd, int i) {
         const process_key_t key = zelk::testbed::processKey(std::to_string(i), 0);
         zelk::testbed::update(fd, &key, zelk::testbed::perCpuValue().data());
       },
-      maps_.fd(MapId::ProcessTime), getProcessCpuFreqTimes);
+      MapId::ProcessTime, getProcessCpuFreqTimes);
 }
 
-TEST_F(ClearConcurrencyTest, TopTimeWalksNeverSeeAHalfClearedMap) {
+TEST_F(ClearConcurrencyTest, TopTimeWalks) {
   race(
       clearTopAndBgTimes, gTopBgTimeLock,
       [](int fd, int i) {
@@ -84,7 +82,7 @@ TEST_F(ClearConcurrencyTest, TopTimeWalksNeverSeeAHalfClearedMap) {
         const uint64_t time = 1;
         zelk::testbed::update(fd, &key, &time);
       },
-      maps_.fd(MapId::TopTime), getProcessTopTimes);
+      MapId::TopTime, getProcessTopTimes);
 }
 
 }  // namespace
