@@ -1,5 +1,5 @@
-// CPU time counted by the kernel object and read through the library, checked against the
-// kernel's own per-task runtime (/proc/<pid>/schedstat) and busy time (/proc/stat).
+// CPU time counted by the kernel object and read through the library, against the kernel's own
+// per-task runtime (/proc/<pid>/schedstat) and busy time (/proc/stat).
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -9,33 +9,33 @@
 #include <fstream>
 #include <set>
 #include <thread>
+#include <vector>
 
+#include "e2e_bed.h"
 #include "maps.h"
 #include "object_setup.h"
-#include "scripted_child.h"
-#include "tracking_bed.h"
 
 namespace zelk::testbed {
 namespace {
 
 using namespace com::zelkora;
 
-class CpuTimeTest : public TrackingTest {};
+using CpuTimeTest = TrackingTest;
 
-// A foreground child that, `phases` times, tells the test and spins for `spinFor` on its go; it
-// then tells once more and blocks until killed. Time is counted at switch-out under the name
-// the task has then, so it takes `name` at the start of a slice: the time counted under it is
-// its runtime after its first word.
-Child spinner(const char* name, int phases, milliseconds spinFor) {
+// A foreground child that, for each phase, tells the test and spins for that long on its go; it
+// then tells once more and blocks. Time is counted at switch-out under the name the task has
+// then, so it takes `name` at the start of a slice: what is counted under it is its runtime
+// after its first word.
+Child spinner(const char* name, std::vector<milliseconds> phases) {
   return Child([=](ChildLink& link) {
     setOomScoreAdj(0);
-    for (int i = 0; i < phases; ++i) {
+    for (size_t i = 0; i < phases.size(); ++i) {
       link.tell(i);
       link.awaitGo();
       if (i == 0) setName(name);
-      spin(spinFor);
+      spin(phases[i]);
     }
-    link.tell(phases);
+    link.tell(phases.size());
     link.awaitGo();
   });
 }
@@ -47,19 +47,12 @@ uint64_t runtimeAtWord(Child& child) {
   return runtimeNs(child.pid()).value_or(0);
 }
 
-// The object reads the running task with plain BTF loads where the kernel allows it, and with
-// probe reads before 5.11; both builds run here.
-struct TaskReads {
-  const char* what;
-  const char* objectFile;  // nullptr: the loader's own object
-};
-
-void PrintTo(const TaskReads& reads, std::ostream* out) { *out << reads.what; }
-
-class ProcessTimeTest : public TrackingTest, public ::testing::WithParamInterface<TaskReads> {
- protected:
-  const char* objectFile() const override { return GetParam().objectFile; }
-};
+// The object counts a CPU's wall time between switches, schedstat the task's own clock, which
+// leaves out interrupts and time the hypervisor took; under load here they differ by up to 1.4%.
+void expectWithin2Percent(const std::string& what, uint64_t counted, uint64_t runtime) {
+  printf("%s: counted %.3f ms, schedstat %.3f ms\n", what.c_str(), counted / 1e6, runtime / 1e6);
+  EXPECT_NEAR(static_cast<double>(counted), runtime, 0.02 * runtime) << what;
+}
 
 void* spinInThread(void* link) {
   setName("zelkworker");
@@ -69,7 +62,6 @@ void* spinInThread(void* link) {
   return nullptr;
 }
 
-// Runtime of every task of a process.
 uint64_t processRuntime(pid_t pid) {
   uint64_t total = 0;
   for (const auto& task :
@@ -79,12 +71,12 @@ uint64_t processRuntime(pid_t pid) {
   return total;
 }
 
-// The object counts a CPU's wall time between switches, schedstat the task's own clock, which
-// leaves out interrupts and time the hypervisor took; under load here they differ by up to 1.4%.
-void expectWithin2Percent(const std::string& what, uint64_t counted, uint64_t runtime) {
-  printf("%s: counted %.3f ms, schedstat %.3f ms\n", what.c_str(), counted / 1e6, runtime / 1e6);
-  EXPECT_NEAR(static_cast<double>(counted), runtime, 0.02 * runtime) << what;
-}
+// The object reads the running task with plain BTF loads where the kernel allows it, and with
+// probe reads before 5.11: both builds run here (the object file, or the loader's own).
+class ProcessTimeTest : public TrackingTest, public ::testing::WithParamInterface<const char*> {
+ protected:
+  const char* objectFile() const override { return GetParam(); }
+};
 
 TEST_P(ProcessTimeTest, MatchesSchedstatAtTheCurrentFrequencyApartFromKernelThreads) {
   Child child([](ChildLink& link) {
@@ -106,13 +98,12 @@ TEST_P(ProcessTimeTest, MatchesSchedstatAtTheCurrentFrequencyApartFromKernelThre
 
   const auto times = getCpuFreqTimesFromProcess("zelkspin", /*flag=*/true);
   ASSERT_TRUE(times.has_value());
-  // All at the policy's current frequency, the first; nothing in the background.
-  EXPECT_EQ((*times)[0][0], sum(times));
+  EXPECT_EQ((*times)[0][0], sum(times)) << "all at the current frequency, the first";
   EXPECT_EQ(sum(getCpuFreqTimesFromProcess("zelkspin", /*flag=*/false)), 0u);
   expectWithin2Percent("zelkspin", sum(times), runtime);
 
-  // Kernel threads (kworkers, RCU, ksoftirqd) have run meanwhile, apart from the processes; the
-  // worker thread counts only under its process.
+  // Kernel threads have run meanwhile, apart from the processes; the worker thread counts only
+  // under its process, and its rename names no top time.
   const auto processes = getProcessCpuFreqTimes();
   const auto kthreads = getKthreadCpuFreqTimes();
   ASSERT_TRUE(processes.has_value() && kthreads.has_value());
@@ -126,20 +117,19 @@ TEST_P(ProcessTimeTest, MatchesSchedstatAtTheCurrentFrequencyApartFromKernelThre
     kthreadsWithTime += sum(times) > 0;
   }
   EXPECT_GT(kthreadsWithTime, 0u);
-  // A thread has no pid entry of its own, so its rename named no top time.
   EXPECT_EQ(timeOf(getProcessTopTimes(), "zelkworker"), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Objects, ProcessTimeTest,
-                         ::testing::Values(TaskReads{"BtfLoads", nullptr},
-                                           TaskReads{"ProbeReads", ZELK_PROBE_READS_OBJECT}),
-                         [](const auto& info) { return std::string(info.param.what); });
+                         ::testing::Values(nullptr, ZELK_PROBE_READS_OBJECT), [](const auto& info) {
+                           return std::string(info.param ? "ProbeReads" : "BtfLoads");
+                         });
 
 // No cpufreq driver here, so power:cpu_frequency never fires: the index is written by hand, as
-// its program would write it.
-TEST_F(CpuTimeTest, IndexChangeMovesLaterTimeToItsFrequency) {
-  // Phases long enough that 2% is well above the scheduler's tick.
-  Child child = spinner("zelkfreq", 2, milliseconds(500));
+// its program would. An index that no slot has (0, or past 32) counts nothing anywhere.
+TEST_F(CpuTimeTest, TimeGoesToTheSlotOfTheIndexInForce) {
+  Child child = spinner(
+      "zelkfreq", {milliseconds(500), milliseconds(500), milliseconds(100), milliseconds(100)});
   const uint64_t start = runtimeAtWord(child);
   child.go();
   const uint64_t first = runtimeAtWord(child) - start;
@@ -152,10 +142,19 @@ TEST_F(CpuTimeTest, IndexChangeMovesLaterTimeToItsFrequency) {
   EXPECT_EQ((*times)[0][0] + (*times)[0][3], sum(times));
   expectWithin2Percent("zelkfreq at the first", (*times)[0][0], first);
   expectWithin2Percent("zelkfreq at the fourth", (*times)[0][3], second);
+
+  for (uint32_t index : {0u, 33u}) {
+    ASSERT_EQ(exercise::setCurrentIndex(0, index), "");
+    const uint64_t total = sum(getTotalCpuFreqTimes());
+    child.go();
+    runtimeAtWord(child);
+    EXPECT_EQ(sum(getCpuFreqTimesFromProcess("zelkfreq", true)), sum(times)) << index;
+    EXPECT_EQ(sum(getTotalCpuFreqTimes()), total) << index;
+  }
 }
 
 TEST_F(CpuTimeTest, ClearProcessTimesRestartsTheCount) {
-  Child child = spinner("zelkclear", 2, milliseconds(200));
+  Child child = spinner("zelkclear", {milliseconds(200), milliseconds(200)});
   const uint64_t start = runtimeAtWord(child);
   child.go();
   const uint64_t cleared = runtimeAtWord(child);
@@ -170,40 +169,8 @@ TEST_F(CpuTimeTest, ClearProcessTimesRestartsTheCount) {
   EXPECT_NEAR(sum(getCpuFreqTimesFromProcess("zelkclear", true)), second, 0.1 * second);
 }
 
-// A policy with more frequencies than the object has slots, running at its 33rd; and an index
-// of 0, which no frequency has. Neither may land in any slot.
-class UnusableIndexTest : public TrackingTest {
- protected:
-  void addPolicies() override {
-    std::vector<uint64_t> freqs;
-    for (uint64_t khz = 100000; freqs.size() < 33; khz += 100000) freqs.push_back(khz);
-    addMachinePolicy(freqs);
-    writeCpufreqFile("policy0/scaling_cur_freq", std::to_string(freqs.back()) + "\n");
-  }
-};
-
-TEST_F(UnusableIndexTest, CountsNothing) {
-  for (uint32_t index : {33u, 0u}) {
-    SCOPED_TRACE(index);
-    if (index == 0) {
-      ASSERT_EQ(exercise::setCurrentIndex(/*policy=*/0, /*index=*/0), "");
-    }
-    Child child = spinner("zelknone", 1, milliseconds(100));
-    runtimeAtWord(child);
-    child.go();
-    runtimeAtWord(child);
-    // An empty total map is no result at all.
-    EXPECT_FALSE(getTotalCpuFreqTimes().has_value());
-    const auto processes = getProcessCpuFreqTimes();
-    const auto kthreads = getKthreadCpuFreqTimes();
-    EXPECT_TRUE(processes.has_value() && processes->empty());
-    EXPECT_TRUE(kthreads.has_value() && kthreads->empty());
-  }
-}
-
-// Time is counted when a task switches out, so a task that has run on alone since its CPU's last
-// switch (a CPU-bound process, under no preemption) is not in the total yet: a short sleeper
-// moved onto every CPU makes each one switch.
+// A CPU's time is counted when its task switches out: a short sleeper on every CPU makes each
+// one switch, so the total is up to date.
 void switchEveryCpu() {
   std::vector<std::thread> sleepers;
   for (uint32_t cpu = 0; cpu < possibleCpus(); ++cpu) {
@@ -218,7 +185,7 @@ void switchEveryCpu() {
   for (std::thread& sleeper : sleepers) sleeper.join();
 }
 
-// Busy jiffies of all CPUs (everything but idle and iowait), in nanoseconds.
+// Busy time of all CPUs (all but idle and iowait), in nanoseconds.
 uint64_t busyNs() {
   std::ifstream stat("/proc/stat");
   std::string cpu;
@@ -232,7 +199,7 @@ TEST_F(CpuTimeTest, TotalAgreesWithProcStatBusyTime) {
   const uint64_t startTotal = sum(getTotalCpuFreqTimes());
   const uint64_t startBusy = busyNs();
   {
-    // Load every CPU, so the interval's busy time dwarfs the jiffy granularity.
+    // Every CPU loaded, so the busy time dwarfs the jiffy granularity.
     std::vector<std::unique_ptr<Child>> load;
     for (uint32_t i = 0; i < possibleCpus(); ++i) {
       load.push_back(std::make_unique<Child>([](ChildLink&) { spin(milliseconds(1000)); }));

@@ -13,32 +13,24 @@
 #include <memory>
 #include <thread>
 
+#include "accounting/clock.h"
+#include "e2e_bed.h"
 #include "maps.h"
-#include "scripted_child.h"
 #include "self_status.h"
-#include "tracking_bed.h"
 
 namespace zelk::testbed {
 namespace {
 
 using namespace com::zelkora;
+using TopBgTimeTest = TrackingTest;
 
 uint64_t top(const std::string& name) { return timeOf(getProcessTopTimes(), name); }
 uint64_t bg(const std::string& name) { return timeOf(getProcessBgTimes(), name); }
 
-class TopBgTimeTest : public TrackingTest {};
-
-bool holds(MapId id, pid_t pid) {
-  const android::base::unique_fd fd(bpf_obj_get(pinPath(id).c_str()));
-  uint64_t value[2];  // room for the largest value, a name
-  return bpf_map_lookup_elem(fd.get(), &pid, value) == 0;
-}
-
-// A process's last period stays open until the kernel frees it, an RCU grace period after it
-// was reaped; the library counts it meanwhile. So the times below hold just after the exit
-// whether or not the free has come.
+// A process's last period stays open until the kernel frees it, and the library counts it
+// meanwhile: the times below hold just after the exit whether or not the free has come.
 TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
-  const uint64_t forked = monotonicNs();
+  const uint64_t forked = getTimeSinceBoot();
   Child child([](ChildLink& link) {
     setName("zelkadj");
     setOomScoreAdj(0);
@@ -48,13 +40,13 @@ TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
     sleepFor(milliseconds(300));
   });
   ASSERT_TRUE(child.next(kWait).has_value());
-  const uint64_t told = monotonicNs();
+  const uint64_t told = getTimeSinceBoot();
   sleepFor(milliseconds(100));
-  const uint64_t before = monotonicNs();
+  const uint64_t before = getTimeSinceBoot();
   const uint64_t open = top("zelkadj");
-  const uint64_t after = monotonicNs();
-  // Still in the first sleep: nothing is stored for the name yet, so this is the open period,
-  // which began between the fork and the child's word.
+  const uint64_t after = getTimeSinceBoot();
+  // In the first sleep nothing is stored yet: this is the open period, begun between the fork
+  // and the child's word.
   EXPECT_GE(open, before - told);
   EXPECT_LE(open, after - forked);
 
@@ -66,12 +58,18 @@ TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
   EXPECT_NEAR(bgTime, 300 * kMs, 60 * kMs);
 }
 
+bool holds(MapId id, pid_t pid) {
+  const android::base::unique_fd fd(bpf_obj_get(pinPath(id).c_str()));
+  uint64_t value[2];  // room for the largest value, a name
+  return bpf_map_lookup_elem(fd.get(), &pid, value) == 0;
+}
+
 // Each process ends at its last thread's final switch. The free event alone would miss a few
-// ends in a hundred here: the kernel skips that program when its RCU callback interrupts a bpf()
-// call or another program on its CPU.
+// ends in a hundred: the kernel skips that program when its RCU callback interrupts a bpf() call
+// or another program on its CPU.
 TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
   constexpr int kChildren = 20;
-  const uint64_t started = monotonicNs();
+  const uint64_t started = getTimeSinceBoot();
   // bpf() calls on both CPUs while the processes end: the moments in which the free is skipped.
   std::atomic<bool> stop{false};
   std::vector<std::thread> callers;
@@ -108,7 +106,7 @@ TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
   // Every closed period is at least 100 ms, and none is longer than the whole test.
   const uint64_t background = bg("zelkend");
   EXPECT_GE(background, kChildren * 100 * kMs);
-  EXPECT_LE(background, kChildren * (monotonicNs() - started));
+  EXPECT_LE(background, kChildren * (getTimeSinceBoot() - started));
 }
 
 TEST_F(TopBgTimeTest, RenameMovesLaterTimeToTheNewName) {
@@ -137,8 +135,7 @@ TEST_F(TopBgTimeTest, ForkedProcessTakesItsParentsClass) {
       pause();
       _exit(0);
     }
-    // Leaves the forked process alone in the background under this name.
-    setOomScoreAdj(0);
+    setOomScoreAdj(0);  // the forked process stays alone in the background under this name
     link.tell(0);
     pause();
   });
@@ -157,21 +154,20 @@ TEST_F(TopBgTimeTest, ClearTopAndBgTimesRestartsTheCounts) {
     setOomScoreAdj(0);
     link.tell(0);
     link.awaitGo();
-    link.tell(static_cast<int64_t>(monotonicNs()));
+    link.tell(static_cast<int64_t>(getTimeSinceBoot()));
     setOomScoreAdj(900);
-    link.tell(static_cast<int64_t>(monotonicNs()));
+    link.tell(static_cast<int64_t>(getTimeSinceBoot()));
   });
   ASSERT_TRUE(child.next(kWait).has_value());
   EXPECT_GT(bg("zelkclr"), 50 * kMs);  // stored
   // The open foreground period grows meanwhile, so a clear that did not restart it would show.
   sleepFor(milliseconds(100));
-  const uint64_t beforeClear = monotonicNs();
+  const uint64_t beforeClear = getTimeSinceBoot();
   ASSERT_TRUE(clearTopAndBgTimes());
-  const uint64_t afterClear = monotonicNs();
+  const uint64_t afterClear = getTimeSinceBoot();
   const uint64_t open = top("zelkclr");
-  // The stored background period is gone, and the open foreground one counts from the clear.
   EXPECT_EQ(bg("zelkclr"), 0u);
-  EXPECT_LE(open, monotonicNs() - beforeClear);
+  EXPECT_LE(open, getTimeSinceBoot() - beforeClear) << "the open period counts from the clear";
 
   child.go();
   const auto backgroundFrom = child.next(kWait);
