@@ -26,24 +26,24 @@ using CpuTimeTest = TrackingTest;
 // then tells once more and blocks. Time is counted at switch-out under the name the task has
 // then, so it takes `name` at the start of a slice: what is counted under it is its runtime
 // after its first word.
-Child spinner(const char* name, std::vector<milliseconds> phases) {
-  return Child([=](ChildLink& link) {
+Child spinner(const char* name, std::vector<int> phaseMs) {
+  return Child([=](Child& link) {
     setOomScoreAdj(0);
-    for (size_t i = 0; i < phases.size(); ++i) {
+    for (size_t i = 0; i < phaseMs.size(); ++i) {
       link.tell(i);
       link.awaitGo();
       if (i == 0) setName(name);
-      spin(phases[i]);
+      spin(milliseconds(phaseMs[i]));
     }
-    link.tell(phases.size());
+    link.tell(phaseMs.size());
     link.awaitGo();
   });
 }
 
 // The child's runtime once it has told the test and switched out.
 uint64_t runtimeAtWord(Child& child) {
-  EXPECT_TRUE(child.next(kWait).has_value()) << "the child did not tell";
-  EXPECT_TRUE(waitUntilBlocked(child.pid(), kWait));
+  EXPECT_TRUE(child.next().has_value()) << "the child did not tell";
+  EXPECT_TRUE(waitUntilBlocked(child.pid()));
   return runtimeNs(child.pid()).value_or(0);
 }
 
@@ -57,7 +57,7 @@ void expectWithin2Percent(const std::string& what, uint64_t counted, uint64_t ru
 void* spinInThread(void* link) {
   setName("zelkworker");
   spin(milliseconds(500));
-  static_cast<ChildLink*>(link)->tell(gettid());
+  static_cast<Child*>(link)->tell(gettid());
   pause();
   return nullptr;
 }
@@ -79,7 +79,7 @@ class ProcessTimeTest : public TrackingTest, public ::testing::WithParamInterfac
 };
 
 TEST_P(ProcessTimeTest, MatchesSchedstatAtTheCurrentFrequencyApartFromKernelThreads) {
-  Child child([](ChildLink& link) {
+  Child child([](Child& link) {
     setOomScoreAdj(0);
     link.tell(0);
     link.awaitGo();
@@ -90,10 +90,10 @@ TEST_P(ProcessTimeTest, MatchesSchedstatAtTheCurrentFrequencyApartFromKernelThre
   });
   const uint64_t renamed = runtimeAtWord(child);
   child.go();
-  const auto worker = child.next(kWait);
+  const auto worker = child.next();
   ASSERT_TRUE(worker.has_value()) << "the worker did not finish spinning";
-  ASSERT_TRUE(waitUntilBlocked(static_cast<pid_t>(*worker), kWait));
-  ASSERT_TRUE(waitUntilBlocked(child.pid(), kWait));
+  ASSERT_TRUE(waitUntilBlocked(static_cast<pid_t>(*worker)));
+  ASSERT_TRUE(waitUntilBlocked(child.pid()));
   const uint64_t runtime = processRuntime(child.pid()) - renamed;
 
   const auto times = getCpuFreqTimesFromProcess("zelkspin", /*flag=*/true);
@@ -126,18 +126,22 @@ INSTANTIATE_TEST_SUITE_P(Objects, ProcessTimeTest,
                          });
 
 // No cpufreq driver here, so power:cpu_frequency never fires: the index is written by hand, as
-// its program would. An index that no slot has (0, or past 32) counts nothing anywhere.
-TEST_F(CpuTimeTest, TimeGoesToTheSlotOfTheIndexInForce) {
-  Child child = spinner(
-      "zelkfreq", {milliseconds(500), milliseconds(500), milliseconds(100), milliseconds(100)});
-  const uint64_t start = runtimeAtWord(child);
-  child.go();
-  const uint64_t first = runtimeAtWord(child) - start;
+// its program would. Time goes to the slot of the index in force at switch-out; an index that no
+// slot has (0, or past 32) counts nothing anywhere; a clear restarts the count.
+TEST_F(CpuTimeTest, TimeFollowsTheIndexAndRestartsAfterAClear) {
+  const auto counted = [] { return getCpuFreqTimesFromProcess("zelkfreq", /*flag=*/true); };
+  Child child = spinner("zelkfreq", {500, 500, 100, 100, 200});
+  uint64_t runtime = runtimeAtWord(child);
+  const auto phase = [&] {
+    const uint64_t start = runtime;
+    child.go();
+    runtime = runtimeAtWord(child);
+    return runtime - start;
+  };
+  const uint64_t first = phase();
   ASSERT_EQ(exercise::setCurrentIndex(/*policy=*/0, /*index=*/4), "");
-  child.go();
-  const uint64_t second = runtimeAtWord(child) - start - first;
-
-  const auto times = getCpuFreqTimesFromProcess("zelkfreq", /*flag=*/true);
+  const uint64_t second = phase();
+  const auto times = counted();
   ASSERT_TRUE(times.has_value());
   EXPECT_EQ((*times)[0][0] + (*times)[0][3], sum(times));
   expectWithin2Percent("zelkfreq at the first", (*times)[0][0], first);
@@ -146,27 +150,16 @@ TEST_F(CpuTimeTest, TimeGoesToTheSlotOfTheIndexInForce) {
   for (uint32_t index : {0u, 33u}) {
     ASSERT_EQ(exercise::setCurrentIndex(0, index), "");
     const uint64_t total = sum(getTotalCpuFreqTimes());
-    child.go();
-    runtimeAtWord(child);
-    EXPECT_EQ(sum(getCpuFreqTimesFromProcess("zelkfreq", true)), sum(times)) << index;
+    phase();
+    EXPECT_EQ(sum(counted()), sum(times)) << index;
     EXPECT_EQ(sum(getTotalCpuFreqTimes()), total) << index;
   }
-}
 
-TEST_F(CpuTimeTest, ClearProcessTimesRestartsTheCount) {
-  Child child = spinner("zelkclear", {milliseconds(200), milliseconds(200)});
-  const uint64_t start = runtimeAtWord(child);
-  child.go();
-  const uint64_t cleared = runtimeAtWord(child);
-  EXPECT_GT(sum(getCpuFreqTimesFromProcess("zelkclear", true)), (cleared - start) / 2);
+  ASSERT_EQ(exercise::setCurrentIndex(0, 1), "");
   ASSERT_TRUE(clearProcessTimes());
-  const auto processes = getProcessCpuFreqTimes();
-  ASSERT_TRUE(processes.has_value());
-  EXPECT_FALSE(processes->count({"zelkclear", 1}));
-  child.go();
-  const uint64_t second = runtimeAtWord(child) - cleared;
-  // The phases are alike: a count that survived the clear would be about double.
-  EXPECT_NEAR(sum(getCpuFreqTimesFromProcess("zelkclear", true)), second, 0.1 * second);
+  EXPECT_EQ(sum(counted()), 0u);
+  const uint64_t last = phase();
+  EXPECT_NEAR(sum(counted()), last, 0.1 * last) << "a count that survived the clear is larger";
 }
 
 // A CPU's time is counted when its task switches out: a short sleeper on every CPU makes each
@@ -202,9 +195,9 @@ TEST_F(CpuTimeTest, TotalAgreesWithProcStatBusyTime) {
     // Every CPU loaded, so the busy time dwarfs the jiffy granularity.
     std::vector<std::unique_ptr<Child>> load;
     for (uint32_t i = 0; i < possibleCpus(); ++i) {
-      load.push_back(std::make_unique<Child>([](ChildLink&) { spin(milliseconds(1000)); }));
+      load.push_back(std::make_unique<Child>([](Child&) { spin(milliseconds(1000)); }));
     }
-    for (auto& child : load) EXPECT_EQ(child->wait(kWait), 0);
+    for (auto& child : load) EXPECT_EQ(child->wait(), 0);
   }
   switchEveryCpu();
   const auto times = getTotalCpuFreqTimes();

@@ -1,19 +1,30 @@
 // The pair end to end, each test in a private namespace with bpffs and tracefs: the kernel object
-// freshly loaded, one cpufreq policy over every CPU, tracking started through the library; and
-// forked children that run a script, talking to the test through pipes with bounded waits.
+// freshly loaded, one cpufreq policy over every CPU (at its first frequency), tracking started
+// through the library; and scripted children.
 #pragma once
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
+#include <cstdio>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <optional>
 #include <string>
 
 #include "background_threads.h"
 #include "log_capture.h"
 #include "namespace.h"
+#include "object_loader.h"
+#include "policy_tree.h"
+#include "self_status.h"
 #include "zelkcpufreqtime.h"
 
 namespace zelk::testbed {
@@ -26,62 +37,175 @@ inline constexpr uint64_t kMs = 1000000;
 class TrackingTest : public KernelTest {
  protected:
   NamespaceOptions namespaceOptions() const override { return {.tracefs = true}; }
-  void SetUp() override;
-  // The background thread uses the library's map descriptors; it must end before they close.
-  void TearDown() override { threads_.ended(log_); }
   // The object file to load instead of the loader's own.
   virtual const char* objectFile() const { return nullptr; }
+  void SetUp() override {
+    KernelTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    loader::LoadOptions options;
+    std::string bytes;
+    if (objectFile() != nullptr) {
+      std::ifstream file(objectFile(), std::ios::binary);
+      bytes.assign(std::istreambuf_iterator<char>(file), {});
+      ASSERT_FALSE(bytes.empty()) << objectFile();
+      options.object = {bytes.data(), bytes.size()};
+    }
+    const loader::Outcome outcome = loader::load(options);
+    ASSERT_EQ(outcome.status, loader::Status::kLoaded) << outcome.message;
+    addMachinePolicy({300000, 600000, 900000, 1200000, 1500000});
+    ASSERT_TRUE(com::zelkora::startTrackingCpuFreqTime());
+    // Children start once the background thread has ended: its seeding pass deletes the pid
+    // entries it finds already made, and ThreadSanitizer lets a child start threads only when
+    // forked from a single thread.
+    ASSERT_TRUE(threads_.ended(log_)) << "the library's background thread did not end";
+  }
+  // The background thread uses the library's map descriptors; it must end before they close.
+  void TearDown() override { threads_.ended(log_); }
 
   LogCapture log_;
   BackgroundThreads threads_;
 };
 
 // Time over every policy and frequency; 0 for no result.
-uint64_t sum(const std::optional<com::zelkora::TimeInStateVector>& times);
+inline uint64_t sum(const std::optional<com::zelkora::TimeInStateVector>& times) {
+  uint64_t total = 0;
+  for (const auto& policy : times.value_or(com::zelkora::TimeInStateVector{})) {
+    for (uint64_t time : policy) total += time;
+  }
+  return total;
+}
+
 // A name's time in a top or background table, 0 when absent; a failed query fails the test.
-uint64_t timeOf(const std::optional<com::zelkora::TimeTable>& table, const std::string& name);
+inline uint64_t timeOf(const std::optional<com::zelkora::TimeTable>& table,
+                       const std::string& name) {
+  if (!table) {
+    ADD_FAILURE() << "the top or background query failed";
+    return 0;
+  }
+  const auto entry = table->find({name, 0});
+  return entry == table->end() ? 0 : entry->second;
+}
 
-// The child's side of the pipes. Only async-signal-safe work belongs in a child's body.
-class ChildLink {
- public:
-  ChildLink(int toParent, int fromParent) : toParent_(toParent), fromParent_(fromParent) {}
-  void tell(int64_t value);
-  void awaitGo();  // blocks, off the CPU, until the parent says go
-
- private:
-  int toParent_;
-  int fromParent_;
-};
-
-// A forked child running `body`; killed and reaped if the test ends first.
+// A forked child running `body`, talking with the test through two pipes; killed and reaped if
+// the test ends first. Only async-signal-safe work belongs in a body.
 class Child {
  public:
-  explicit Child(const std::function<void(ChildLink&)>& body);
-  ~Child();
+  explicit Child(const std::function<void(Child&)>& body) {
+    if (pipe2(up_, O_CLOEXEC) != 0 || pipe2(down_, O_CLOEXEC) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      body(*this);
+      _exit(0);
+    }
+    close(up_[1]);
+    close(down_[0]);
+    up_[1] = down_[0] = -1;
+  }
+  ~Child() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    for (int fd : {up_[0], up_[1], down_[0], down_[1]}) {
+      if (fd >= 0) close(fd);
+    }
+  }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
-
   pid_t pid() const { return pid_; }
-  // The next value the child tells; nothing after `timeout` or when it closed its end.
-  std::optional<int64_t> next(milliseconds timeout);
-  void go();
-  // The exit status, or -1 after `timeout`.
-  int wait(milliseconds timeout);
+
+  // In the child.
+  void tell(int64_t value) {
+    if (write(up_[1], &value, sizeof(value)) != sizeof(value)) _exit(120);
+  }
+  void awaitGo() {  // off the CPU
+    char byte;
+    if (read(down_[0], &byte, 1) != 1) _exit(121);
+  }
+
+  // In the test: the next value told, or nothing after kWait.
+  std::optional<int64_t> next() {
+    pollfd fd{up_[0], POLLIN, 0};
+    int64_t value;
+    if (poll(&fd, 1, static_cast<int>(kWait.count())) != 1) return std::nullopt;
+    if (read(up_[0], &value, sizeof(value)) != sizeof(value)) return std::nullopt;
+    return value;
+  }
+  void go() {
+    if (write(down_[1], "g", 1) != 1) perror("telling the child to go");
+  }
+  // The exit status, or -1 after kWait.
+  int wait() {
+    int status = -1;
+    if (!waitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, kWait)) return -1;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
 
  private:
   pid_t pid_ = -1;
-  int fromChild_ = -1;
-  int toChild_ = -1;
+  int up_[2] = {-1, -1};
+  int down_[2] = {-1, -1};
 };
 
-void setName(const char* name);
-void setOomScoreAdj(int adj);
-void spin(milliseconds duration);  // on the CPU
-void sleepFor(milliseconds duration);
+inline void setName(const char* name) { prctl(PR_SET_NAME, name, 0, 0, 0); }
+
+inline void setOomScoreAdj(int adj) {
+  char text[16];
+  const int length = snprintf(text, sizeof(text), "%d", adj);
+  const int fd = open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC);
+  if (fd < 0 || write(fd, text, length) != length) _exit(122);
+  close(fd);
+}
+
+// On the CPU.
+inline void spin(milliseconds duration) {
+  timespec start, now;
+  clock_gettime(CLOCK_MONOTONIC, &start);
+  const auto limit = std::chrono::nanoseconds(duration).count();
+  do {
+    clock_gettime(CLOCK_MONOTONIC, &now);
+  } while ((now.tv_sec - start.tv_sec) * 1000000000ll + (now.tv_nsec - start.tv_nsec) < limit);
+}
+
+inline void sleepFor(milliseconds duration) {
+  timespec remaining{static_cast<time_t>(duration.count() / 1000),
+                     static_cast<long>(duration.count() % 1000 * 1000000)};
+  while (nanosleep(&remaining, &remaining) != 0) {
+  }
+}
 
 // Nanoseconds the task has run, from /proc/<pid>/schedstat.
-std::optional<uint64_t> runtimeNs(pid_t pid);
-// Waits until the task sleeps off the CPU with its runtime settled; false after `timeout`.
-bool waitUntilBlocked(pid_t pid, milliseconds timeout);
+inline std::optional<uint64_t> runtimeNs(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/schedstat");
+  uint64_t runtime;
+  if (!(file >> runtime)) return std::nullopt;
+  return runtime;
+}
+
+// Waits until the task sleeps off the CPU; false after kWait. A task shows S as soon as it means
+// to sleep, before it leaves the CPU, and its runtime is brought up to date only at ticks and
+// switches: so it also has to stop growing.
+inline bool waitUntilBlocked(pid_t pid) {
+  std::optional<uint64_t> seen;
+  auto seenAt = std::chrono::steady_clock::now();
+  return waitUntil(
+      [&] {
+        std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+        const std::string text((std::istreambuf_iterator<char>(file)), {});
+        const size_t paren = text.rfind(')');
+        const bool sleeping = paren != std::string::npos && paren + 2 < text.size() &&
+                              (text[paren + 2] == 'S' || text[paren + 2] == 'D');
+        const auto runtime = runtimeNs(pid);
+        const auto now = std::chrono::steady_clock::now();
+        if (!sleeping || runtime != seen) {
+          seen = runtime;
+          seenAt = now;
+          return false;
+        }
+        return now - seenAt >= milliseconds(20);
+      },
+      kWait);
+}
 
 }  // namespace zelk::testbed

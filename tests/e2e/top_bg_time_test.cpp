@@ -31,7 +31,7 @@ uint64_t bg(const std::string& name) { return timeOf(getProcessBgTimes(), name);
 // meanwhile: the times below hold just after the exit whether or not the free has come.
 TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
   const uint64_t forked = getTimeSinceBoot();
-  Child child([](ChildLink& link) {
+  Child child([](Child& link) {
     setName("zelkadj");
     setOomScoreAdj(0);
     link.tell(0);
@@ -39,7 +39,7 @@ TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
     setOomScoreAdj(900);
     sleepFor(milliseconds(300));
   });
-  ASSERT_TRUE(child.next(kWait).has_value());
+  ASSERT_TRUE(child.next().has_value());
   const uint64_t told = getTimeSinceBoot();
   sleepFor(milliseconds(100));
   const uint64_t before = getTimeSinceBoot();
@@ -50,7 +50,7 @@ TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
   EXPECT_GE(open, before - told);
   EXPECT_LE(open, after - forked);
 
-  ASSERT_EQ(child.wait(kWait), 0);
+  ASSERT_EQ(child.wait(), 0);
   const uint64_t topTime = top("zelkadj");
   const uint64_t bgTime = bg("zelkadj");
   printf("zelkadj: top %.1f ms, background %.1f ms\n", topTime / 1e6, bgTime / 1e6);
@@ -83,7 +83,7 @@ TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
   }
   std::vector<std::unique_ptr<Child>> children;
   for (int i = 0; i < kChildren; ++i) {
-    children.push_back(std::make_unique<Child>([](ChildLink&) {
+    children.push_back(std::make_unique<Child>([](Child&) {
       setName("zelkend");
       setOomScoreAdj(900);
       sleepFor(milliseconds(100));
@@ -92,7 +92,7 @@ TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
   std::vector<pid_t> pids;
   for (auto& child : children) {
     pids.push_back(child->pid());
-    ASSERT_EQ(child->wait(kWait), 0);
+    ASSERT_EQ(child->wait(), 0);
   }
   const auto tracked = [&] {
     return std::count_if(pids.begin(), pids.end(), [](pid_t pid) {
@@ -110,7 +110,7 @@ TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
 }
 
 TEST_F(TopBgTimeTest, RenameMovesLaterTimeToTheNewName) {
-  Child child([](ChildLink&) {
+  Child child([](Child&) {
     setOomScoreAdj(0);
     setName("zelkold");
     spin(milliseconds(50));
@@ -119,7 +119,7 @@ TEST_F(TopBgTimeTest, RenameMovesLaterTimeToTheNewName) {
     spin(milliseconds(50));
     sleepFor(milliseconds(250));
   });
-  ASSERT_EQ(child.wait(kWait), 0);
+  ASSERT_EQ(child.wait(), 0);
   for (const char* name : {"zelkold", "zelknew"}) {
     EXPECT_NEAR(top(name), 300 * kMs, 60 * kMs) << name;
     EXPECT_GT(sum(getCpuFreqTimesFromProcess(name, /*flag=*/true)), 10 * kMs) << name;
@@ -127,7 +127,7 @@ TEST_F(TopBgTimeTest, RenameMovesLaterTimeToTheNewName) {
 }
 
 TEST_F(TopBgTimeTest, ForkedProcessTakesItsParentsClass) {
-  Child child([](ChildLink& link) {
+  Child child([](Child& link) {
     setName("zelkfork");
     setOomScoreAdj(900);
     if (fork() == 0) {
@@ -139,7 +139,7 @@ TEST_F(TopBgTimeTest, ForkedProcessTakesItsParentsClass) {
     link.tell(0);
     pause();
   });
-  ASSERT_TRUE(child.next(kWait).has_value());
+  ASSERT_TRUE(child.next().has_value());
   // Stored totals stay put while nothing changes: only an open period grows.
   const uint64_t first = bg("zelkfork");
   sleepFor(milliseconds(20));
@@ -147,7 +147,7 @@ TEST_F(TopBgTimeTest, ForkedProcessTakesItsParentsClass) {
 }
 
 TEST_F(TopBgTimeTest, ClearTopAndBgTimesRestartsTheCounts) {
-  Child child([](ChildLink& link) {
+  Child child([](Child& link) {
     setName("zelkclr");
     setOomScoreAdj(900);
     sleepFor(milliseconds(100));
@@ -158,7 +158,7 @@ TEST_F(TopBgTimeTest, ClearTopAndBgTimesRestartsTheCounts) {
     setOomScoreAdj(900);
     link.tell(static_cast<int64_t>(getTimeSinceBoot()));
   });
-  ASSERT_TRUE(child.next(kWait).has_value());
+  ASSERT_TRUE(child.next().has_value());
   EXPECT_GT(bg("zelkclr"), 50 * kMs);  // stored
   // The open foreground period grows meanwhile, so a clear that did not restart it would show.
   sleepFor(milliseconds(100));
@@ -170,8 +170,8 @@ TEST_F(TopBgTimeTest, ClearTopAndBgTimesRestartsTheCounts) {
   EXPECT_LE(open, getTimeSinceBoot() - beforeClear) << "the open period counts from the clear";
 
   child.go();
-  const auto backgroundFrom = child.next(kWait);
-  const auto backgroundBy = child.next(kWait);
+  const auto backgroundFrom = child.next();
+  const auto backgroundBy = child.next();
   ASSERT_TRUE(backgroundFrom.has_value() && backgroundBy.has_value());
   // The closed foreground period runs from the clear to the child's write of 900.
   const uint64_t closed = top("zelkclr");

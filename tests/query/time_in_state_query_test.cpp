@@ -1,4 +1,5 @@
-// getProcessCpuFreqTimes and getKthreadCpuFreqTimes on real per-CPU maps: one walk, two flag rules.
+// The time-in-state queries on real per-CPU maps: the single-key reads, and the process and
+// kernel-thread tables (one walk, two flag rules).
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
 
@@ -18,51 +19,95 @@ namespace {
 using zelk::testbed::MapId;
 using zelk::testbed::processKey;
 
-struct Variant {
-  const char* name;
-  MapId map;
-  std::optional<TimeInStateTable> (*query)();
-  bool merged;  // every record counts under flag 1
-};
-
-class TaskTableTest : public zelk::testbed::KernelTest,
-                      public ::testing::WithParamInterface<Variant> {
+class QueryTest : public zelk::testbed::KernelTest {
  protected:
   void SetUp() override {
     KernelTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_EQ(maps_.create(), "");
   }
-  int fd() const { return maps_.fd(GetParam().map); }
-  void put(const process_key_t& key, uint32_t block, uint32_t slot, uint64_t time) {
+  // An entry with `time` at one CPU block's slot.
+  void put(MapId map, const void* key, uint64_t time, uint32_t block = 0, uint32_t slot = 1) {
     zelk::testbed::PerCpuValue value = zelk::testbed::perCpuValue();
     value[block].slot[slot] = time;
-    ASSERT_TRUE(zelk::testbed::update(fd(), &key, value.data()));
+    ASSERT_TRUE(zelk::testbed::update(maps_.fd(map), key, value.data()));
   }
+  void put(MapId map, const process_key_t& key, uint64_t time) { put(map, &key, time); }
   zelk::testbed::Maps maps_;
 };
 
-TEST_P(TaskTableTest, EmptyMapGivesAnEngagedEmptyTable) {
-  zelk::testbed::addMachinePolicy({100});
-  const auto table = GetParam().query();
-  ASSERT_TRUE(table.has_value());
-  EXPECT_TRUE(table->empty());
+TEST_F(QueryTest, NameAndFlagSelectTheEntryAndLongNamesAreCutTo16Bytes) {
+  zelk::testbed::addMachinePolicy({100, 200});
+  put(MapId::ProcessTime, processKey("a", 0), 10);
+  put(MapId::ProcessTime, processKey("a", 1), 20);
+  put(MapId::ProcessTime, processKey("0123456789abcdef", 0), 7);
+  put(MapId::KthreadTime, processKey("k", 0), 30);
+  put(MapId::KthreadTime, processKey("k", 1), 40);
+  put(MapId::KthreadTime, processKey("0123456789abcde", 1), 9);
+  EXPECT_EQ(getCpuFreqTimesFromProcess("a", false), (TimeInStateVector{{0, 10}}));
+  EXPECT_EQ(getCpuFreqTimesFromProcess("a", true), (TimeInStateVector{{0, 20}}));
+  EXPECT_EQ(getCpuFreqTimesFromKthread("k"), (TimeInStateVector{{0, 40}}));
+  EXPECT_EQ(getCpuFreqTimesFromProcess("0123456789abcdefX", false), (TimeInStateVector{{0, 7}}));
+  EXPECT_EQ(getCpuFreqTimesFromKthread("0123456789abcdeX"), (TimeInStateVector{{0, 0}}));
 }
 
-TEST_P(TaskTableTest, NameEndsAtItsNulOrAfter16Bytes) {
+TEST_F(QueryTest, AbsentKeyGivesZerosBesideOthersAndNoValueInAnEmptyMap) {
+  zelk::testbed::addMachinePolicy({100, 200});
+  EXPECT_FALSE(getTotalCpuFreqTimes().has_value());
+  EXPECT_FALSE(getCpuFreqTimesFromProcess("ghost", false).has_value());
+  EXPECT_FALSE(getCpuFreqTimesFromKthread("ghost").has_value());
+  const uint32_t otherTotal = 1;
+  put(MapId::TotalTime, &otherTotal, 1);
+  put(MapId::ProcessTime, processKey("other", 0), 1);
+  put(MapId::KthreadTime, processKey("other", 1), 1);
+  EXPECT_EQ(getTotalCpuFreqTimes(), (TimeInStateVector{{0, 0}}));
+  EXPECT_EQ(getCpuFreqTimesFromProcess("ghost", false), (TimeInStateVector{{0, 0}}));
+  EXPECT_EQ(getCpuFreqTimesFromKthread("ghost"), (TimeInStateVector{{0, 0}}));
+}
+
+TEST_F(QueryTest, BlocksAreTakenInPolicyListOrderNotByCpuNumber) {
+  if (zelk::testbed::possibleCpus() < 2) GTEST_SKIP() << "needs two possible CPUs";
+  // policy0 lists CPU 1 (block 0), policy1 lists CPU 0 (block 1).
+  zelk::testbed::addPolicy("policy1", {300}, {0});
+  zelk::testbed::addPolicy("policy0", {100, 200}, {1});
+  zelk::testbed::PerCpuValue value = zelk::testbed::perCpuValue();
+  value[0].slot[0] = 7;
+  value[0].slot[1] = 9;
+  value[1].slot[0] = 13;
+  value[1].slot[1] = 1000;  // past policy1's one frequency
+  const uint32_t key = 0;
+  ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::TotalTime), &key, value.data()));
+  EXPECT_EQ(getTotalCpuFreqTimes(), (TimeInStateVector{{7, 9}, {13}}));
+}
+
+struct Table {
+  const char* name;
+  MapId map;
+  std::optional<TimeInStateTable> (*query)();
+  bool merged;  // every record counts under flag 1
+};
+
+class TaskTableTest : public QueryTest, public ::testing::WithParamInterface<Table> {
+ protected:
+  int fd() const { return maps_.fd(GetParam().map); }
+};
+
+TEST_P(TaskTableTest, EmptyMapGivesAnEngagedEmptyTableAndNamesEndAtNulOr16Bytes) {
   if (zelk::testbed::possibleCpus() < 2) GTEST_SKIP() << "needs two possible CPUs";
   zelk::testbed::addPolicy("policy0", {100, 200}, {0, 1});
+  const auto empty = GetParam().query();
+  EXPECT_TRUE(empty.has_value() && empty->empty());
   process_key_t stale = processKey("sh", 0);
   memcpy(stale.comm + 3, "old", 3);  // after the NUL: still "sh"
-  put(processKey("sh", 0), /*block=*/0, /*slot=*/0, 3);
-  put(stale, /*block=*/1, /*slot=*/0, 4);
-  put(processKey("0123456789abcdef", 0), 0, 1, 8);
+  put(GetParam().map, &stale, 4, /*block=*/1, /*slot=*/0);
+  put(GetParam().map, processKey("sh", 0), 3);
+  put(GetParam().map, processKey("0123456789abcdef", 0), 8);
 
-  const auto table = GetParam().query();
   const uint64_t flag = GetParam().merged ? 1 : 0;
+  const auto table = GetParam().query();
   ASSERT_TRUE(table.has_value());
-  ASSERT_EQ(table->size(), 2u);
-  EXPECT_EQ(table->at({"sh", flag}), (TimeInStateVector{{7, 0}}));
+  EXPECT_EQ(table->size(), 2u);
+  EXPECT_EQ(table->at({"sh", flag}), (TimeInStateVector{{4, 3}}));
   EXPECT_EQ(table->at({"0123456789abcdef", flag}), (TimeInStateVector{{0, 8}}));
 }
 
@@ -71,7 +116,7 @@ TEST_P(TaskTableTest, KeyDeletedDuringTheWalkFailsTheQuery) {
   // clear can make it: the query must fail, not drop the key.
   zelk::testbed::addMachinePolicy({100});
   constexpr int kKeys = 256;
-  for (int i = 0; i < kKeys; ++i) put(processKey(std::to_string(i), 0), 0, 0, 1);
+  for (int i = 0; i < kKeys; ++i) put(GetParam().map, processKey(std::to_string(i), 0), 1);
   const zelk::testbed::PerCpuValue value = zelk::testbed::perCpuValue();
   std::atomic<bool> stop{false};
   std::thread churn([&] {
@@ -91,7 +136,7 @@ TEST_P(TaskTableTest, KeyDeletedDuringTheWalkFailsTheQuery) {
   EXPECT_TRUE(failed) << "no walk failed while keys kept disappearing under it";
 }
 
-// Slot j of `name`'s record with `flag` holds i * 100 + j + flag * 10.
+// Slot j of task i's record with `flag` holds i * 100 + j + flag * 10.
 std::vector<uint64_t> row(int i, std::initializer_list<uint64_t> flags) {
   std::vector<uint64_t> times(kFreqSlots);
   for (uint64_t flag : flags) {
@@ -143,8 +188,8 @@ TEST_P(TaskTableTest, WalkOfManyBatchesKeepsOrMergesFlags) {
 
 INSTANTIATE_TEST_SUITE_P(
     Tables, TaskTableTest,
-    ::testing::Values(Variant{"Process", MapId::ProcessTime, getProcessCpuFreqTimes, false},
-                      Variant{"Kthread", MapId::KthreadTime, getKthreadCpuFreqTimes, true}),
+    ::testing::Values(Table{"Process", MapId::ProcessTime, getProcessCpuFreqTimes, false},
+                      Table{"Kthread", MapId::KthreadTime, getKthreadCpuFreqTimes, true}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
