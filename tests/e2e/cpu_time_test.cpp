@@ -1,14 +1,9 @@
 // CPU time counted by the kernel object and read through the library, against the kernel's own
 // per-task runtime (/proc/<pid>/schedstat) and busy time (/proc/stat).
-#include <gtest/gtest.h>
 #include <pthread.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <set>
-#include <thread>
 #include <vector>
 
 #include "e2e_bed.h"

@@ -8,7 +8,6 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -18,6 +17,7 @@
 #include <iterator>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "background_threads.h"
 #include "log_capture.h"
@@ -158,22 +158,13 @@ inline void setOomScoreAdj(int adj) {
   close(fd);
 }
 
-// On the CPU.
-inline void spin(milliseconds duration) {
-  timespec start, now;
-  clock_gettime(CLOCK_MONOTONIC, &start);
-  const auto limit = std::chrono::nanoseconds(duration).count();
-  do {
-    clock_gettime(CLOCK_MONOTONIC, &now);
-  } while ((now.tv_sec - start.tv_sec) * 1000000000ll + (now.tv_nsec - start.tv_nsec) < limit);
-}
-
-inline void sleepFor(milliseconds duration) {
-  timespec remaining{static_cast<time_t>(duration.count() / 1000),
-                     static_cast<long>(duration.count() % 1000 * 1000000)};
-  while (nanosleep(&remaining, &remaining) != 0) {
+inline void spin(milliseconds duration) {  // on the CPU
+  const auto end = std::chrono::steady_clock::now() + duration;
+  while (std::chrono::steady_clock::now() < end) {
   }
 }
+
+inline void sleepFor(milliseconds duration) { std::this_thread::sleep_for(duration); }
 
 // Nanoseconds the task has run, from /proc/<pid>/schedstat.
 inline std::optional<uint64_t> runtimeNs(pid_t pid) {

@@ -2,27 +2,22 @@
 // oom_score_adj writes, renames, forks and exits, and read through the library.
 #include <android-base/unique_fd.h>
 #include <bpf/bpf.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <memory>
-#include <thread>
 
 #include "accounting/clock.h"
 #include "e2e_bed.h"
 #include "maps.h"
-#include "self_status.h"
 
 namespace zelk::testbed {
 namespace {
 
 using namespace com::zelkora;
 using TopBgTimeTest = TrackingTest;
+
+constexpr MapId kPidMaps[] = {MapId::PidAdj, MapId::PidComm, MapId::PidAdjUpdate};
 
 uint64_t top(const std::string& name) { return timeOf(getProcessTopTimes(), name); }
 uint64_t bg(const std::string& name) { return timeOf(getProcessBgTimes(), name); }
@@ -58,12 +53,6 @@ TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
   EXPECT_NEAR(bgTime, 300 * kMs, 60 * kMs);
 }
 
-bool holds(MapId id, pid_t pid) {
-  const android::base::unique_fd fd(bpf_obj_get(pinPath(id).c_str()));
-  uint64_t value[2];  // room for the largest value, a name
-  return bpf_map_lookup_elem(fd.get(), &pid, value) == 0;
-}
-
 // Each process ends at its last thread's final switch. The free event alone would miss a few
 // ends in a hundred: the kernel skips that program when its RCU callback interrupts a bpf() call
 // or another program on its CPU.
@@ -96,8 +85,11 @@ TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
   }
   const auto tracked = [&] {
     return std::count_if(pids.begin(), pids.end(), [](pid_t pid) {
-      return holds(MapId::PidAdj, pid) || holds(MapId::PidComm, pid) ||
-             holds(MapId::PidAdjUpdate, pid);
+      uint64_t value[2];  // room for the largest value, a name
+      return std::any_of(std::begin(kPidMaps), std::end(kPidMaps), [&](MapId id) {
+        const android::base::unique_fd fd(bpf_obj_get(pinPath(id).c_str()));
+        return bpf_map_lookup_elem(fd.get(), &pid, value) == 0;
+      });
     });
   };
   EXPECT_TRUE(waitUntil([&] { return tracked() == 0; }, kWait)) << tracked() << " kept";

@@ -1,6 +1,5 @@
-// Allocations of the walking queries, counted with a replaced global operator new: a walk may
-// allocate per table entry (node, name past the string's inline buffer, vectors) and a bounded
-// amount per call, never per map key.
+// Allocations of the walks, counted with a replaced operator new: per table entry and per call,
+// never per map key.
 #include <gtest/gtest.h>
 
 #include <atomic>
