@@ -1,6 +1,6 @@
 // The pair end to end, each test in a private namespace with bpffs and tracefs: the kernel object
-// freshly loaded, one cpufreq policy over every CPU (at its first frequency), tracking started
-// through the library; and scripted children.
+// freshly loaded, one cpufreq policy over every CPU at the first of its 32 frequencies, tracking
+// started through the library; and scripted children.
 #pragma once
 
 #include <fcntl.h>
@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "background_threads.h"
 #include "log_capture.h"
@@ -52,7 +53,9 @@ class TrackingTest : public KernelTest {
     }
     const loader::Outcome outcome = loader::load(options);
     ASSERT_EQ(outcome.status, loader::Status::kLoaded) << outcome.message;
-    addMachinePolicy({300000, 600000, 900000, 1200000, 1500000});
+    std::vector<uint64_t> freqs;  // one per slot of the object: every slot shows in the results
+    for (uint64_t khz = 300000; freqs.size() < 32; khz += 100000) freqs.push_back(khz);
+    addMachinePolicy(freqs);
     ASSERT_TRUE(com::zelkora::startTrackingCpuFreqTime());
     // Children start once the background thread has ended: its seeding pass deletes the pid
     // entries it finds already made, and ThreadSanitizer lets a child start threads only when

@@ -86,6 +86,7 @@ struct Table {
   std::optional<TimeInStateTable> (*query)();
   bool merged;  // every record counts under flag 1
 };
+void PrintTo(const Table& table, std::ostream* out) { *out << table.name; }
 
 class TaskTableTest : public QueryTest, public ::testing::WithParamInterface<Table> {
  protected:
