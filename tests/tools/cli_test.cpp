@@ -1,5 +1,5 @@
 // The tool's formats and parsers as functions: units, chart, escaping, the views of the library's
-// tables with their stable JSON and CSV, the command line and the machine's CPU description.
+// tables with their stable JSON and CSV, the command line and the machine's nominal frequency.
 #include <gtest/gtest.h>
 
 #include "bar_chart.h"
@@ -149,17 +149,6 @@ TEST(NominalFrequencyTest, ModelNameFirstThenCpuMhz) {
     const std::optional<NominalFrequency> found = nominalFrequency(cpuinfo);
     EXPECT_EQ(found ? std::optional<uint64_t>(found->khz) : std::nullopt, khz) << cpuinfo;
   }
-}
-
-TEST(ParseCpuListTest, ValidAndMalformedRows) {
-  using V = std::vector<uint32_t>;
-  const std::pair<std::string, std::optional<V>> rows[] = {
-      {"0-1\n", V{0, 1}},      {"0-2,5,7-8", V{0, 1, 2, 5, 7, 8}},
-      {"", std::nullopt},      {"3-1", std::nullopt},
-      {"0-", std::nullopt},    {"0,,1", std::nullopt},
-      {"1-2-3", std::nullopt},
-  };
-  for (const auto& [text, cpus] : rows) EXPECT_EQ(parseCpuList(text), cpus) << text;
 }
 
 }  // namespace

@@ -20,14 +20,10 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-struct ToolRun {
-  int status = -1;  // -1 when the tool did not exit by itself
-  std::string output;
-};
-
 // As root, or as nobody (setresuid clears every capability); stderr to the output or dropped.
-ToolRun runTool(const Args& args, bool asNobody = false, bool withStderr = true) {
-  const ChildResult child = runInChild([&](int out) {
+// The status is -1 when the tool did not exit by itself.
+ChildResult runTool(const Args& args, bool asNobody = false, bool withStderr = true) {
+  return runInChild([&](int out) {
     if (asNobody && (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0)) {
       return 126;
     }
@@ -39,7 +35,6 @@ ToolRun runTool(const Args& args, bool asNobody = false, bool withStderr = true)
     execv(argv[0], argv.data());
     return 127;
   });
-  return {child.exited ? child.status : -1, child.output};
 }
 
 bool contains(const std::string& text, const std::string& pattern) {
@@ -53,7 +48,7 @@ constexpr const char kTotalPin[] = "/sys/fs/bpf/map_zelkCputimeInState_total_cpu
 class ToolErrorTest : public KernelTest {
  protected:
   void expectFailure(const Args& args, const std::string& message, bool asNobody = false) {
-    const ToolRun run = runTool(args, asNobody);
+    const ChildResult run = runTool(args, asNobody);
     EXPECT_EQ(run.status, 1) << args[0] << ": " << run.output;
     EXPECT_TRUE(contains(run.output, "zelkcputime: " + message)) << args[0] << ": " << run.output;
   }
@@ -115,7 +110,7 @@ TEST(ToolUsageTest, WrongCommandLinesExitWithTwo) {
       {"load", "--bogus"},
   };
   for (const Args& args : rows) {
-    const ToolRun run = runTool(args);
+    const ChildResult run = runTool(args);
     EXPECT_EQ(run.status, 2) << (args.empty() ? "" : args[0]) << ": " << run.output;
   }
 }
@@ -129,7 +124,7 @@ TEST_F(ToolCommandTest, LoadStartShowResetUnload) {
   const auto freqs = addPhoneTree();
   // Inherited by the tool, so that its processes count as foreground.
   ASSERT_TRUE(android::base::WriteStringToFile("0", "/proc/self/oom_score_adj"));
-  ToolRun run = runTool({"load"});
+  ChildResult run = runTool({"load"});
   ASSERT_EQ(run.status, 0) << run.output;
 
   run = runTool({"show", "freqs", "--json"});
@@ -175,7 +170,8 @@ TEST(ToolDemoTest, CountsTimeAndLeavesNothingBehind) {
   if (geteuid() != 0) ZELK_SKIP_OR_FAIL("the demo needs root");
   struct stat st;
   const bool pinnedBefore = stat(kTotalPin, &st) == 0;
-  const ToolRun run = runTool({"demo", "--seconds", "1", "--json"}, false, /*withStderr=*/false);
+  const ChildResult run =
+      runTool({"demo", "--seconds", "1", "--json"}, false, /*withStderr=*/false);
   ASSERT_EQ(run.status, 0) << run.output;
   EXPECT_EQ(run.output.rfind("{\"seconds\":1,\"synthetic\":", 0), 0u) << run.output;
   EXPECT_TRUE(contains(run.output, R"("total_ns":[1-9])")) << run.output;
