@@ -3,10 +3,12 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
+#include <bpf/bpf.h>
 #include <linux/bpf.h>
 
 #include <cstdint>
 #include <map>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -44,6 +46,7 @@ inline constexpr MapId kLibraryMaps[] = {
     MapId::ProcessTime,  MapId::KthreadTime, MapId::TotalTime, MapId::TopTime, MapId::BgTime,
     MapId::PidAdjUpdate, MapId::ClearTime,   MapId::PidAdj,    MapId::PidComm,
 };
+inline constexpr size_t kLibraryMapCount = 9;  // the first of kAllMaps
 inline constexpr MapId kAllMaps[] = {
     MapId::ProcessTime,   MapId::KthreadTime,  MapId::TotalTime, MapId::TopTime,
     MapId::BgTime,        MapId::PidAdjUpdate, MapId::ClearTime, MapId::PidAdj,
@@ -53,6 +56,8 @@ inline constexpr MapId kAllMaps[] = {
 
 const MapDef& catalogue(MapId id);
 std::string pinPath(MapId id);
+// For gtest: a map by its name.
+inline void PrintTo(MapId id, std::ostream* out) { *out << catalogue(id).name; }
 
 struct MapOptions {
   std::set<MapId> omit;             // not created, not pinned
@@ -63,7 +68,7 @@ class Maps {
  public:
   // Creates and pins the maps; "" on success, else what failed.
   std::string create(const MapOptions& options = {});
-  // Creates and pins one map that create() left out.
+  // Creates and pins one map (the catalogue's, or `def`), replacing the one held for `id`.
   std::string pin(MapId id, const MapDef* def = nullptr);
   // Removes a map's pin; the map lives on while fd(id) is open.
   void unpin(MapId id);
@@ -91,5 +96,17 @@ bool update(int fd, const void* key, const void* value, uint64_t flags = BPF_ANY
 bool lookup(int fd, const void* key, void* value);
 // Number of keys in a map, by walking it.
 size_t countKeys(int fd, uint32_t keySize);
+
+// Every entry of a map that is not per-CPU, by walking it.
+template <typename K, typename V>
+std::map<K, V> entries(int fd) {
+  std::map<K, V> found;
+  K key;
+  for (const void* previous = nullptr; bpf_map_get_next_key(fd, previous, &key) == 0;
+       previous = &key) {
+    lookup(fd, &key, &found[key]);
+  }
+  return found;
+}
 
 }  // namespace zelk::testbed

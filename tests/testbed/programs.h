@@ -19,6 +19,8 @@ const std::vector<TracepointName>& objectTracepoints();
 
 std::string programPinPath(const TracepointName& tp);
 
+// Loads one such program; its descriptor, or -1 with errno.
+int loadTrivialProgram(const char* name);
 // Loads and pins one program; "" on success, else what failed.
 std::string pinProgram(const TracepointName& tp);
 // Pins the six programs but those whose event is in `omitEvents`.
