@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <map>
 #include <ostream>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -41,33 +40,24 @@ struct MapDef {
   uint32_t maxEntries;
 };
 
-// The nine maps that the library opens at initialisation, in its opening order.
-inline constexpr MapId kLibraryMaps[] = {
-    MapId::ProcessTime,  MapId::KthreadTime, MapId::TotalTime, MapId::TopTime, MapId::BgTime,
-    MapId::PidAdjUpdate, MapId::ClearTime,   MapId::PidAdj,    MapId::PidComm,
-};
-inline constexpr size_t kLibraryMapCount = 9;  // the first of kAllMaps
+// Every map, the library's nine first in the order in which it opens them.
 inline constexpr MapId kAllMaps[] = {
     MapId::ProcessTime,   MapId::KthreadTime,  MapId::TotalTime, MapId::TopTime,
     MapId::BgTime,        MapId::PidAdjUpdate, MapId::ClearTime, MapId::PidAdj,
     MapId::PidComm,       MapId::CpuPolicy,    MapId::FreqToIdx, MapId::CpuLastUpdate,
     MapId::PolicyFreqIdx,
 };
+inline constexpr size_t kLibraryMapCount = 9;
 
 const MapDef& catalogue(MapId id);
 std::string pinPath(MapId id);
 // For gtest: a map by its name.
 inline void PrintTo(MapId id, std::ostream* out) { *out << catalogue(id).name; }
 
-struct MapOptions {
-  std::set<MapId> omit;             // not created, not pinned
-  std::map<MapId, MapDef> replace;  // pinned instead of the catalogue's map
-};
-
 class Maps {
  public:
-  // Creates and pins the maps; "" on success, else what failed.
-  std::string create(const MapOptions& options = {});
+  // Creates and pins every map; "" on success, else what failed.
+  std::string create();
   // Creates and pins one map (the catalogue's, or `def`), replacing the one held for `id`.
   std::string pin(MapId id, const MapDef* def = nullptr);
   // Removes a map's pin; the map lives on while fd(id) is open.

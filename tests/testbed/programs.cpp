@@ -41,9 +41,8 @@ std::string pinProgram(const TracepointName& tp) {
   return "";
 }
 
-std::string pinPrograms(const std::set<std::string>& omitEvents) {
+std::string pinPrograms() {
   for (const TracepointName& tp : objectTracepoints()) {
-    if (omitEvents.count(tp.event)) continue;
     std::string error = pinProgram(tp);
     if (!error.empty()) return error;
   }
