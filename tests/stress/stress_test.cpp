@@ -11,9 +11,13 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <future>
+#include <mutex>
+#include <shared_mutex>
 #include <thread>
 #include <vector>
 
+#include "core/rw_lock.h"
 #include "library_test.h"
 
 namespace com::zelkora {
@@ -164,6 +168,29 @@ TEST_F(StressTest, RetriedFailingAttachesKeepTheDescriptors) {
   EXPECT_EQ(openDescriptorCount(), fds) << "a program that failed to attach is not kept open";
   // The kernel refuses the first program again; the text is whatever errno BCC leaves.
   EXPECT_EQ(log_.count("Failed to attach program sched_switch, "), 50u);
+}
+
+// The lock of each counting map prefers writers: a reset must not wait for ever behind callers
+// that query the same map back to back.
+TEST(RwLockTest, AWaitingWriterHoldsBackNewReaders) {
+  RwLock lock;
+  lock.lock_shared();
+  std::promise<pid_t> writerTid;
+  std::atomic<bool> readAgain{false};
+  std::thread writer([&] {
+    writerTid.set_value(gettid());
+    std::unique_lock<RwLock> exclusive(lock);
+  });
+  EXPECT_TRUE(waitUntilSleeping(writerTid.get_future().get(), 5s)) << "the writer waits";
+  std::thread reader([&] {
+    std::shared_lock<RwLock> shared(lock);
+    readAgain = true;
+  });
+  EXPECT_FALSE(waitUntil([&] { return readAgain.load(); }, 200ms)) << "a reader overtook it";
+  lock.unlock_shared();
+  writer.join();
+  reader.join();
+  EXPECT_TRUE(readAgain);
 }
 
 // Not the library fixture: the fork comes before this process starts any thread, because under
