@@ -4,14 +4,13 @@
 #include <linux/capability.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <iterator>
 
+#include "child_process.h"
 #include "maps.h"
 #include "namespace.h"
 #include "object_loader.h"
@@ -48,54 +47,38 @@ TEST_F(LoaderFailureTest, NoKernelBtfIsNamed) {
   umount("/sys/kernel/btf");
 }
 
-struct LoaderRun {
-  int status = -1;
-  std::string out;  // stdout and stderr, which the child shares
-};
-
-// Runs zelk-loader with `args` after `prepare` in the child.
-LoaderRun runLoader(
-    std::vector<const char*> args, const std::function<void()>& prepare = [] {}) {
-  int out[2];
-  if (pipe(out) != 0) return {};
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out[1], 1);
-    dup2(out[1], 2);
+// Runs zelk-loader with `args`, its output and errors both collected, after `prepare`.
+ChildResult runLoader(
+    std::vector<const char*> args, void (*prepare)() = [] {}) {
+  return runInChild([&](int out) {
+    dup2(out, 1);
+    dup2(out, 2);
     prepare();
     args.insert(args.begin(), ZELK_LOADER_PATH);
     args.push_back(nullptr);
     execv(ZELK_LOADER_PATH, const_cast<char**>(args.data()));
-    _exit(127);
-  }
-  close(out[1]);
-  LoaderRun run;
-  char buffer[4096];
-  for (ssize_t n; (n = read(out[0], buffer, sizeof(buffer))) > 0;) run.out.append(buffer, n);
-  close(out[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+    return 127;
+  });
 }
 
 size_t lines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
 
 TEST_F(LoaderFailureTest, CommandLineSaysOneLineAndExitsAccordingly) {
   // Root regains every capability at exec unless the bounding set lacks it.
-  const LoaderRun denied = runLoader({"load"}, [] {
+  const ChildResult denied = runLoader({"load"}, [] {
     for (int cap : {CAP_SYS_ADMIN, CAP_BPF, CAP_PERFMON}) prctl(PR_CAPBSET_DROP, cap, 0, 0, 0);
   });
   EXPECT_EQ(denied.status, 1);
-  EXPECT_EQ(denied.out.rfind("zelk-loader: no permission to use bpf(2)", 0), 0u) << denied.out;
-  EXPECT_NE(denied.out.find("CAP_BPF"), std::string::npos) << denied.out;
-  EXPECT_EQ(lines(denied.out), 1u);
+  EXPECT_EQ(denied.output.rfind("zelk-loader: no permission to use bpf(2)", 0), 0u)
+      << denied.output;
+  EXPECT_NE(denied.output.find("CAP_BPF"), std::string::npos) << denied.output;
+  EXPECT_EQ(lines(denied.output), 1u);
   EXPECT_EQ(access(pinPath(MapId::ClearTime).c_str(), F_OK), -1);
 
   for (const auto& args : {std::vector<const char*>{}, {"load"}, {"load", "--replace"}}) {
-    const LoaderRun run = runLoader(args);
-    EXPECT_EQ(run.status, 0) << run.out;
-    EXPECT_EQ(lines(run.out), 1u) << run.out;
+    const ChildResult run = runLoader(args);
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_EQ(lines(run.output), 1u) << run.output;
   }
   EXPECT_EQ(runLoader({"unload"}).status, 0);
   EXPECT_EQ(access(pinPath(MapId::ClearTime).c_str(), F_OK), -1);

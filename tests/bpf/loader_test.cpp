@@ -14,6 +14,7 @@
 #include "maps.h"
 #include "namespace.h"
 #include "object_loader.h"
+#include "programs.h"
 
 namespace zelk::testbed {
 namespace {
@@ -21,21 +22,12 @@ namespace {
 using com::zelkora::getTimeSinceBoot;
 using loader::Status;
 
-// The tracepoints whose programs the library attaches.
-const char* const kPrograms[] = {"sched_sched_switch",       "power_cpu_frequency",
-                                 "sched_sched_process_free", "sched_sched_process_fork",
-                                 "task_task_rename",         "oom_oom_score_adj_update"};
-
-std::string programPath(const char* name) {
-  return std::string("/sys/fs/bpf/prog_zelkCputimeInState_tracepoint_") + name;
-}
-
-// Kernel ids of every pin (map and program info both start with type, id), to tell whether a
-// load replaced them.
+// The kernel ids of the object's pins (map and program info both start with type, id), to tell
+// whether a load replaced them.
 std::map<std::string, uint32_t> pinIds() {
   std::vector<std::string> paths;
   for (MapId id : kAllMaps) paths.push_back(pinPath(id));
-  for (const char* name : kPrograms) paths.push_back(programPath(name));
+  for (const auto& tp : objectTracepoints()) paths.push_back(programPinPath(tp));
   std::map<std::string, uint32_t> ids;
   for (const std::string& path : paths) {
     android::base::unique_fd fd(bpf_obj_get(path.c_str()));
@@ -58,43 +50,35 @@ uint64_t clearTime() {
 
 class LoaderTest : public KernelTest {};
 
-TEST_F(LoaderTest, PinsTheLibrarysMapsAndProgramsWithTheLoadTime) {
+TEST_F(LoaderTest, PinsMapsOfTheLibrarysShapesProgramsAndTheLoadTime) {
   const uint64_t before = getTimeSinceBoot();
   ASSERT_EQ(loader::load().status, Status::kLoaded);
   EXPECT_GE(clearTime(), before);
   EXPECT_LE(clearTime(), getTimeSinceBoot());
-
-  // Per-CPU where the library reads per-CPU blocks; hashes where it deletes and walks.
-  const std::map<MapId, uint32_t> types = {{MapId::ProcessTime, BPF_MAP_TYPE_PERCPU_HASH},
-                                           {MapId::KthreadTime, BPF_MAP_TYPE_PERCPU_HASH},
-                                           {MapId::TotalTime, BPF_MAP_TYPE_PERCPU_HASH},
-                                           {MapId::TopTime, BPF_MAP_TYPE_HASH},
-                                           {MapId::BgTime, BPF_MAP_TYPE_HASH},
-                                           {MapId::PidAdjUpdate, BPF_MAP_TYPE_HASH},
-                                           {MapId::PidAdj, BPF_MAP_TYPE_HASH},
-                                           {MapId::PidComm, BPF_MAP_TYPE_HASH},
-                                           {MapId::CpuLastUpdate, BPF_MAP_TYPE_PERCPU_ARRAY}};
+  // The kernel copies as many bytes as the map's own sizes say, to and from the library's records;
+  // the library walks and deletes in hashes, and reads per-CPU blocks where the catalogue says.
+  const std::set<MapId> keyedOnly = {MapId::ClearTime, MapId::CpuPolicy, MapId::FreqToIdx,
+                                     MapId::PolicyFreqIdx};
   for (MapId id : kAllMaps) {
     SCOPED_TRACE(catalogue(id).name);
     android::base::unique_fd fd(bpf_obj_get(pinPath(id).c_str()));
     bpf_map_info info{};
     uint32_t length = sizeof(info);
     ASSERT_EQ(bpf_obj_get_info_by_fd(fd.get(), &info, &length), 0) << strerror(errno);
+    if (keyedOnly.count(id)) {
+      EXPECT_TRUE(info.type == BPF_MAP_TYPE_HASH || info.type == BPF_MAP_TYPE_ARRAY) << info.type;
+    } else {
+      EXPECT_EQ(info.type, catalogue(id).type);
+    }
     EXPECT_EQ(info.key_size, catalogue(id).keySize);
     EXPECT_EQ(info.value_size, catalogue(id).valueSize);
-    if (types.count(id)) {
-      EXPECT_EQ(info.type, types.at(id));
-    } else {
-      EXPECT_NE(info.type, BPF_MAP_TYPE_PERCPU_HASH);
-      EXPECT_NE(info.type, BPF_MAP_TYPE_PERCPU_ARRAY);
-    }
   }
-  for (const char* name : kPrograms) {
-    android::base::unique_fd fd(bpf_obj_get(programPath(name).c_str()));
+  for (const auto& tp : objectTracepoints()) {
+    android::base::unique_fd fd(bpf_obj_get(programPinPath(tp).c_str()));
     bpf_prog_info info{};
     uint32_t length = sizeof(info);
-    ASSERT_EQ(bpf_obj_get_info_by_fd(fd.get(), &info, &length), 0) << name;
-    EXPECT_EQ(info.type, BPF_PROG_TYPE_TRACEPOINT) << name;
+    ASSERT_EQ(bpf_obj_get_info_by_fd(fd.get(), &info, &length), 0) << tp.event;
+    EXPECT_EQ(info.type, BPF_PROG_TYPE_TRACEPOINT) << tp.event;
   }
 }
 
@@ -133,8 +117,7 @@ TEST_F(LoaderTest, UnloadRemovesExactlyItsPins) {
   ASSERT_EQ(bpf_obj_pin(neighbour.get(), lookalike), 0);
   ASSERT_EQ(mkdir("/sys/fs/bpf/neighbour", 0700), 0);
 
-  const loader::Outcome unloaded = loader::unload();
-  EXPECT_EQ(unloaded.status, Status::kUnloaded) << unloaded.message;
+  EXPECT_EQ(loader::unload().status, Status::kUnloaded);
   EXPECT_TRUE(pinIds().empty());
   EXPECT_EQ(access(lookalike, F_OK), 0);
   EXPECT_EQ(access("/sys/fs/bpf/neighbour", F_OK), 0);
@@ -148,17 +131,6 @@ TEST_F(LoaderTest, MountsBpffsWhenMissing) {
   ASSERT_EQ(statfs("/sys/fs/bpf", &fs), 0);
   EXPECT_EQ(fs.f_type, BPF_FS_MAGIC);
   EXPECT_EQ(pinIds().size(), 19u);
-}
-
-TEST(ProgramPin, OnlyTracepointSectionsNamePins) {
-  const loader::ProgramPin pin = loader::programPin("tracepoint/oom/oom_score_adj_update");
-  EXPECT_EQ(pin.path, programPath("oom_oom_score_adj_update"));
-  EXPECT_EQ(pin.category, "oom");
-  EXPECT_EQ(pin.event, "oom_score_adj_update");
-  for (const char* section : {"tp/sched/sched_switch", "tracepoint/sched", "tracepoint//x",
-                              "tracepoint/sched/", "tracepoint/a/b/c", ""}) {
-    EXPECT_EQ(loader::programPin(section).path, "") << section;
-  }
 }
 
 }  // namespace

@@ -1,23 +1,76 @@
-// Discovery of cpufreq policies from trees built in the test's own cpufreq tmpfs.
+// The parsers of sysfs number files and CPU lists, and the discovery of cpufreq policies from
+// trees built in the test's own cpufreq tmpfs.
 #include "core/policy_discovery.h"
 
+#include <android-base/file.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cstring>
-
+#include "core/number_file.h"
+#include "core/possible_cpus.h"
 #include "namespace.h"
 #include "policy_tree.h"
 
 namespace com::zelkora {
 namespace {
 
-using zelk::testbed::addPolicy;
-using zelk::testbed::kernelList;
-using zelk::testbed::writeCpufreqFile;
+using namespace zelk::testbed;
 using Table = std::vector<std::vector<uint64_t>>;
 using V = std::vector<uint64_t>;
 
-class PolicyDiscoveryTest : public zelk::testbed::KernelTest {};
+TEST(ParseNumbersTest, ValidAndMalformedTexts) {
+  const struct {
+    std::string text;
+    std::optional<V> expected;
+  } cases[] = {
+      {"300000 576000 1000000 \n", V{300000, 576000, 1000000}},  // the kernel's own format
+      {"", V{}},
+      {"1  2\n\n3", V{1, 2, 3}},               // neighbouring separators give empty pieces
+      {"0x493E0 0X10", V{300000, 16}},         // hexadecimal
+      {"0755 00", V{755, 0}},                  // a leading zero alone is still decimal
+      {"4294967295", V{4294967295u}},          // the largest 32-bit value
+      {"\t5 \v6", V{5, 6}},                    // blanks inside a piece are skipped
+      {"4294967296", std::nullopt},            // beyond 32 bits
+      {"18446744073709551616", std::nullopt},  // beyond 64 bits
+      {"\t-4294967295", std::nullopt},         // strtoull would wrap it to 1
+      {"1 2 x", std::nullopt},                 // one bad token spoils the file
+      {"0x", std::nullopt},
+      {"5\t", std::nullopt},                       // a trailing tab is left over
+      {"5\r\n", std::nullopt},                     // CRLF: the carriage return is left over
+      {std::string("1 2\0003", 5), std::nullopt},  // an embedded NUL
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(parseNumbers(c.text), c.expected) << '"' << c.text << '"';
+  }
+}
+
+TEST(ReadNumbersFromFileTest, ReadsFilesButNotThroughAFinalSymlink) {
+  TemporaryDir dir;
+  const std::string file = std::string(dir.path) + "/freqs";
+  const std::string link = std::string(dir.path) + "/link";
+  ASSERT_TRUE(android::base::WriteStringToFile("100 200 \n", file));
+  ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
+
+  EXPECT_EQ(readNumbersFromFile(file), (V{100, 200}));
+  EXPECT_EQ(readNumbersFromFile(link), std::nullopt);
+  EXPECT_EQ(readNumbersFromFile(std::string(dir.path) + "/missing"), std::nullopt);
+}
+
+TEST(ParseCpuListCountTest, ListsRangesAndMalformedLists) {
+  const struct {
+    const char* text;
+    std::optional<uint32_t> expected;
+  } cases[] = {
+      {"0\n", 1},      {"0-7\n", 8},        {"0-3,6\n", 5}, {"0,2,4-5", 4}, {"3-3", 1},
+      {"", {}},        {"\n", {}},          {"3-1", {}},    {"0-", {}},     {"-3", {}},
+      {"a", {}},       {"0,,1", {}},        {"0 1", {}},    {"0-3;6", {}},  {"1-2-3", {}},
+      {"0-70000", {}}, {"99999999999", {}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(parseCpuListCount(c.text), c.expected) << '"' << c.text;
+  EXPECT_GE(readPossibleCpuCount().value_or(0), 1u) << "this machine's own list";
+}
+
+class PolicyDiscoveryTest : public KernelTest {};
 
 TEST_F(PolicyDiscoveryTest, OrdersPoliciesByNumberAndSkipsOtherEntries) {
   addPolicy("policy10", {3}, {10});
@@ -32,127 +85,68 @@ TEST_F(PolicyDiscoveryTest, OrdersPoliciesByNumberAndSkipsOtherEntries) {
   EXPECT_EQ(tables->relatedCpus, (Table{{0}, {4}, {10}}));
 }
 
-TEST_F(PolicyDiscoveryTest, RealPhoneLayout) {
-  const Table expected = zelk::testbed::addPhoneTree();
-  const auto tables = discoverPolicies();
-  ASSERT_TRUE(tables.has_value());
-  EXPECT_EQ(tables->freqTable, expected);
-  EXPECT_EQ(tables->relatedCpus, (Table{{0, 1, 2, 3}, {4, 5, 6}, {7}}));
-  EXPECT_EQ(tables->cpuSlot, (V{0, 1, 2, 3, 4, 5, 6, 7})) << "contiguous CPUs: slot == number";
-}
-
-TEST_F(PolicyDiscoveryTest, MergesAvailableAndBoostFrequenciesSortedWithDuplicates) {
+TEST_F(PolicyDiscoveryTest, MergesBothFrequencyFilesAndDropsOnlyABadOne) {
   writeCpufreqFile("policy0/scaling_available_frequencies", kernelList({1800000, 300000, 900000}));
   writeCpufreqFile("policy0/scaling_boost_frequencies", kernelList({2000000, 1800000}));
-  writeCpufreqFile("policy0/related_cpus", kernelList({0}));
-  // Boost frequencies alone are enough.
-  writeCpufreqFile("policy1/scaling_boost_frequencies", kernelList({500, 400}));
-  writeCpufreqFile("policy1/related_cpus", kernelList({1}));
-  const auto tables = discoverPolicies();
-  ASSERT_TRUE(tables.has_value());
-  EXPECT_EQ(tables->freqTable, (Table{{300000, 900000, 1800000, 1800000, 2000000}, {400, 500}}));
-}
-
-TEST_F(PolicyDiscoveryTest, NumberFormatsAndInvalidTokens) {
-  writeCpufreqFile("policy0/scaling_available_frequencies", "0x493E0 0755 \n");
   writeCpufreqFile("policy0/related_cpus", "0x0\n");
-  // An invalid token drops only its own file: the boost file still counts.
+  // Boost frequencies alone are enough: an invalid token drops its own file only.
   writeCpufreqFile("policy1/scaling_available_frequencies", "100 abc 300 \n");
-  writeCpufreqFile("policy1/scaling_boost_frequencies", "900 \n");
+  writeCpufreqFile("policy1/scaling_boost_frequencies", "500 400 \n");
   writeCpufreqFile("policy1/related_cpus", "1\n");
+  // A binary file beside a huge one (4 MiB): the huge one is read whole.
+  writeCpufreqFile("policy2/scaling_available_frequencies", std::string("\x01\xfe\0\x7f", 4));
+  std::string huge;
+  while (huge.size() < (4u << 20)) huge += "1000 ";
+  writeCpufreqFile("policy2/scaling_boost_frequencies", huge + "\n");
+  writeCpufreqFile("policy2/related_cpus", "2\n");
   const auto tables = discoverPolicies();
   ASSERT_TRUE(tables.has_value());
-  EXPECT_EQ(tables->freqTable, (Table{{755, 300000}, {900}}));
-  EXPECT_EQ(tables->relatedCpus, (Table{{0}, {1}}));
+  EXPECT_EQ(tables->freqTable[0], (V{300000, 900000, 1800000, 1800000, 2000000}));
+  EXPECT_EQ(tables->freqTable[1], (V{400, 500}));
+  EXPECT_EQ(tables->freqTable[2].size(), (4u << 20) / 5 + 1);
+  EXPECT_EQ(tables->relatedCpus, (Table{{0}, {1}, {2}}));
 }
 
-TEST_F(PolicyDiscoveryTest, FailsWithoutAUsablePolicy) {
-  EXPECT_FALSE(discoverPolicies().has_value()) << "empty directory";
+TEST_F(PolicyDiscoveryTest, FailsWithoutFrequenciesOrWithBadRelatedCpus) {
+  EXPECT_FALSE(discoverPolicies().has_value()) << "no policy";
   EXPECT_FALSE(discoverPolicies("/sys/devices/system/cpu/cpufreq/missing").has_value());
-
-  writeCpufreqFile("policy0/scaling_available_frequencies", "abc\n");
-  writeCpufreqFile("policy0/scaling_boost_frequencies", "\n");
-  writeCpufreqFile("policy0/related_cpus", "0\n");
-  EXPECT_FALSE(discoverPolicies().has_value()) << "no frequency at all";
-}
-
-TEST_F(PolicyDiscoveryTest, RelatedCpusMustBeAListOfNumbers) {
   addPolicy("policy0", {100}, {0});
+  writeCpufreqFile("policy4/scaling_available_frequencies", "abc\n");
+  writeCpufreqFile("policy4/scaling_boost_frequencies", "\n");
+  writeCpufreqFile("policy4/related_cpus", "4\n");
+  EXPECT_FALSE(discoverPolicies().has_value()) << "a policy without frequencies";
+
   writeCpufreqFile("policy4/scaling_available_frequencies", kernelList({200}));
-  writeCpufreqFile("policy4/related_cpus", "4-7\n");
-  EXPECT_FALSE(discoverPolicies().has_value()) << "a range is not a CPU number";
-
-  writeCpufreqFile("policy4/related_cpus", "70000\n");
-  EXPECT_FALSE(discoverPolicies().has_value()) << "no kernel has such a CPU";
-
+  ASSERT_TRUE(discoverPolicies().has_value());
+  // A range, a CPU that no kernel has, CRLF, binary.
+  for (const char* related : {"4-7\n", "70000\n", "4\r\n", "\x01\xfe\n"}) {
+    writeCpufreqFile("policy4/related_cpus", related);
+    EXPECT_FALSE(discoverPolicies().has_value()) << related;
+  }
   unlink("/sys/devices/system/cpu/cpufreq/policy4/related_cpus");
   EXPECT_FALSE(discoverPolicies().has_value()) << "unreadable";
 }
 
-TEST_F(PolicyDiscoveryTest, HostileFilesDropOnlyThemselves) {
-  std::string binary(4096, '\0');
-  for (size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>(i * 37);
-  writeCpufreqFile("policy0/scaling_available_frequencies", binary);
-  std::string huge;  // 4 MiB of frequencies
-  while (huge.size() < (4u << 20)) huge += "1000 ";
-  writeCpufreqFile("policy0/scaling_boost_frequencies", huge + "\n");
-  writeCpufreqFile("policy0/related_cpus", "0\n");
-  const auto tables = discoverPolicies();
-  ASSERT_TRUE(tables.has_value());
-  EXPECT_EQ(tables->freqTable[0].size(), (4u << 20) / 5 + 1);
-
-  writeCpufreqFile("policy0/related_cpus", binary);
-  EXPECT_FALSE(discoverPolicies().has_value());
-  writeCpufreqFile("policy0/related_cpus", "0\r\n");
-  EXPECT_FALSE(discoverPolicies().has_value()) << "CRLF";
-}
-
-TEST_F(PolicyDiscoveryTest, EmptyRelatedCpusGiveAnEmptyList) {
-  writeCpufreqFile("policy0/scaling_available_frequencies", kernelList({100}));
-  writeCpufreqFile("policy0/related_cpus", "\n");
-  const auto tables = discoverPolicies();
-  ASSERT_TRUE(tables.has_value());
-  EXPECT_EQ(tables->relatedCpus, (Table{{}}));
-  EXPECT_EQ(tables->cpuSlot, (V{kNoCpuSlot})) << "one entry when no CPU is named";
-}
-
-TEST_F(PolicyDiscoveryTest, CpuSlotsFollowListOrderNotCpuNumbers) {
-  addPolicy("policy0", {100}, {4, 5, 6, 7});
-  addPolicy("policy1", {100}, {0, 1, 2, 3});
-  addPolicy("policy2", {100}, {9});
-  const auto tables = discoverPolicies();
-  ASSERT_TRUE(tables.has_value());
-  EXPECT_EQ(tables->cpuSlot, (V{4, 5, 6, 7, 0, 1, 2, 3, kNoCpuSlot, 8}));
-}
-
-TEST_F(PolicyDiscoveryTest, CpuListedTwiceKeepsItsLastSlot) {
-  addPolicy("policy0", {100}, {0, 1});
-  addPolicy("policy1", {100}, {1});
-  const auto tables = discoverPolicies();
-  ASSERT_TRUE(tables.has_value());
-  EXPECT_EQ(tables->cpuSlot, (V{0, 2}));
-}
-
-dirent entry(const char* name) {
-  dirent d = {};
-  strncpy(d.d_name, name, sizeof(d.d_name) - 1);
-  return d;
-}
-
-TEST(ComparePolicyFilesTest, OrdersByNumberAndTreatsOddNamesAsEqual) {
-  const dirent p9 = entry("policy9"), p10 = entry("policy10"), odd = entry("policy_x");
-  const dirent *a = &p9, *b = &p10, *c = &odd;
-  EXPECT_LT(comparePolicyFiles(&a, &b), 0);
-  EXPECT_GT(comparePolicyFiles(&b, &a), 0);
-  EXPECT_EQ(comparePolicyFiles(&a, &a), 0);
-  EXPECT_EQ(comparePolicyFiles(&a, &c), 0);
-  EXPECT_EQ(comparePolicyFiles(&c, &b), 0);
-
-  EXPECT_NE(isPolicyFile(&p10), 0);
-  EXPECT_NE(isPolicyFile(&odd), 0) << "a plain prefix test";
-  const dirent other = entry("polic"), upper = entry("Policy0");
-  EXPECT_EQ(isPolicyFile(&other), 0);
-  EXPECT_EQ(isPolicyFile(&upper), 0);
+TEST_F(PolicyDiscoveryTest, CpuSlotsFollowTheListsNotTheCpuNumbers) {
+  const struct {
+    Table related;
+    V slots;
+  } cases[] = {
+      {{{0, 1, 2, 3}, {4, 5, 6}, {7}}, {0, 1, 2, 3, 4, 5, 6, 7}},
+      {{{4, 5, 6, 7}, {0, 1, 2, 3}, {9}}, {4, 5, 6, 7, 0, 1, 2, 3, kNoCpuSlot, 8}},
+      {{{0, 1}, {1}}, {0, 2}},  // a CPU listed twice keeps its last slot
+      {{{}}, {kNoCpuSlot}},     // no CPU at all: one empty slot
+  };
+  for (const auto& c : cases) {
+    ASSERT_EQ(system("rm -rf /sys/devices/system/cpu/cpufreq/policy*"), 0);
+    for (size_t i = 0; i < c.related.size(); ++i) {
+      addPolicy("policy" + std::to_string(i), {100}, c.related[i]);
+    }
+    const auto tables = discoverPolicies();
+    ASSERT_TRUE(tables.has_value());
+    EXPECT_EQ(tables->relatedCpus, c.related);
+    EXPECT_EQ(tables->cpuSlot, c.slots);
+  }
 }
 
 }  // namespace

@@ -11,14 +11,14 @@ namespace zelk::testbed {
 
 class BackgroundThreads {
  public:
-  // Takes the baseline. Starts and joins a thread first, so that a thread that the runtime
-  // starts on the first thread creation (ThreadSanitizer's) is part of it.
+  // Takes the baseline, after a first thread has come and gone so that a thread the runtime
+  // starts then (ThreadSanitizer's) is part of it.
   BackgroundThreads();
   // Threads above the baseline right now.
   size_t running() const;
-  // Waits (bounded) until the monitor of every thread started (one per tracking result line)
-  // has logged its end, then until the threads are gone. The log wait also orders the threads' work
-  // before the test's own for a race detector, which cannot see a thread's end through /proc.
+  // Waits (bounded) until every thread's monitor (one per tracking result line) has logged its
+  // end, then until the threads are gone. The log wait also orders the threads' work before the
+  // test's own for a race detector, which cannot see a thread's end through /proc.
   bool ended(const LogCapture& log) const;
 
  private:

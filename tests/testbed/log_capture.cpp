@@ -29,11 +29,9 @@ std::vector<LogLine> LogCapture::lines() const {
   return gLines;
 }
 
-std::vector<LogLine> LogCapture::matching(const std::string& needle) const {
-  std::vector<LogLine> found;
-  for (const LogLine& line : lines()) {
-    if (line.text.find(needle) != std::string::npos) found.push_back(line);
-  }
+size_t LogCapture::count(const std::string& needle) const {
+  size_t found = 0;
+  for (const LogLine& line : lines()) found += line.text.find(needle) != std::string::npos;
   return found;
 }
 

@@ -56,12 +56,9 @@ std::string pinPath(MapId id) {
   return std::string("/sys/fs/bpf/map_zelkCputimeInState_") + catalogue(id).name;
 }
 
-std::string Maps::create(const MapOptions& options) {
+std::string Maps::create() {
   for (MapId id : kAllMaps) {
-    if (options.omit.count(id)) continue;
-    const auto replaced = options.replace.find(id);
-    const std::string error =
-        pin(id, replaced == options.replace.end() ? nullptr : &replaced->second);
+    const std::string error = pin(id);
     if (!error.empty()) return error;
   }
   return "";

@@ -3,11 +3,12 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
+#include <bpf/bpf.h>
 #include <linux/bpf.h>
 
 #include <cstdint>
 #include <map>
-#include <set>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -39,31 +40,25 @@ struct MapDef {
   uint32_t maxEntries;
 };
 
-// The nine maps that the library opens at initialisation, in its opening order.
-inline constexpr MapId kLibraryMaps[] = {
-    MapId::ProcessTime,  MapId::KthreadTime, MapId::TotalTime, MapId::TopTime, MapId::BgTime,
-    MapId::PidAdjUpdate, MapId::ClearTime,   MapId::PidAdj,    MapId::PidComm,
-};
+// Every map, the library's nine first in the order in which it opens them.
 inline constexpr MapId kAllMaps[] = {
     MapId::ProcessTime,   MapId::KthreadTime,  MapId::TotalTime, MapId::TopTime,
     MapId::BgTime,        MapId::PidAdjUpdate, MapId::ClearTime, MapId::PidAdj,
     MapId::PidComm,       MapId::CpuPolicy,    MapId::FreqToIdx, MapId::CpuLastUpdate,
     MapId::PolicyFreqIdx,
 };
+inline constexpr size_t kLibraryMapCount = 9;
 
 const MapDef& catalogue(MapId id);
 std::string pinPath(MapId id);
-
-struct MapOptions {
-  std::set<MapId> omit;             // not created, not pinned
-  std::map<MapId, MapDef> replace;  // pinned instead of the catalogue's map
-};
+// For gtest: a map by its name.
+inline void PrintTo(MapId id, std::ostream* out) { *out << catalogue(id).name; }
 
 class Maps {
  public:
-  // Creates and pins the maps; "" on success, else what failed.
-  std::string create(const MapOptions& options = {});
-  // Creates and pins one map that create() left out.
+  // Creates and pins every map; "" on success, else what failed.
+  std::string create();
+  // Creates and pins one map (the catalogue's, or `def`), replacing the one held for `id`.
   std::string pin(MapId id, const MapDef* def = nullptr);
   // Removes a map's pin; the map lives on while fd(id) is open.
   void unpin(MapId id);
@@ -91,5 +86,17 @@ bool update(int fd, const void* key, const void* value, uint64_t flags = BPF_ANY
 bool lookup(int fd, const void* key, void* value);
 // Number of keys in a map, by walking it.
 size_t countKeys(int fd, uint32_t keySize);
+
+// Every entry of a map that is not per-CPU, by walking it.
+template <typename K, typename V>
+std::map<K, V> entries(int fd) {
+  std::map<K, V> found;
+  K key;
+  for (const void* previous = nullptr; bpf_map_get_next_key(fd, previous, &key) == 0;
+       previous = &key) {
+    lookup(fd, &key, &found[key]);
+  }
+  return found;
+}
 
 }  // namespace zelk::testbed

@@ -23,13 +23,16 @@ std::string programPinPath(const TracepointName& tp) {
   return "/sys/fs/bpf/prog_zelkCputimeInState_tracepoint_" + tp.category + "_" + tp.event;
 }
 
-std::string pinProgram(const TracepointName& tp) {
+int loadTrivialProgram(const char* name) {
   struct bpf_insn insns[2];
   memset(insns, 0, sizeof(insns));
   insns[0].code = BPF_ALU64 | BPF_MOV | BPF_K;  // r0 = 0
   insns[1].code = BPF_JMP | BPF_EXIT;
-  const android::base::unique_fd program(
-      bpf_prog_load(BPF_PROG_TYPE_TRACEPOINT, tp.event.c_str(), "GPL", insns, 2, nullptr));
+  return bpf_prog_load(BPF_PROG_TYPE_TRACEPOINT, name, "GPL", insns, 2, nullptr);
+}
+
+std::string pinProgram(const TracepointName& tp) {
+  const android::base::unique_fd program(loadTrivialProgram(tp.event.c_str()));
   if (program.get() < 0) return "loading a program for " + tp.event + ": " + strerror(errno);
   // The pin keeps the program alive after this descriptor is closed.
   if (bpf_obj_pin(program.get(), programPinPath(tp).c_str()) != 0) {
@@ -38,9 +41,8 @@ std::string pinProgram(const TracepointName& tp) {
   return "";
 }
 
-std::string pinPrograms(const std::set<std::string>& omitEvents) {
+std::string pinPrograms() {
   for (const TracepointName& tp : objectTracepoints()) {
-    if (omitEvents.count(tp.event)) continue;
     std::string error = pinProgram(tp);
     if (!error.empty()) return error;
   }

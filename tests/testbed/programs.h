@@ -2,7 +2,6 @@
 // program the verifier accepts (r0 = 0; exit): attaching it is real, running it changes nothing.
 #pragma once
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -19,10 +18,11 @@ const std::vector<TracepointName>& objectTracepoints();
 
 std::string programPinPath(const TracepointName& tp);
 
-// Loads and pins one program; "" on success, else what failed.
+// Loads one such program; its descriptor, or -1 with errno.
+int loadTrivialProgram(const char* name);
+// Loads and pins one program, or all six; "" on success, else what failed.
 std::string pinProgram(const TracepointName& tp);
-// Pins the six programs but those whose event is in `omitEvents`.
-std::string pinPrograms(const std::set<std::string>& omitEvents = {});
+std::string pinPrograms();
 void unpinProgram(const TracepointName& tp);
 
 // Attaches the pinned program itself, for the life of the process; false with errno when the

@@ -1,11 +1,9 @@
 #include "self_status.h"
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
 #include <dirent.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <string>
 #include <thread>
 
@@ -28,18 +26,6 @@ size_t countEntries(const char* path) {
 size_t openDescriptorCount() { return countEntries("/proc/self/fd") - 1; }
 
 size_t threadCount() { return countEntries("/proc/self/task"); }
-
-bool hasCapability(int capability) {
-  std::string status;
-  if (!android::base::ReadFileToString("/proc/self/status", &status)) return false;
-  for (const std::string& line : android::base::Split(status, "\n")) {
-    if (android::base::StartsWith(line, "CapEff:")) {
-      const uint64_t mask = std::stoull(line.substr(7), nullptr, 16);
-      return (mask >> capability) & 1;
-    }
-  }
-  return false;
-}
 
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;

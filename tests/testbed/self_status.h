@@ -13,11 +13,8 @@ namespace zelk::testbed {
 size_t openDescriptorCount();
 // Entries of /proc/self/task: the threads of the process.
 size_t threadCount();
-// Whether `capability` (CAP_*) is in the effective set.
-bool hasCapability(int capability);
 
-// Polls `done` every few milliseconds until it is true (returns true) or `timeout` passes
-// (returns false).
+// Polls `done` every few milliseconds until it is true, or false after `timeout`.
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
 // Waits until thread `tid` of this process sleeps (state S), at most `timeout`.
