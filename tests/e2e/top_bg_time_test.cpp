@@ -57,7 +57,7 @@ TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
 // ends in a hundred: the kernel skips that program when its RCU callback interrupts a bpf() call
 // or another program on its CPU.
 TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
-  constexpr int kChildren = 20;
+  constexpr int kChildren = 50;
   const uint64_t started = getTimeSinceBoot();
   // bpf() calls on both CPUs while the processes end: the moments in which the free is skipped.
   std::atomic<bool> stop{false};
