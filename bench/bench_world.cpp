@@ -7,7 +7,6 @@
 
 #include "kernel/bpf_syscall.h"
 #include "namespace.h"
-#include "policy_tree.h"
 
 namespace zelk::bench {
 namespace {

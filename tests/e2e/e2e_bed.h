@@ -1,30 +1,24 @@
 // The pair end to end, each test in a private namespace with bpffs and tracefs: the kernel object
 // freshly loaded, one cpufreq policy over every CPU at the first of its 32 frequencies, tracking
-// started through the library; and scripted children.
+// started through the library; and what scripted children do.
 #pragma once
 
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "background_threads.h"
-#include "log_capture.h"
+#include "child_process.h"
 #include "namespace.h"
 #include "object_loader.h"
-#include "policy_tree.h"
 #include "self_status.h"
 #include "zelkcpufreqtime.h"
 
@@ -32,7 +26,6 @@ namespace zelk::testbed {
 
 using std::chrono::milliseconds;
 
-inline constexpr milliseconds kWait(5000);
 inline constexpr uint64_t kMs = 1000000;
 
 class TrackingTest : public KernelTest {
@@ -89,68 +82,6 @@ inline uint64_t timeOf(const std::optional<com::zelkora::TimeTable>& table,
   return entry == table->end() ? 0 : entry->second;
 }
 
-// A forked child running `body`, talking with the test through two pipes; killed and reaped if
-// the test ends first. Only async-signal-safe work belongs in a body.
-class Child {
- public:
-  explicit Child(const std::function<void(Child&)>& body) {
-    if (pipe2(up_, O_CLOEXEC) != 0 || pipe2(down_, O_CLOEXEC) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      body(*this);
-      _exit(0);
-    }
-    close(up_[1]);
-    close(down_[0]);
-    up_[1] = down_[0] = -1;
-  }
-  ~Child() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    for (int fd : {up_[0], up_[1], down_[0], down_[1]}) {
-      if (fd >= 0) close(fd);
-    }
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-  pid_t pid() const { return pid_; }
-
-  // In the child.
-  void tell(int64_t value) {
-    if (write(up_[1], &value, sizeof(value)) != sizeof(value)) _exit(120);
-  }
-  void awaitGo() {  // off the CPU
-    char byte;
-    if (read(down_[0], &byte, 1) != 1) _exit(121);
-  }
-
-  // In the test: the next value told, or nothing after kWait.
-  std::optional<int64_t> next() {
-    pollfd fd{up_[0], POLLIN, 0};
-    int64_t value;
-    if (poll(&fd, 1, static_cast<int>(kWait.count())) != 1) return std::nullopt;
-    if (read(up_[0], &value, sizeof(value)) != sizeof(value)) return std::nullopt;
-    return value;
-  }
-  void go() {
-    if (write(down_[1], "g", 1) != 1) perror("telling the child to go");
-  }
-  // The exit status, or -1 after kWait.
-  int wait() {
-    int status = -1;
-    if (!waitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, kWait)) return -1;
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
- private:
-  pid_t pid_ = -1;
-  int up_[2] = {-1, -1};
-  int down_[2] = {-1, -1};
-};
-
 inline void setName(const char* name) { prctl(PR_SET_NAME, name, 0, 0, 0); }
 
 inline void setOomScoreAdj(int adj) {
@@ -185,14 +116,10 @@ inline bool waitUntilBlocked(pid_t pid) {
   auto seenAt = std::chrono::steady_clock::now();
   return waitUntil(
       [&] {
-        std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-        const std::string text((std::istreambuf_iterator<char>(file)), {});
-        const size_t paren = text.rfind(')');
-        const bool sleeping = paren != std::string::npos && paren + 2 < text.size() &&
-                              (text[paren + 2] == 'S' || text[paren + 2] == 'D');
+        const char state = taskState("/proc/" + std::to_string(pid) + "/stat");
         const auto runtime = runtimeNs(pid);
         const auto now = std::chrono::steady_clock::now();
-        if (!sleeping || runtime != seen) {
+        if ((state != 'S' && state != 'D') || runtime != seen) {
           seen = runtime;
           seenAt = now;
           return false;

@@ -3,11 +3,8 @@
 // tracking start left running (they use the library's descriptors, which close at exit).
 #pragma once
 
-#include "background_threads.h"
-#include "log_capture.h"
 #include "maps.h"
 #include "namespace.h"
-#include "policy_tree.h"
 #include "programs.h"
 #include "self_status.h"
 #include "zelkcpufreqtime.h"

@@ -12,45 +12,34 @@
 namespace zelk::testbed {
 namespace {
 
-constexpr uint32_t kTisEntries = 16384;
-constexpr uint32_t kPidEntries = 32768;
+constexpr uint32_t kTis = 16384;
+constexpr uint32_t kPids = 32768;
+constexpr uint32_t kKey = sizeof(com::zelkora::process_key_t);
+constexpr uint32_t kName = sizeof(com::zelkora::process_info_t);
+constexpr uint32_t kBlock = sizeof(com::zelkora::time_in_state_block_t);
 
-using com::zelkora::process_info_t;
-using com::zelkora::process_key_t;
-using com::zelkora::time_in_state_block_t;
-
-const std::map<MapId, MapDef>& definitions() {
-  static const std::map<MapId, MapDef> defs = {
-      {MapId::ProcessTime,
-       {"process_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, sizeof(process_key_t),
-        sizeof(time_in_state_block_t), kTisEntries}},
-      {MapId::KthreadTime,
-       {"kthread_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, sizeof(process_key_t),
-        sizeof(time_in_state_block_t), kTisEntries}},
-      {MapId::TotalTime,
-       {"total_cpu_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, 4, sizeof(time_in_state_block_t),
-        16}},
-      {MapId::TopTime,
-       {"comm_to_toptime_map", BPF_MAP_TYPE_HASH, sizeof(process_info_t), 8, kTisEntries}},
-      {MapId::BgTime,
-       {"comm_to_bgtime_map", BPF_MAP_TYPE_HASH, sizeof(process_info_t), 8, kTisEntries}},
-      {MapId::PidAdjUpdate, {"pid_to_adj_last_update_map", BPF_MAP_TYPE_HASH, 4, 8, kPidEntries}},
-      {MapId::ClearTime, {"clear_time_map", BPF_MAP_TYPE_HASH, 4, 8, 1}},
-      {MapId::PidAdj, {"pid_to_adj_map", BPF_MAP_TYPE_HASH, 4, 2, kPidEntries}},
-      {MapId::PidComm, {"pid_to_comm_map", BPF_MAP_TYPE_HASH, 4, 16, kPidEntries}},
-      {MapId::CpuPolicy, {"cpu_policy_map", BPF_MAP_TYPE_HASH, 4, 4, 1024}},
-      {MapId::FreqToIdx, {"freq_to_idx_map", BPF_MAP_TYPE_HASH, 8, 4, 4096}},
-      {MapId::CpuLastUpdate, {"cpu_last_update_map", BPF_MAP_TYPE_PERCPU_ARRAY, 4, 8, 1}},
-      {MapId::PolicyFreqIdx, {"policy_freq_idx_map", BPF_MAP_TYPE_HASH, 4, 4, 1024}},
-  };
-  return defs;
-}
+// In the order of MapId.
+constexpr MapDef kDefinitions[] = {
+    {"process_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, kKey, kBlock, kTis},
+    {"kthread_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, kKey, kBlock, kTis},
+    {"total_cpu_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, 4, kBlock, 16},
+    {"comm_to_toptime_map", BPF_MAP_TYPE_HASH, kName, 8, kTis},
+    {"comm_to_bgtime_map", BPF_MAP_TYPE_HASH, kName, 8, kTis},
+    {"pid_to_adj_last_update_map", BPF_MAP_TYPE_HASH, 4, 8, kPids},
+    {"clear_time_map", BPF_MAP_TYPE_HASH, 4, 8, 1},
+    {"pid_to_adj_map", BPF_MAP_TYPE_HASH, 4, 2, kPids},
+    {"pid_to_comm_map", BPF_MAP_TYPE_HASH, 4, 16, kPids},
+    {"cpu_policy_map", BPF_MAP_TYPE_HASH, 4, 4, 1024},
+    {"freq_to_idx_map", BPF_MAP_TYPE_HASH, 8, 4, 4096},
+    {"cpu_last_update_map", BPF_MAP_TYPE_PERCPU_ARRAY, 4, 8, 1},
+    {"policy_freq_idx_map", BPF_MAP_TYPE_HASH, 4, 4, 1024},
+};
 
 std::string failure(const std::string& what) { return what + ": " + strerror(errno); }
 
 }  // namespace
 
-const MapDef& catalogue(MapId id) { return definitions().at(id); }
+const MapDef& catalogue(MapId id) { return kDefinitions[static_cast<size_t>(id)]; }
 
 std::string pinPath(MapId id) {
   return std::string("/sys/fs/bpf/map_zelkCputimeInState_") + catalogue(id).name;
@@ -93,18 +82,17 @@ uint32_t possibleCpus() {
 
 PerCpuValue perCpuValue() { return PerCpuValue(possibleCpus()); }
 
-process_key_t processKey(const std::string& comm, uint64_t flag) {
-  process_key_t key;
+com::zelkora::process_key_t processKey(const std::string& comm, uint64_t flag) {
+  com::zelkora::process_key_t key;
   memset(&key, 0, sizeof(key));
   memcpy(key.comm, comm.data(), std::min(comm.size(), sizeof(key.comm)));
   key.flag = flag;
   return key;
 }
 
-process_info_t processInfo(const std::string& comm) {
-  process_info_t info;
-  memset(&info, 0, sizeof(info));
-  memcpy(info.comm, comm.data(), std::min(comm.size(), sizeof(info.comm)));
+com::zelkora::process_info_t processInfo(const std::string& comm) {
+  com::zelkora::process_info_t info;
+  memcpy(info.comm, processKey(comm, 0).comm, sizeof(info.comm));
   return info;
 }
 
@@ -121,14 +109,11 @@ bool lookup(int fd, const void* key, void* value) {
 }
 
 size_t countKeys(int fd, uint32_t keySize) {
-  std::vector<unsigned char> key(keySize);
-  std::vector<unsigned char> next(keySize);
+  std::vector<unsigned char> key(keySize);  // the kernel reads the previous key before writing
   size_t count = 0;
-  const void* previous = nullptr;
-  while (bpf_map_get_next_key(fd, previous, next.data()) == 0) {
+  for (const void* previous = nullptr; bpf_map_get_next_key(fd, previous, key.data()) == 0;
+       previous = key.data()) {
     ++count;
-    key = next;
-    previous = key.data();
   }
   return count;
 }

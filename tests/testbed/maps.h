@@ -16,6 +16,7 @@
 
 namespace zelk::testbed {
 
+// Every map, the library's nine first in the order in which it opens them.
 enum class MapId {
   ProcessTime,
   KthreadTime,
@@ -31,6 +32,13 @@ enum class MapId {
   CpuLastUpdate,
   PolicyFreqIdx,
 };
+inline constexpr size_t kLibraryMapCount = 9;
+inline constexpr MapId kAllMaps[] = {
+    MapId::ProcessTime,   MapId::KthreadTime,  MapId::TotalTime, MapId::TopTime,
+    MapId::BgTime,        MapId::PidAdjUpdate, MapId::ClearTime, MapId::PidAdj,
+    MapId::PidComm,       MapId::CpuPolicy,    MapId::FreqToIdx, MapId::CpuLastUpdate,
+    MapId::PolicyFreqIdx,
+};
 
 struct MapDef {
   const char* name;
@@ -39,15 +47,6 @@ struct MapDef {
   uint32_t valueSize;
   uint32_t maxEntries;
 };
-
-// Every map, the library's nine first in the order in which it opens them.
-inline constexpr MapId kAllMaps[] = {
-    MapId::ProcessTime,   MapId::KthreadTime,  MapId::TotalTime, MapId::TopTime,
-    MapId::BgTime,        MapId::PidAdjUpdate, MapId::ClearTime, MapId::PidAdj,
-    MapId::PidComm,       MapId::CpuPolicy,    MapId::FreqToIdx, MapId::CpuLastUpdate,
-    MapId::PolicyFreqIdx,
-};
-inline constexpr size_t kLibraryMapCount = 9;
 
 const MapDef& catalogue(MapId id);
 std::string pinPath(MapId id);

@@ -1,11 +1,15 @@
 #include "namespace.h"
 
+#include <android-base/file.h>
 #include <sched.h>
 #include <sys/mount.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+
+#include "maps.h"
 
 namespace zelk::testbed {
 namespace {
@@ -37,6 +41,35 @@ std::string enterPrivateNamespace(const NamespaceOptions& options) {
 void KernelTest::SetUp() {
   const std::string error = enterPrivateNamespace(namespaceOptions());
   if (!error.empty()) ZELK_SKIP_OR_FAIL("no private namespace for the test bed: " + error);
+}
+
+std::string kernelList(const std::vector<uint64_t>& numbers) {
+  std::string text;
+  for (uint64_t n : numbers) text += std::to_string(n) + " ";
+  return text + "\n";
+}
+
+void writeCpufreqFile(const std::string& relPath, const std::string& content) {
+  const std::string path = std::string(kCpufreqDir) + "/" + relPath;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  if (!android::base::WriteStringToFile(content, path)) {
+    ADD_FAILURE() << "cannot write " << path << ": " << strerror(errno);
+  }
+}
+
+void addPolicy(const std::string& name, const std::vector<uint64_t>& freqs,
+               const std::vector<uint64_t>& cpus) {
+  writeCpufreqFile(name + "/scaling_available_frequencies", kernelList(freqs));
+  writeCpufreqFile(name + "/related_cpus", kernelList(cpus));
+  if (!freqs.empty()) {
+    writeCpufreqFile(name + "/scaling_cur_freq", std::to_string(freqs.front()) + "\n");
+  }
+}
+
+void addMachinePolicy(const std::vector<uint64_t>& freqs) {
+  std::vector<uint64_t> cpus;
+  for (uint32_t cpu = 0; cpu < possibleCpus(); ++cpu) cpus.push_back(cpu);
+  addPolicy("policy0", freqs, cpus);
 }
 
 }  // namespace zelk::testbed

@@ -1,10 +1,13 @@
 // A private mount namespace per test process: fresh bpffs on /sys/fs/bpf, a tmpfs over the
 // cpufreq directory, optionally tracefs. The production paths stay fixed; only the mounts differ.
+// And cpufreq policy trees under that tmpfs, in the kernel's own file format.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace zelk::testbed {
 
@@ -25,6 +28,23 @@ class KernelTest : public ::testing::Test {
   void SetUp() override;
   virtual NamespaceOptions namespaceOptions() const { return {}; }
 };
+
+inline constexpr const char kCpufreqDir[] = "/sys/devices/system/cpu/cpufreq";
+
+// "a b c \n": numbers separated by spaces, a space before the newline, as the kernel writes.
+std::string kernelList(const std::vector<uint64_t>& numbers);
+
+// Writes `content` to kCpufreqDir/relPath, creating directories; reports failures to gtest.
+void writeCpufreqFile(const std::string& relPath, const std::string& content);
+
+// A policy directory with scaling_available_frequencies, related_cpus and scaling_cur_freq (the
+// first frequency). Add a boost file or odd contents with writeCpufreqFile.
+void addPolicy(const std::string& name, const std::vector<uint64_t>& freqs,
+               const std::vector<uint64_t>& cpus);
+
+// One policy over every possible CPU of this machine, so that every block of a per-CPU value is
+// read.
+void addMachinePolicy(const std::vector<uint64_t>& freqs);
 
 }  // namespace zelk::testbed
 

@@ -56,9 +56,7 @@ bool attachPinnedProgram(const TracepointName& tp) {
   if (program < 0) return false;
   // Kept open on success, like the library does: the attachment holds the program.
   if (bpf_attach_tracepoint(program, tp.category.c_str(), tp.event.c_str()) >= 0) return true;
-  const int savedErrno = errno;
   close(program);
-  errno = savedErrno;
   return false;
 }
 

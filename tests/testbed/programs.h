@@ -25,8 +25,8 @@ std::string pinProgram(const TracepointName& tp);
 std::string pinPrograms();
 void unpinProgram(const TracepointName& tp);
 
-// Attaches the pinned program itself, for the life of the process; false with errno when the
-// kernel refuses, as it does for a program already attached to that tracepoint.
+// Attaches the pinned program itself, for the life of the process; false when the kernel refuses,
+// as it does for a program already attached to that tracepoint.
 bool attachPinnedProgram(const TracepointName& tp);
 
 }  // namespace zelk::testbed
