@@ -8,36 +8,31 @@
 #include <cstring>
 #include <thread>
 
-#include "maps.h"
-#include "namespace.h"
-#include "policy_tree.h"
-#include "zelkcpufreqtime.h"
+#include "library_test.h"
 
 namespace com::zelkora {
 namespace {
 
-using zelk::testbed::MapId;
-using zelk::testbed::processKey;
+using namespace zelk::testbed;
 
-class QueryTest : public zelk::testbed::KernelTest {
+class QueryTest : public LibraryTest {
  protected:
-  void SetUp() override {
-    KernelTest::SetUp();
-    if (IsSkipped() || HasFatalFailure()) return;
-    ASSERT_EQ(maps_.create(), "");
-  }
   // An entry with `time` at one CPU block's slot.
   void put(MapId map, const void* key, uint64_t time, uint32_t block = 0, uint32_t slot = 1) {
-    zelk::testbed::PerCpuValue value = zelk::testbed::perCpuValue();
+    PerCpuValue value = perCpuValue();
     value[block].slot[slot] = time;
-    ASSERT_TRUE(zelk::testbed::update(maps_.fd(map), key, value.data()));
+    ASSERT_TRUE(update(maps_.fd(map), key, value.data()));
   }
   void put(MapId map, const process_key_t& key, uint64_t time) { put(map, &key, time); }
-  zelk::testbed::Maps maps_;
 };
 
-TEST_F(QueryTest, NameAndFlagSelectTheEntryAndLongNamesAreCutTo16Bytes) {
-  zelk::testbed::addMachinePolicy({100, 200});
+TEST_F(QueryTest, NameAndFlagSelectTheEntryAndAnAbsentOneGivesZeros) {
+  addMachinePolicy({100, 200});
+  EXPECT_FALSE(getTotalCpuFreqTimes().has_value()) << "no value in an empty map";
+  EXPECT_FALSE(getCpuFreqTimesFromProcess("ghost", false).has_value());
+  EXPECT_FALSE(getCpuFreqTimesFromKthread("ghost").has_value());
+  const uint32_t otherTotal = 1;
+  put(MapId::TotalTime, &otherTotal, 1);
   put(MapId::ProcessTime, processKey("a", 0), 10);
   put(MapId::ProcessTime, processKey("a", 1), 20);
   put(MapId::ProcessTime, processKey("0123456789abcdef", 0), 7);
@@ -47,36 +42,25 @@ TEST_F(QueryTest, NameAndFlagSelectTheEntryAndLongNamesAreCutTo16Bytes) {
   EXPECT_EQ(getCpuFreqTimesFromProcess("a", false), (TimeInStateVector{{0, 10}}));
   EXPECT_EQ(getCpuFreqTimesFromProcess("a", true), (TimeInStateVector{{0, 20}}));
   EXPECT_EQ(getCpuFreqTimesFromKthread("k"), (TimeInStateVector{{0, 40}}));
+  // Names are cut to 16 bytes.
   EXPECT_EQ(getCpuFreqTimesFromProcess("0123456789abcdefX", false), (TimeInStateVector{{0, 7}}));
   EXPECT_EQ(getCpuFreqTimesFromKthread("0123456789abcdeX"), (TimeInStateVector{{0, 0}}));
-}
-
-TEST_F(QueryTest, AbsentKeyGivesZerosBesideOthersAndNoValueInAnEmptyMap) {
-  zelk::testbed::addMachinePolicy({100, 200});
-  EXPECT_FALSE(getTotalCpuFreqTimes().has_value());
-  EXPECT_FALSE(getCpuFreqTimesFromProcess("ghost", false).has_value());
-  EXPECT_FALSE(getCpuFreqTimesFromKthread("ghost").has_value());
-  const uint32_t otherTotal = 1;
-  put(MapId::TotalTime, &otherTotal, 1);
-  put(MapId::ProcessTime, processKey("other", 0), 1);
-  put(MapId::KthreadTime, processKey("other", 1), 1);
   EXPECT_EQ(getTotalCpuFreqTimes(), (TimeInStateVector{{0, 0}}));
   EXPECT_EQ(getCpuFreqTimesFromProcess("ghost", false), (TimeInStateVector{{0, 0}}));
-  EXPECT_EQ(getCpuFreqTimesFromKthread("ghost"), (TimeInStateVector{{0, 0}}));
 }
 
 TEST_F(QueryTest, BlocksAreTakenInPolicyListOrderNotByCpuNumber) {
-  if (zelk::testbed::possibleCpus() < 2) GTEST_SKIP() << "needs two possible CPUs";
+  if (possibleCpus() < 2) GTEST_SKIP() << "needs two possible CPUs";
   // policy0 lists CPU 1 (block 0), policy1 lists CPU 0 (block 1).
-  zelk::testbed::addPolicy("policy1", {300}, {0});
-  zelk::testbed::addPolicy("policy0", {100, 200}, {1});
-  zelk::testbed::PerCpuValue value = zelk::testbed::perCpuValue();
+  addPolicy("policy1", {300}, {0});
+  addPolicy("policy0", {100, 200}, {1});
+  PerCpuValue value = perCpuValue();
   value[0].slot[0] = 7;
   value[0].slot[1] = 9;
   value[1].slot[0] = 13;
   value[1].slot[1] = 1000;  // past policy1's one frequency
   const uint32_t key = 0;
-  ASSERT_TRUE(zelk::testbed::update(maps_.fd(MapId::TotalTime), &key, value.data()));
+  ASSERT_TRUE(update(maps_.fd(MapId::TotalTime), &key, value.data()));
   EXPECT_EQ(getTotalCpuFreqTimes(), (TimeInStateVector{{7, 9}, {13}}));
 }
 
@@ -93,32 +77,13 @@ class TaskTableTest : public QueryTest, public ::testing::WithParamInterface<Tab
   int fd() const { return maps_.fd(GetParam().map); }
 };
 
-TEST_P(TaskTableTest, EmptyMapGivesAnEngagedEmptyTableAndNamesEndAtNulOr16Bytes) {
-  if (zelk::testbed::possibleCpus() < 2) GTEST_SKIP() << "needs two possible CPUs";
-  zelk::testbed::addPolicy("policy0", {100, 200}, {0, 1});
-  const auto empty = GetParam().query();
-  EXPECT_TRUE(empty.has_value() && empty->empty());
-  process_key_t stale = processKey("sh", 0);
-  memcpy(stale.comm + 3, "old", 3);  // after the NUL: still "sh"
-  put(GetParam().map, &stale, 4, /*block=*/1, /*slot=*/0);
-  put(GetParam().map, processKey("sh", 0), 3);
-  put(GetParam().map, processKey("0123456789abcdef", 0), 8);
-
-  const uint64_t flag = GetParam().merged ? 1 : 0;
-  const auto table = GetParam().query();
-  ASSERT_TRUE(table.has_value());
-  EXPECT_EQ(table->size(), 2u);
-  EXPECT_EQ(table->at({"sh", flag}), (TimeInStateVector{{4, 3}}));
-  EXPECT_EQ(table->at({"0123456789abcdef", flag}), (TimeInStateVector{{0, 8}}));
-}
-
 TEST_P(TaskTableTest, KeyDeletedDuringTheWalkFailsTheQuery) {
   // A key that the walk was just given disappears before its lookup, as a lock-free single-entry
   // clear can make it: the query must fail, not drop the key.
-  zelk::testbed::addMachinePolicy({100});
+  addMachinePolicy({100});
   constexpr int kKeys = 256;
   for (int i = 0; i < kKeys; ++i) put(GetParam().map, processKey(std::to_string(i), 0), 1);
-  const zelk::testbed::PerCpuValue value = zelk::testbed::perCpuValue();
+  const PerCpuValue value = perCpuValue();
   std::atomic<bool> stop{false};
   std::thread churn([&] {
     for (int i = 0; !stop.load(); i = (i + 1) % kKeys) {
@@ -127,11 +92,8 @@ TEST_P(TaskTableTest, KeyDeletedDuringTheWalkFailsTheQuery) {
       bpf_map_update_elem(fd(), &key, value.data(), BPF_ANY);
     }
   });
-  bool failed = false;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!failed && std::chrono::steady_clock::now() < deadline) {
-    failed = !GetParam().query().has_value();
-  }
+  const bool failed =
+      waitUntil([&] { return !GetParam().query().has_value(); }, std::chrono::seconds(20));
   stop = true;
   churn.join();
   EXPECT_TRUE(failed) << "no walk failed while keys kept disappearing under it";
@@ -146,26 +108,41 @@ std::vector<uint64_t> row(int i, std::initializer_list<uint64_t> flags) {
   return times;
 }
 
-TEST_P(TaskTableTest, WalkOfManyBatchesKeepsOrMergesFlags) {
+TEST_P(TaskTableTest, WalkOfManyBatchesKeepsOrMergesFlagsAndNamesEndAtNulOr16Bytes) {
   // Enough keys for several of the walk's batches, each name's two records wherever the kernel's
   // order puts them.
   std::vector<uint64_t> freqs(kFreqSlots);
   for (size_t j = 0; j < freqs.size(); ++j) freqs[j] = 100000 * (j + 1);
-  zelk::testbed::addMachinePolicy(freqs);
+  addMachinePolicy(freqs);
+  const auto empty = GetParam().query();
+  EXPECT_TRUE(empty.has_value() && empty->empty());
   constexpr int kNames = 1500;
-  zelk::testbed::PerCpuValue value = zelk::testbed::perCpuValue();
+  PerCpuValue value = perCpuValue();
   for (int i = 0; i < kNames; ++i) {
     for (uint64_t flag : {0, 1}) {
       const auto times = row(i, {flag});
       std::copy(times.begin(), times.end(), value[0].slot);
       const process_key_t key = processKey("task" + std::to_string(i), flag);
-      ASSERT_TRUE(zelk::testbed::update(fd(), &key, value.data()));
+      ASSERT_TRUE(update(fd(), &key, value.data()));
     }
   }
+  // Two keys of one name, the second with bytes after its NUL, in another CPU's block.
+  process_key_t stale = processKey("sh", 0);
+  memcpy(stale.comm + 3, "old", 3);
+  put(GetParam().map, &stale, 4, /*block=*/possibleCpus() - 1, /*slot=*/0);
+  put(GetParam().map, processKey("sh", 0), 3);
+  put(GetParam().map, processKey("0123456789abcdef", 0), 8);
+
   const bool merged = GetParam().merged;
   const auto table = GetParam().query();
   ASSERT_TRUE(table.has_value());
-  ASSERT_EQ(table->size(), static_cast<size_t>(merged ? kNames : 2 * kNames));
+  ASSERT_EQ(table->size(), static_cast<size_t>(merged ? kNames + 2 : 2 * kNames + 2));
+  std::vector<uint64_t> sh(kFreqSlots), longName(kFreqSlots);
+  sh[0] = 4;
+  sh[1] = 3;
+  longName[1] = 8;
+  EXPECT_EQ(table->at({"sh", merged}), TimeInStateVector{sh});
+  EXPECT_EQ(table->at({"0123456789abcdef", merged}), TimeInStateVector{longName});
   for (int i = 0; i < kNames; ++i) {
     const std::string name = "task" + std::to_string(i);
     if (merged) {
