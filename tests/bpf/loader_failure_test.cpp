@@ -47,26 +47,13 @@ TEST_F(LoaderFailureTest, NoKernelBtfIsNamed) {
   umount("/sys/kernel/btf");
 }
 
-// Runs zelk-loader with `args`, its output and errors both collected, after `prepare`.
-ChildResult runLoader(
-    std::vector<const char*> args, void (*prepare)() = [] {}) {
-  return runInChild([&](int out) {
-    dup2(out, 1);
-    dup2(out, 2);
-    prepare();
-    args.insert(args.begin(), ZELK_LOADER_PATH);
-    args.push_back(nullptr);
-    execv(ZELK_LOADER_PATH, const_cast<char**>(args.data()));
-    return 127;
-  });
-}
-
 size_t lines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
 
 TEST_F(LoaderFailureTest, CommandLineSaysOneLineAndExitsAccordingly) {
   // Root regains every capability at exec unless the bounding set lacks it.
-  const ChildResult denied = runLoader({"load"}, [] {
+  const ChildResult denied = runProgram(ZELK_LOADER_PATH, {"load"}, [] {
     for (int cap : {CAP_SYS_ADMIN, CAP_BPF, CAP_PERFMON}) prctl(PR_CAPBSET_DROP, cap, 0, 0, 0);
+    return true;
   });
   EXPECT_EQ(denied.status, 1);
   EXPECT_EQ(denied.output.rfind("zelk-loader: no permission to use bpf(2)", 0), 0u)
@@ -75,14 +62,11 @@ TEST_F(LoaderFailureTest, CommandLineSaysOneLineAndExitsAccordingly) {
   EXPECT_EQ(lines(denied.output), 1u);
   EXPECT_EQ(access(pinPath(MapId::ClearTime).c_str(), F_OK), -1);
 
-  for (const auto& args : {std::vector<const char*>{}, {"load"}, {"load", "--replace"}}) {
-    const ChildResult run = runLoader(args);
-    EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_EQ(lines(run.output), 1u) << run.output;
-  }
-  EXPECT_EQ(runLoader({"unload"}).status, 0);
-  EXPECT_EQ(access(pinPath(MapId::ClearTime).c_str(), F_OK), -1);
-  EXPECT_EQ(runLoader({"--bogus"}).status, 2);
+  const ChildResult loaded = runProgram(ZELK_LOADER_PATH, {});  // loads by default
+  EXPECT_EQ(loaded.status, 0) << loaded.output;
+  EXPECT_EQ(lines(loaded.output), 1u) << loaded.output;
+  EXPECT_EQ(access(pinPath(MapId::ClearTime).c_str(), F_OK), 0);
+  EXPECT_EQ(runProgram(ZELK_LOADER_PATH, {"--bogus"}).status, 2);
 }
 
 }  // namespace
