@@ -20,100 +20,91 @@ class InitGlobalsTest : public LibraryTest {};
 
 TEST_F(InitGlobalsTest, RetriesDiscoveryUntilItSucceedsThenNeverAgain) {
   EXPECT_EQ(getCpuFreqs(), std::nullopt) << "no policy yet";
-  const Table phone = addPhoneTree();
-  EXPECT_EQ(getCpuFreqs(), phone);
+  addPolicy("policy0", {100, 200}, {0, 1});
+  addPolicy("policy4", {300}, {4});
+  const Table freqs = {{100, 200}, {300}};
+  EXPECT_EQ(getCpuFreqs(), freqs);
   EXPECT_GE(gCpuBlockCount, readPossibleCpuCount().value_or(0)) << "a block per possible CPU";
   ASSERT_EQ(system("rm -r /sys/devices/system/cpu/cpufreq/policy4"), 0);
   addPolicy("policy0", {999}, {0});
-  EXPECT_EQ(getCpuFreqs(), phone) << "later changes to sysfs are not seen";
+  EXPECT_EQ(getCpuFreqs(), freqs) << "later changes to sysfs are not seen";
   EXPECT_TRUE(log_.lines().empty()) << "discovery logs nothing";
 }
 
-class MissingMapTest : public InitGlobalsTest, public ::testing::WithParamInterface<MapId> {};
+// A library map that is missing, or an object of another shape at its path (a def without a name
+// and with an error stands for a program).
+struct Refusal {
+  std::string name;
+  MapId id;
+  MapDef def;
+  std::string mismatch;  // empty for a missing map
+};
+void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.name; }
 
-TEST_P(MissingMapTest, EachAttemptLogsOneErrorWithThePathUntilTheMapIsPinned) {
-  maps_.unpin(GetParam());
+std::vector<Refusal> refusals() {
+  std::vector<Refusal> all = {
+      {"ValueSize",
+       MapId::PidComm,
+       {"impostor", BPF_MAP_TYPE_HASH, 4, 32, 16},
+       "value size 32, expected 16"},
+      {"KeySizeAndPerCpu",
+       MapId::PidComm,
+       {"impostor", BPF_MAP_TYPE_PERCPU_HASH, 8, 16, 16},
+       "key size 8, expected 4; map type 5 is per-CPU, expected not per-CPU"},
+      {"LruPerCpu",
+       MapId::PidComm,
+       {"impostor", BPF_MAP_TYPE_LRU_PERCPU_HASH, 4, 16, 16},
+       "map type 10 is per-CPU, expected not per-CPU"},
+      {"NotPerCpu",
+       MapId::ProcessTime,
+       {"impostor", BPF_MAP_TYPE_HASH, 24, 256, 16},
+       "map type 1 is not per-CPU, expected per-CPU"},
+      {"Program", MapId::ClearTime, {}, "not a map"},
+  };
+  for (size_t i = 0; i < kLibraryMapCount; ++i) {
+    all.push_back({std::string("Missing_") + catalogue(kAllMaps[i]).name, kAllMaps[i], {}, ""});
+  }
+  return all;
+}
+
+class RefusedMapTest : public InitGlobalsTest, public ::testing::WithParamInterface<Refusal> {};
+
+TEST_P(RefusedMapTest, EachAttemptLogsOneErrorWithThePathUntilTheRightMapIsPinned) {
+  const Refusal& refusal = GetParam();
+  const std::string path = pinPath(refusal.id);
+  maps_.unpin(refusal.id);
+  if (refusal.def.name != nullptr) {
+    ASSERT_EQ(maps_.pin(refusal.id, &refusal.def), "");
+  } else if (!refusal.mismatch.empty()) {
+    const android::base::unique_fd program(loadTrivialProgram("impostor"));
+    ASSERT_EQ(bpf_obj_pin(program.get(), path.c_str()), 0);
+  }
   addPolicy("policy0", {100, 200}, {0});
   addPolicy("policy1", {300}, {1});
 
-  EXPECT_EQ(getCpuFreqs(), std::nullopt);
   const size_t fds = openDescriptorCount();
-  EXPECT_EQ(getTotalCpuFreqTimes(), std::nullopt);
-  EXPECT_EQ(openDescriptorCount(), fds) << "a new attempt replaces the last one's descriptors";
+  EXPECT_EQ(getCpuFreqs(), std::nullopt);
+  EXPECT_FALSE(isTrackingCpuFreqTimeSupported());
+  EXPECT_EQ(openDescriptorCount(), fds + static_cast<size_t>(refusal.id))
+      << "the maps before it stay open, it does not, and an attempt replaces the last one's";
+  const std::string error = refusal.mismatch.empty()
+                                ? "Failed to open bpf map " + path + ": No such file or directory"
+                                : "Unexpected bpf map " + path + ": " + refusal.mismatch;
   const auto lines = log_.lines();
   ASSERT_EQ(lines.size(), 2u) << "one line per attempt";
   for (const auto& line : lines) {
     EXPECT_EQ(line.priority, ANDROID_LOG_ERROR);
-    EXPECT_EQ(withoutLine(line.text), "[initGlobals:N] Failed to open bpf map " +
-                                          pinPath(GetParam()) + ": No such file or directory");
+    EXPECT_EQ(withoutLine(line.text), "[initGlobals:N] " + error);
   }
 
-  ASSERT_EQ(maps_.pin(GetParam()), "");
+  unlink(path.c_str());
+  ASSERT_EQ(maps_.pin(refusal.id), "");
   EXPECT_EQ(getCpuFreqs(), (Table{{100, 200}, {300}})) << "each policy once after the retry";
   EXPECT_EQ(gRelatedCpus, (Table{{0}, {1}}));
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryLibraryMap, MissingMapTest,
-                         ::testing::ValuesIn(kAllMaps, kAllMaps + kLibraryMapCount));
-
-// An object of another shape at a map's path; a def without a name stands for a program.
-struct Impostor {
-  const char* name;
-  MapId id;
-  MapDef def;
-  const char* mismatch;
-};
-void PrintTo(const Impostor& impostor, std::ostream* out) { *out << impostor.name; }
-
-class ImpostorTest : public InitGlobalsTest, public ::testing::WithParamInterface<Impostor> {};
-
-TEST_P(ImpostorTest, IsRefusedLikeAMissingMapUntilTheRightOneIsPinned) {
-  const Impostor& impostor = GetParam();
-  const std::string path = pinPath(impostor.id);
-  maps_.unpin(impostor.id);
-  if (impostor.def.name != nullptr) {
-    ASSERT_EQ(maps_.pin(impostor.id, &impostor.def), "");
-  } else {
-    const android::base::unique_fd program(loadTrivialProgram("impostor"));
-    ASSERT_EQ(bpf_obj_pin(program.get(), path.c_str()), 0);
-  }
-  addPolicy("policy0", {100}, {0});
-
-  const size_t fds = openDescriptorCount();
-  EXPECT_EQ(getCpuFreqs(), std::nullopt);
-  EXPECT_EQ(getTotalCpuFreqTimes(), std::nullopt);
-  const auto lines = log_.lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(withoutLine(lines[1].text),
-            "[initGlobals:N] Unexpected bpf map " + path + ": " + impostor.mismatch);
-  EXPECT_EQ(openDescriptorCount(), fds + static_cast<size_t>(impostor.id))
-      << "the maps before it stay open, the impostor does not";
-
-  unlink(path.c_str());
-  ASSERT_EQ(maps_.pin(impostor.id), "");
-  EXPECT_EQ(getCpuFreqs(), (Table{{100}}));
-}
-
-const Impostor kImpostors[] = {
-    {"ValueSize",
-     MapId::PidComm,
-     {"impostor", BPF_MAP_TYPE_HASH, 4, 32, 16},
-     "value size 32, expected 16"},
-    {"KeySizeAndPerCpu",
-     MapId::PidComm,
-     {"impostor", BPF_MAP_TYPE_PERCPU_HASH, 8, 16, 16},
-     "key size 8, expected 4; map type 5 is per-CPU, expected not per-CPU"},
-    {"LruPerCpu",
-     MapId::PidComm,
-     {"impostor", BPF_MAP_TYPE_LRU_PERCPU_HASH, 4, 16, 16},
-     "map type 10 is per-CPU, expected not per-CPU"},
-    {"NotPerCpu",
-     MapId::ProcessTime,
-     {"impostor", BPF_MAP_TYPE_HASH, 24, 256, 16},
-     "map type 1 is not per-CPU, expected per-CPU"},
-    {"Program", MapId::ClearTime, {}, "not a map"},
-};
-INSTANTIATE_TEST_SUITE_P(Shapes, ImpostorTest, ::testing::ValuesIn(kImpostors));
+INSTANTIATE_TEST_SUITE_P(MissingMapsAndShapes, RefusedMapTest, ::testing::ValuesIn(refusals()),
+                         [](const auto& info) { return info.param.name; });
 
 TEST_F(InitGlobalsTest, ConcurrentFirstCallsRunOneDiscovery) {
   // A FIFO for the frequency file: each discovery blocks on it until the test writes, so a second
