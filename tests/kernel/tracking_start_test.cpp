@@ -1,7 +1,5 @@
 // startTrackingCpuFreqTime and isTrackingCpuFreqTimeSupported against real maps, real pinned
 // programs and real tracepoints.
-#include <sys/stat.h>
-
 #include <map>
 #include <tuple>
 
@@ -39,7 +37,6 @@ class TrackingStartTest : public LibraryTest {
     writeCpufreqFile("policy0/scaling_cur_freq", "576000\n");
     addPolicy("policy4", {500000, 1200000, 2400000}, {4, 5, 6, 7});
     writeCpufreqFile("policy4/scaling_boost_frequencies", "2400000\n");
-    writeCpufreqFile("policy4/scaling_cur_freq", "2400000\n");
     addPolicy("policy8", {100000}, {});
     ASSERT_EQ(pinPrograms(), "");
   }
@@ -56,11 +53,21 @@ class TrackingStartTest : public LibraryTest {
   }
 };
 
-TEST_F(TrackingStartTest, WritesTheLayoutKeyByKeyAndAttachesEveryProgram) {
+TEST_F(TrackingStartTest, WritesTheLayoutKeyByKeyAttachesEveryProgramAndStartsOnce) {
   const uint32_t cpu0 = 0, stalePolicy = 9;  // stale entries of an earlier configuration
   update(fd(MapId::CpuPolicy), &cpu0, &stalePolicy);
   lastUpdate(0xdead);
-
+  // A current frequency that is not one table entry fails the start before it attaches: had it
+  // attached a program, the kernel would refuse it in the start that follows.
+  for (const char* current : {"1234\n", "500000 1200000\n", ""}) {
+    SCOPED_TRACE(std::string("scaling_cur_freq \"") + current + "\"");
+    writeCpufreqFile("policy4/scaling_cur_freq", current);
+    EXPECT_FALSE(startTrackingCpuFreqTime());
+    EXPECT_TRUE(log_.lines().empty());
+    EXPECT_EQ(threads_.running(), 0u);
+    EXPECT_EQ(read32(MapId::PolicyFreqIdx), (U32Map{{0, 2}})) << "written before the failure";
+  }
+  writeCpufreqFile("policy4/scaling_cur_freq", "2400000\n");
   ASSERT_TRUE(startTrackingCpuFreqTime());
 
   EXPECT_EQ(read32(MapId::CpuPolicy),
@@ -87,45 +94,40 @@ TEST_F(TrackingStartTest, WritesTheLayoutKeyByKeyAndAttachesEveryProgram) {
     android::base::unique_fd unlocked(android::bpf::mapRetrieveWO(pinPath(id).c_str()));
     EXPECT_GE(unlocked.get(), 0) << pinPath(id) << " is still locked";
   }
-  unpinProgram(objectTracepoints()[0]);
-  EXPECT_TRUE(isTrackingCpuFreqTimeSupported()) << "attached programs need no pins";
-}
 
-TEST_F(TrackingStartTest, SecondStartReturnsTrueWithoutWritingAttachingOrLogging) {
-  ASSERT_TRUE(startTrackingCpuFreqTime());
   ASSERT_TRUE(threads_.ended(log_));
-  // Undo what the first start wrote, and make any attach fail.
+  const int32_t self = getpid();
+  EXPECT_TRUE(entries<int32_t, int16_t>(fd(MapId::PidAdj)).count(self)) << "this process seeded";
+
+  // A second start writes, attaches and logs nothing: undo what the first wrote, unpin the
+  // programs.
   for (uint32_t cpu = 0; cpu < 8; ++cpu) bpf_map_delete_elem(fd(MapId::CpuPolicy), &cpu);
   lastUpdate(77);
   for (const auto& tp : objectTracepoints()) unpinProgram(tp);
   log_.clear();
-
   EXPECT_TRUE(startTrackingCpuFreqTime());
   EXPECT_EQ(threads_.running(), 0u);
   EXPECT_TRUE(log_.lines().empty());
   EXPECT_TRUE(read32(MapId::CpuPolicy).empty());
   EXPECT_EQ(lastUpdate()[0], 77u);
+  EXPECT_TRUE(isTrackingCpuFreqTimeSupported()) << "attached programs need no pins";
 }
 
-TEST_F(TrackingStartTest, CurrentFrequencyThatIsNotOneTableEntryFailsBeforeAttaching) {
-  for (const char* current : {"1234\n", "500000 1200000\n", "", "fast\n"}) {
-    SCOPED_TRACE(std::string("scaling_cur_freq \"") + current + "\"");
-    writeCpufreqFile("policy4/scaling_cur_freq", current);
-    EXPECT_FALSE(startTrackingCpuFreqTime());
-    EXPECT_TRUE(log_.lines().empty());
-    EXPECT_EQ(threads_.running(), 0u);
-    EXPECT_EQ(read32(MapId::PolicyFreqIdx), (U32Map{{0, 2}})) << "written before the failure";
-  }
-  // Had a failed start attached a program, the kernel would refuse it now.
-  writeCpufreqFile("policy4/scaling_cur_freq", "1200000\n");
-  EXPECT_TRUE(startTrackingCpuFreqTime());
-  EXPECT_EQ(read32(MapId::PolicyFreqIdx), (U32Map{{0, 2}, {1, 2}}));
-}
-
-TEST_F(TrackingStartTest, MissingThirdProgramLeavesTheFirstTwoAttachedAndStillStartsTheThread) {
+TEST_F(TrackingStartTest, MissingProgramFailsTheSupportCheckAndTheStartAfterTheOnesBeforeIt) {
   const auto& tp = objectTracepoints();
+  for (const auto& program : tp) {
+    unpinProgram(program);
+    EXPECT_FALSE(isTrackingCpuFreqTimeSupported()) << "without " << program.event;
+    ASSERT_EQ(pinProgram(program), "");
+  }
+  const size_t checkFds = openDescriptorCount();
+  for (int i = 0; i < 100; ++i) EXPECT_TRUE(isTrackingCpuFreqTimeSupported());
   unpinProgram(tp[2]);
+  for (int i = 0; i < 100; ++i) EXPECT_FALSE(isTrackingCpuFreqTimeSupported());
+  EXPECT_EQ(openDescriptorCount(), checkFds);
+  EXPECT_TRUE(log_.lines().empty()) << "the check logs nothing of its own";
 
+  // The first two programs stay attached, and the thread starts all the same.
   EXPECT_FALSE(startTrackingCpuFreqTime());
   ASSERT_TRUE(waitUntil([&] { return log_.count("Trigger:") == 1; }, 10s))
       << "the background thread runs after a failed attach too";
@@ -139,6 +141,12 @@ TEST_F(TrackingStartTest, MissingThirdProgramLeavesTheFirstTwoAttachedAndStillSt
             "[startTrackingCpuFreqTime:N] zelkCputimeInState tracking failed.");
   EXPECT_EQ(withoutLine(lines[2].text), "[doPollPsi:N] Trigger: some 500000 1000000");
   EXPECT_EQ(countKeys(fd(MapId::PidComm), 4), 0u) << "no seeding without tracking";
+  // Retries fail at the first program, which the kernel refuses again; none keeps it open.
+  const size_t fds = openDescriptorCount();
+  for (int i = 0; i < 50; ++i) EXPECT_FALSE(startTrackingCpuFreqTime());
+  ASSERT_TRUE(threads_.ended(log_));
+  EXPECT_EQ(openDescriptorCount(), fds) << "a program that failed to attach is not kept open";
+  EXPECT_EQ(log_.count("Failed to attach program sched_switch, "), 50u);  // errno as BCC left it
   EXPECT_FALSE(attachPinnedProgram(tp[0])) << "sched_switch stays attached";
   EXPECT_FALSE(attachPinnedProgram(tp[1])) << "cpu_frequency stays attached";
   EXPECT_TRUE(attachPinnedProgram(tp[3])) << "sched_process_fork was never tried";
@@ -146,21 +154,9 @@ TEST_F(TrackingStartTest, MissingThirdProgramLeavesTheFirstTwoAttachedAndStillSt
 
 // A configuration map that refuses the start: write-locked by another open file description (as
 // by another configuring process), frozen so that its writes fail, or missing.
-enum class How { kLocked, kFrozen, kMissing };
-struct Refusal {
-  size_t map;  // in kConfigMaps
-  How how;
-};
-
-void PrintTo(const Refusal& refusal, std::ostream* out) {
-  *out << (refusal.how == How::kLocked   ? "locked_"
-           : refusal.how == How::kFrozen ? "frozen_"
-                                         : "missing_")
-       << catalogue(kConfigMaps[refusal.map]).name;
-}
-
+enum How { kLocked, kFrozen, kMissing };
 class RefusedConfigMapTest : public TrackingStartTest,
-                             public ::testing::WithParamInterface<Refusal> {};
+                             public ::testing::WithParamInterface<std::tuple<size_t, How>> {};
 
 TEST_P(RefusedConfigMapTest, FailsTheStartSilentlyAfterWritingTheMapsBeforeIt) {
   const auto [refused, how] = GetParam();
@@ -168,73 +164,41 @@ TEST_P(RefusedConfigMapTest, FailsTheStartSilentlyAfterWritingTheMapsBeforeIt) {
   lastUpdate(77);
   android::base::unique_fd locked;
   switch (how) {
-    case How::kLocked:
+    case kLocked:
       locked.reset(android::bpf::mapRetrieveWO(pinPath(id).c_str()));
       break;
-    case How::kFrozen:
+    case kFrozen:
       ASSERT_EQ(maps_.freeze(id), "");
       break;
-    case How::kMissing:
+    case kMissing:
       maps_.unpin(id);
   }
 
+  ASSERT_TRUE(getCpuFreqs().has_value());  // the nine maps this process keeps open
+  const size_t fds = openDescriptorCount();
   EXPECT_FALSE(startTrackingCpuFreqTime());
   EXPECT_TRUE(log_.lines().empty());
   EXPECT_EQ(threads_.running(), 0u);
+  EXPECT_EQ(openDescriptorCount(), fds);
   const bool written[] = {!read32(MapId::CpuPolicy).empty(), countKeys(fd(MapId::FreqToIdx), 8) > 0,
                           lastUpdate()[0] != 77, !read32(MapId::PolicyFreqIdx).empty()};
   for (size_t i = 0; i < std::size(kConfigMaps); ++i) {
     EXPECT_EQ(written[i], i < refused) << pinPath(kConfigMaps[i]);
   }
-  if (how == How::kFrozen) return;
+  if (how == kFrozen) return;
   locked.reset();  // closing the holder releases the lock
-  if (how == How::kMissing) {
-    ASSERT_EQ(maps_.pin(id), "");
-  }
+  if (how == kMissing) ASSERT_EQ(maps_.pin(id), "");
   EXPECT_TRUE(startTrackingCpuFreqTime());
 }
 
 INSTANTIATE_TEST_SUITE_P(EachMap, RefusedConfigMapTest,
-                         ::testing::Values(Refusal{0, How::kLocked}, Refusal{1, How::kLocked},
-                                           Refusal{2, How::kLocked}, Refusal{3, How::kLocked},
-                                           Refusal{0, How::kFrozen}, Refusal{1, How::kFrozen},
-                                           Refusal{2, How::kFrozen}, Refusal{3, How::kFrozen},
-                                           Refusal{0, How::kMissing}, Refusal{1, How::kMissing},
-                                           Refusal{2, How::kMissing}, Refusal{3, How::kMissing}));
-
-TEST_F(TrackingStartTest, SupportCheckOpensTheProgramsInOrderAndStopsAtTheFirstMissing) {
-  // Opening a pin refreshes its access time: zero means "not opened since it was reset".
-  const auto opened = [](const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && st.st_atime != 0;
-  };
-  const auto& tps = objectTracepoints();
-  for (size_t missing = 0; missing < tps.size(); ++missing) {
-    SCOPED_TRACE("missing " + tps[missing].event);
-    unpinProgram(tps[missing]);
-    const struct timespec epoch[2] = {{0, 0}, {0, 0}};
-    for (const auto& tp : tps) utimensat(AT_FDCWD, programPinPath(tp).c_str(), epoch, 0);
-
-    EXPECT_FALSE(isTrackingCpuFreqTimeSupported());
-    for (size_t i = 0; i < tps.size(); ++i) {
-      if (i == missing) continue;
-      EXPECT_EQ(opened(programPinPath(tps[i])), i < missing) << tps[i].event;
-    }
-    ASSERT_EQ(pinProgram(tps[missing]), "");
-  }
-  const size_t fds = openDescriptorCount();
-  for (int i = 0; i < 100; ++i) EXPECT_TRUE(isTrackingCpuFreqTimeSupported());
-  unpinProgram(tps.back());
-  for (int i = 0; i < 100; ++i) EXPECT_FALSE(isTrackingCpuFreqTimeSupported());
-  EXPECT_EQ(openDescriptorCount(), fds);
-  EXPECT_TRUE(log_.lines().empty()) << "the check logs nothing of its own";
-}
-
-TEST_F(TrackingStartTest, SupportCheckIsFalseWhenTheLibraryCannotInitialise) {
-  maps_.unpin(MapId::ClearTime);
-  EXPECT_FALSE(isTrackingCpuFreqTimeSupported());
-  EXPECT_EQ(log_.count("Failed to open bpf map"), 1u);
-}
+                         ::testing::Combine(::testing::Range<size_t>(0, std::size(kConfigMaps)),
+                                            ::testing::Values(kLocked, kFrozen, kMissing)),
+                         [](const auto& info) {
+                           const char* how[] = {"locked", "frozen", "missing"};
+                           return how[std::get<1>(info.param)] + std::string("_") +
+                                  catalogue(kConfigMaps[std::get<0>(info.param)]).name;
+                         });
 
 }  // namespace
 }  // namespace com::zelkora
