@@ -1,5 +1,7 @@
 // startTrackingCpuFreqTime and isTrackingCpuFreqTimeSupported against real maps, real pinned
 // programs and real tracepoints.
+#include <unistd.h>
+
 #include <map>
 #include <tuple>
 
