@@ -75,6 +75,7 @@ TEST_F(AccountingTest, ResetsRemoveExactlyTheirEntriesSilently) {
   // The process map is full: a reset that created an absent entry would fail with E2BIG.
   MapDef full = catalogue(MapId::ProcessTime);
   full.maxEntries = 3;
+  maps_.unpin(MapId::ProcessTime);
   ASSERT_EQ(maps_.pin(MapId::ProcessTime, &full), "");
   for (uint64_t flag : {0, 1}) {
     putTis(MapId::ProcessTime, processKey("a", flag));
@@ -112,6 +113,20 @@ TEST_F(AccountingTest, ResetsRemoveExactlyTheirEntriesSilently) {
   EXPECT_TRUE(has(MapId::ProcessTime, "a", 1));
   EXPECT_FALSE(clearTotalCpuTime());
   EXPECT_EQ(keys(MapId::TotalTime), 1u);
+}
+
+TEST_F(AccountingTest, SingleEntryResetZeroesTheEntryBeforeItDeletesIt) {
+  // A per-CPU array takes writes but refuses deletes (EINVAL): the zeros stay, the reset fails.
+  MapDef array = catalogue(MapId::TotalTime);
+  array.type = BPF_MAP_TYPE_PERCPU_ARRAY;
+  array.maxEntries = 1;
+  maps_.unpin(MapId::TotalTime);
+  ASSERT_EQ(maps_.pin(MapId::TotalTime, &array), "");
+  PerCpuValue value = perCpuValue();
+  value[0].slot[0] = 5;
+  ASSERT_TRUE(update(maps_.fd(MapId::TotalTime), &kZero, value.data()));
+  EXPECT_FALSE(clearTotalCpuTime());
+  EXPECT_EQ(getTotalCpuFreqTimes(), (TimeInStateVector{{0}}));
 }
 
 // Each reading is gPassLength after the previous one.
