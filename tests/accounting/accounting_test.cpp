@@ -15,6 +15,12 @@
 #include "library_test.h"
 
 namespace com::zelkora {
+
+// For comparing whole tables: argument-dependent lookup finds it in the key's namespace.
+bool operator==(const process_key_char_t& a, const process_key_char_t& b) {
+  return a.comm == b.comm && a.flag == b.flag;
+}
+
 namespace {
 
 using namespace zelk::testbed;
