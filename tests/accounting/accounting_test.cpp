@@ -81,7 +81,6 @@ TEST_F(AccountingTest, ResetsRemoveExactlyTheirEntriesSilently) {
   // The process map is full: a reset that created an absent entry would fail with E2BIG.
   MapDef full = catalogue(MapId::ProcessTime);
   full.maxEntries = 3;
-  maps_.unpin(MapId::ProcessTime);
   ASSERT_EQ(maps_.pin(MapId::ProcessTime, &full), "");
   for (uint64_t flag : {0, 1}) {
     putTis(MapId::ProcessTime, processKey("a", flag));
@@ -126,7 +125,6 @@ TEST_F(AccountingTest, SingleEntryResetZeroesTheEntryBeforeItDeletesIt) {
   MapDef array = catalogue(MapId::TotalTime);
   array.type = BPF_MAP_TYPE_PERCPU_ARRAY;
   array.maxEntries = 1;
-  maps_.unpin(MapId::TotalTime);
   ASSERT_EQ(maps_.pin(MapId::TotalTime, &array), "");
   PerCpuValue value = perCpuValue();
   value[0].slot[0] = 5;

@@ -97,7 +97,6 @@ TEST_P(RefusedMapTest, EachAttemptLogsOneErrorWithThePathUntilTheRightMapIsPinne
     EXPECT_EQ(withoutLine(line.text), "[initGlobals:N] " + error);
   }
 
-  unlink(path.c_str());
   ASSERT_EQ(maps_.pin(refusal.id), "");
   EXPECT_EQ(getCpuFreqs(), (Table{{100, 200}, {300}})) << "each policy once after the retry";
   EXPECT_EQ(gRelatedCpus, (Table{{0}, {1}}));

@@ -55,6 +55,7 @@ std::string Maps::create() {
 
 std::string Maps::pin(MapId id, const MapDef* def) {
   if (def == nullptr) def = &catalogue(id);
+  unpin(id);
   const int fd =
       bpf_map_create(def->type, def->name, def->keySize, def->valueSize, def->maxEntries, nullptr);
   if (fd < 0) return failure(std::string("creating ") + def->name);

@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <map>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -30,15 +29,14 @@ enum class MapId {
   CpuPolicy,
   FreqToIdx,
   CpuLastUpdate,
-  PolicyFreqIdx,
+  PolicyFreqIdx
 };
 inline constexpr size_t kLibraryMapCount = 9;
-inline constexpr MapId kAllMaps[] = {
-    MapId::ProcessTime,   MapId::KthreadTime,  MapId::TotalTime, MapId::TopTime,
-    MapId::BgTime,        MapId::PidAdjUpdate, MapId::ClearTime, MapId::PidAdj,
-    MapId::PidComm,       MapId::CpuPolicy,    MapId::FreqToIdx, MapId::CpuLastUpdate,
-    MapId::PolicyFreqIdx,
-};
+inline constexpr MapId kAllMaps[] = {MapId::ProcessTime,  MapId::KthreadTime, MapId::TotalTime,
+                                     MapId::TopTime,      MapId::BgTime,      MapId::PidAdjUpdate,
+                                     MapId::ClearTime,    MapId::PidAdj,      MapId::PidComm,
+                                     MapId::CpuPolicy,    MapId::FreqToIdx,   MapId::CpuLastUpdate,
+                                     MapId::PolicyFreqIdx};
 
 struct MapDef {
   const char* name;
@@ -50,14 +48,13 @@ struct MapDef {
 
 const MapDef& catalogue(MapId id);
 std::string pinPath(MapId id);
-// For gtest: a map by its name.
-inline void PrintTo(MapId id, std::ostream* out) { *out << catalogue(id).name; }
 
 class Maps {
  public:
   // Creates and pins every map; "" on success, else what failed.
   std::string create();
-  // Creates and pins one map (the catalogue's, or `def`), replacing the one held for `id`.
+  // Creates and pins one map (the catalogue's, or `def`), replacing the one held for `id` and its
+  // pin.
   std::string pin(MapId id, const MapDef* def = nullptr);
   // Removes a map's pin; the map lives on while fd(id) is open.
   void unpin(MapId id);
