@@ -3,6 +3,7 @@
 // started through the library; and what scripted children do.
 #pragma once
 
+#include <android-base/file.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -40,9 +41,7 @@ class TrackingTest : public KernelTest {
     loader::LoadOptions options;
     std::string bytes;
     if (objectFile() != nullptr) {
-      std::ifstream file(objectFile(), std::ios::binary);
-      bytes.assign(std::istreambuf_iterator<char>(file), {});
-      ASSERT_FALSE(bytes.empty()) << objectFile();
+      ASSERT_TRUE(android::base::ReadFileToString(objectFile(), &bytes)) << objectFile();
       options.object = {bytes.data(), bytes.size()};
     }
     const loader::Outcome outcome = loader::load(options);

@@ -65,16 +65,14 @@ TEST_F(PidSeedingTest, WritesWhatEachEntryHoldsOnceAndReportsWhatItCannotRead) {
     EXPECT_TRUE(!adj || android::base::WriteStringToFile(adj, dir + "/oom_score_adj"));
   };
   addProcess("100", "fifteen_chars_x\n", "-1000\n");
-  addProcess("101", "nonl", "0");       // no newline at the end of either file
-  addProcess("102", "", "7\n");         // an empty name is written as 16 zero bytes
-  addProcess("105", "c\n", "40000\n");  // kept to 16 bits
-  addProcess("007", "zeros\n", "3\n");  // paths come from the name, the key from stoi
-  addProcess("103", "a\n", "");         // no adj: nothing written
-  addProcess("104", "b\n", "x\n");      // not a number: nothing written
-  addProcess("106", "d\n", nullptr);    // adj file missing
-  addProcess("-12", nullptr, nullptr);  // a number, but no files
-  addProcess("-", "dash\n", "1\n");     // not numbers: never parsed
-  addProcess("1a", "letters\n", "1\n");
+  addProcess("101", "nonl", "0");              // no newline at the end of either file
+  addProcess("102", "", "7\n");                // an empty name is written as 16 zero bytes
+  addProcess("105", "c\n", "40000\n");         // kept to 16 bits
+  addProcess("007", "zeros\n", "3\n");         // paths come from the name, the key from stoi
+  addProcess("104", "b\n", "x\n");             // not a number: nothing written
+  addProcess("106", "d\n", nullptr);           // adj file missing
+  addProcess("-12", nullptr, nullptr);         // a number, but no files
+  addProcess("-", "dash\n", "1\n");            // not numbers: never parsed
   addProcess("99999999999", "huge\n", "1\n");  // beyond int
   addProcess("107", "e\n", "99999999999\n");
   addProcess("108", "old\n", "1\n");  // has an entry already, in the map written last
