@@ -22,19 +22,16 @@ namespace {
 // Root inside the namespace is the caller's own uid outside it, the one mapping that needs no
 // privilege in the parent namespace.
 bool enterUserNamespace(int out) {
-  const std::string uid = std::to_string(getuid());
-  const std::string gid = std::to_string(getgid());
-  if (unshare(CLONE_NEWUSER) != 0) {
-    writeAll(out, std::string("unshare(CLONE_NEWUSER): ") + strerror(errno) + "\n");
-    return false;
+  const std::string uid = "0 " + std::to_string(getuid()) + " 1";
+  const std::string gid = "0 " + std::to_string(getgid()) + " 1";
+  if (unshare(CLONE_NEWUSER) == 0 &&
+      android::base::WriteStringToFile("deny", "/proc/self/setgroups") &&
+      android::base::WriteStringToFile(uid, "/proc/self/uid_map") &&
+      android::base::WriteStringToFile(gid, "/proc/self/gid_map")) {
+    return true;
   }
-  if (!android::base::WriteStringToFile("deny", "/proc/self/setgroups") ||
-      !android::base::WriteStringToFile("0 " + uid + " 1", "/proc/self/uid_map") ||
-      !android::base::WriteStringToFile("0 " + gid + " 1", "/proc/self/gid_map")) {
-    writeAll(out, std::string("writing the id maps: ") + strerror(errno) + "\n");
-    return false;
-  }
-  return true;
+  writeAll(out, std::string("entering a user namespace: ") + strerror(errno) + "\n");
+  return false;
 }
 
 }  // namespace
