@@ -12,7 +12,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <thread>
+#include <vector>
 
 #include "child_process.h"
 #include "namespace.h"
@@ -73,9 +76,8 @@ TEST(PressureMonitorTest, WithoutCapSysResourceTheTriggerIsRefusedAndTheMonitorE
                               "closed\n");
 }
 
-// In a child that is root of its own user namespace, so that the kernel takes the trigger; the
-// first event may take long to come on a quiet machine, a signal ends the wait at once.
-TEST(PressureMonitorTest, RegistersTheTriggerAndEndsWhenAPollIsInterrupted) {
+// In a child that is root of its own user namespace, so that the kernel takes the trigger.
+TEST(PressureMonitorTest, ReportsEachCrossingOfRealPressureUntilAnInterruptedPollEndsIt) {
   if (!kChildCanEnterUserNamespace) GTEST_SKIP() << "forked children have two threads here";
   const auto child = runInChild(
       [](int out) {
@@ -85,6 +87,20 @@ TEST(PressureMonitorTest, RegistersTheTriggerAndEndsWhenAPollIsInterrupted) {
         LogCapture log;
         const size_t fds = openDescriptorCount();
         std::thread monitor(doPollPsi);
+        waitUntil([&] { return log.count("Trigger:") > 0; }, 5s);
+        {  // more spinning threads than CPUs, until two events show that the wait resumes
+          std::atomic<bool> stop{false};
+          std::vector<std::thread> spinners(3 * std::max(1u, std::thread::hardware_concurrency()));
+          for (auto& spinner : spinners) {
+            spinner = std::thread([&] {
+              while (!stop.load(std::memory_order_relaxed)) {
+              }
+            });
+          }
+          waitUntil([&] { return log.count("psi is high") >= 2 || log.count("Failed") > 0; }, 30s);
+          stop = true;
+          for (auto& spinner : spinners) spinner.join();
+        }
         // A signal that lands while the monitor is not in poll is lost; send until one is not.
         waitUntil(
             [&] {
@@ -101,8 +117,11 @@ TEST(PressureMonitorTest, RegistersTheTriggerAndEndsWhenAPollIsInterrupted) {
     ZELK_SKIP_OR_FAIL("no user namespace for the pressure trigger: " + child.output);
   }
   ASSERT_EQ(child.status, 0) << "the child failed: " << child.output;
-  // Pressure events in between are debug lines (priority 3).
   EXPECT_TRUE(StartsWith(child.output, kTriggerLine)) << child.output;
+  const std::string high = "\n3 [doPollPsi:N] cpu psi is high, 500ms at 1s window\n";
+  const size_t first = child.output.find(high);
+  ASSERT_NE(first, std::string::npos) << child.output;
+  EXPECT_NE(child.output.find(high, first + 1), std::string::npos) << "a second event";
   const std::string end =
       "\n6 [doPollPsi:N] Failed to poll, reason: Interrupted system call.\nclosed\n";
   EXPECT_TRUE(EndsWith(child.output, end)) << child.output;
