@@ -1,8 +1,11 @@
 // Long-lived callers under load: every function at once, thousands of times, while a writer fills
-// the maps as the kernel object would; failing calls repeated.
+// the maps as the kernel object would; failing calls repeated; two processes starting at once.
 // Results keep their shape, resets succeed, the process keeps exactly the descriptors it held
 // (and, under the sanitizers, leaks and races nothing).
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -176,6 +179,61 @@ TEST(RwLockTest, AWaitingWriterHoldsBackNewReaders) {
   writer.join();
   reader.join();
   EXPECT_TRUE(readAgain);
+}
+
+// Not the library fixture: the fork comes before this process starts any thread, because under
+// ThreadSanitizer a child forked after that cannot start the library's thread.
+class ConcurrentStartTest : public KernelTest {
+ protected:
+  NamespaceOptions namespaceOptions() const override { return {.tracefs = true}; }
+};
+
+TEST_F(ConcurrentStartTest, SecondProcessFailsAtTheWriteLockWhileTheFirstConfigures) {
+  Maps maps;
+  ASSERT_EQ(maps.create(), "");
+  ASSERT_EQ(pinPrograms(), "");
+  addMachinePolicy({100, 200});
+  // The first process reads the current frequency while it holds all four locks; a FIFO holds it
+  // there until the second process has tried.
+  const std::string curFreq = "/sys/devices/system/cpu/cpufreq/policy0/scaling_cur_freq";
+  ASSERT_EQ(unlink(curFreq.c_str()), 0);
+  ASSERT_EQ(mkfifo(curFreq.c_str(), 0600), 0);
+  int release[2];
+  ASSERT_EQ(pipe2(release, O_CLOEXEC), 0);
+  const pid_t first = fork();
+  ASSERT_GE(first, 0);
+  if (first == 0) {
+    const bool started = startTrackingCpuFreqTime();
+    char byte;  // keeps the programs attached until the test is done with the second process
+    (void)!read(release[0], &byte, 1);
+    _exit(started ? 0 : 1);
+  }
+  // The first process is in the FIFO's open once a writer can open it without blocking.
+  int fifo = -1;
+  ASSERT_TRUE(waitUntil(
+      [&] { return (fifo = open(curFreq.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }, 10s));
+
+  LogCapture log;
+  BackgroundThreads threads;
+  ASSERT_TRUE(getCpuFreqs().has_value());  // the nine maps this process keeps open
+  const size_t fds = openDescriptorCount();
+  EXPECT_FALSE(startTrackingCpuFreqTime());
+  EXPECT_TRUE(log.lines().empty()) << "a lock held elsewhere fails silently";
+  EXPECT_EQ(threads.running(), 0u) << "no thread for a start that did not configure";
+  EXPECT_EQ(openDescriptorCount(), fds);
+
+  ASSERT_EQ(write(fifo, "100\n", 4), 4);
+  close(fifo);
+  ASSERT_EQ(write(release[1], "x", 1), 1);
+  int status = 0;
+  ASSERT_EQ(waitpid(first, &status, 0), first);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the first process configured";
+
+  // Its attachments went with it; the frequency file is a plain file again.
+  unlink(curFreq.c_str());
+  writeCpufreqFile("policy0/scaling_cur_freq", "200\n");
+  EXPECT_TRUE(startTrackingCpuFreqTime());
+  EXPECT_TRUE(threads.ended(log));
 }
 
 }  // namespace
