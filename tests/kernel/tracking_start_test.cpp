@@ -1,8 +1,10 @@
 // startTrackingCpuFreqTime and isTrackingCpuFreqTimeSupported against real maps, real pinned
 // programs and real tracepoints.
+#include <android-base/file.h>
 #include <unistd.h>
 
 #include <map>
+#include <string>
 #include <tuple>
 
 #include "core/map_records.h"
@@ -98,8 +100,16 @@ TEST_F(TrackingStartTest, WritesTheLayoutKeyByKeyAttachesEveryProgramAndStartsOn
   }
 
   ASSERT_TRUE(threads_.ended(log_));
+  // This process on the real /proc: its adj, and its 15-character name cut to 14.
   const auto seeded = entries<int32_t, int16_t>(fd(MapId::PidAdj));
-  EXPECT_EQ(seeded.count(getpid()), 1u) << "the pass seeded this process";
+  ASSERT_EQ(seeded.count(getpid()), 1u) << "the pass seeded this process";
+  std::string adj, comm;
+  ASSERT_TRUE(android::base::ReadFileToString("/proc/self/oom_score_adj", &adj));
+  ASSERT_TRUE(android::base::ReadFileToString("/proc/self/comm", &comm));
+  EXPECT_EQ(seeded.at(getpid()), std::stoi(adj));
+  ASSERT_EQ(comm, "tracking_start_\n");
+  const auto names = entries<int32_t, process_info_t>(fd(MapId::PidComm));
+  EXPECT_EQ(std::string(names.at(getpid()).comm, 16), std::string("tracking_start\0\0", 16));
 
   // A second start writes, attaches and logs nothing: undo what the first wrote, unpin the
   // programs.
