@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "options.h"
 
@@ -23,6 +24,9 @@ int runDemo(const Options& options);
 int fail(const std::string& message);
 // Prints "zelkcputime: <message>" and a hint at --help to stderr and returns kExitUsage.
 int usageError(const std::string& message);
+// Checks "COMMAND VIEW [NAME]" for show and reset: VIEW one of `views`, a NAME after "process"
+// and "kthread" only, --flag after "process" only. Returns the usage message, "" when well formed.
+std::string checkViewWords(const Options& options, const std::vector<std::string>& views);
 // Writes `text` to stdout.
 void printOut(const std::string& text);
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 
 #include "commands.h"
@@ -13,6 +14,25 @@ int fail(const std::string& message) {
 int usageError(const std::string& message) {
   fprintf(stderr, "zelkcputime: %s\nTry `zelkcputime --help`.\n", message.c_str());
   return kExitUsage;
+}
+
+std::string checkViewWords(const Options& options, const std::vector<std::string>& views) {
+  const std::vector<std::string>& words = options.words;
+  const std::string& command = words[0];
+  const std::string view = words.size() > 1 ? words[1] : "";
+  const auto isNamed = [](const std::string& v) { return v == "process" || v == "kthread"; };
+  if (std::find(views.begin(), views.end(), view) == views.end()) {
+    std::string all;
+    for (const std::string& v : views)
+      all += (all.empty() ? "" : ", ") + v + (isNamed(v) ? " NAME" : "");
+    return command + " takes one of " + all;
+  }
+  const bool named = isNamed(view);
+  if (words.size() != (named ? 3u : 2u)) {
+    return command + " " + view + (named ? " takes one NAME" : " takes no NAME");
+  }
+  if (options.flag && view != "process") return "--flag applies to " + command + " process";
+  return "";
 }
 
 void printOut(const std::string& text) { fwrite(text.data(), 1, text.size(), stdout); }

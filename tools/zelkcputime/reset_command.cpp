@@ -9,20 +9,10 @@ namespace zelk::cli {
 int runReset(const Options& options) {
   namespace lib = com::zelkora;
   const std::vector<std::string>& words = options.words;
-  const std::string what = words.size() > 1 ? words[1] : "";
-  const bool named = what == "process" || what == "kthread";
-  const bool whole =
-      what == "processes" || what == "kthreads" || what == "total" || what == "topbg";
-  if (!named && !whole) {
-    return usageError(
-        "reset takes one of processes, kthreads, process NAME, kthread NAME, total, "
-        "topbg");
-  }
-  if (words.size() != (named ? 3u : 2u)) {
-    return usageError(named ? "reset " + what + " takes one NAME"
-                            : "reset " + what + " takes no NAME");
-  }
-  if (options.flag && what != "process") return usageError("--flag applies to reset process");
+  const std::string usage =
+      checkViewWords(options, {"processes", "kthreads", "process", "kthread", "total", "topbg"});
+  if (!usage.empty()) return usageError(usage);
+  const std::string& what = words[1];
   if (std::string message = checkReady(); !message.empty()) return fail(message);
 
   bool done = false;

@@ -1,5 +1,4 @@
 // show: every number comes from one of the library's queries.
-#include <algorithm>
 #include <functional>
 
 #include "commands.h"
@@ -122,21 +121,10 @@ int showClassTimes(const Request& r, bool top) {
 }  // namespace
 
 int runShow(const Options& options) {
-  const std::vector<std::string>& words = options.words;
-  const std::string view = words.size() > 1 ? words[1] : "";
-  const bool named = view == "process" || view == "kthread";
-  static const char* const kViews[] = {"total",   "processes", "kthreads", "process",
-                                       "kthread", "top",       "bg",       "freqs"};
-  if (std::find(std::begin(kViews), std::end(kViews), view) == std::end(kViews)) {
-    return usageError(
-        "show takes one of total, processes, kthreads, process NAME, kthread NAME, "
-        "top, bg, freqs");
-  }
-  if (words.size() != (named ? 3u : 2u)) {
-    return usageError(named ? "show " + view + " takes one NAME"
-                            : "show " + view + " takes no NAME");
-  }
-  if (options.flag && view != "process") return usageError("--flag applies to show process");
+  const std::string usage = checkViewWords(
+      options, {"total", "processes", "kthreads", "process", "kthread", "top", "bg", "freqs"});
+  if (!usage.empty()) return usageError(usage);
+  const std::string& view = options.words[1];
   if (std::string message = checkReady(); !message.empty()) return fail(message);
 
   const auto freqs = lib::getCpuFreqs();
@@ -146,7 +134,9 @@ int runShow(const Options& options) {
   if (view == "freqs") return showFreqs(request);
   if (view == "total") return showTotal(request);
   if (view == "processes" || view == "kthreads") return showTable(request, view == "kthreads");
-  if (named) return showTask(request, view == "kthread", words[2]);
+  if (view == "process" || view == "kthread") {
+    return showTask(request, view == "kthread", options.words[2]);
+  }
   return showClassTimes(request, view == "top");
 }
 
