@@ -8,6 +8,7 @@ namespace zelk::bench {
 namespace {
 
 using com::zelkora::adj_value_t;
+using com::zelkora::isTopAdj;
 using com::zelkora::mapDeleteElem;
 using com::zelkora::mapGetNextKey;
 using com::zelkora::mapLookupElem;
@@ -16,12 +17,6 @@ using com::zelkora::process_info_t;
 using com::zelkora::process_key_t;
 using com::zelkora::task_name_value_t;
 using com::zelkora::time_value_t;
-
-// The class rule of the query: the floor must make the same third lookup for the same pids.
-bool isTopAdj(adj_value_t adj) {
-  const auto value = static_cast<uint16_t>(adj);
-  return value == 0xFCE0 || value <= 199;
-}
 
 }  // namespace
 

@@ -6,7 +6,7 @@
  * the library drains these maps; pids are keyed per process, not per thread. */
 #pragma once
 
-#include "records.bpf.h"
+#include "records.h"
 
 #define ZELK_NAME_ENTRIES 4096    /* process names x two classes, top and background names */
 #define ZELK_KTHREAD_ENTRIES 2048 /* kernel threads: a few names per CPU plus IRQ threads */
@@ -32,7 +32,7 @@ struct {
 struct {
   __uint(type, BPF_MAP_TYPE_PERCPU_HASH);
   __uint(max_entries, 1);
-  __type(key, __u32);
+  __type(key, zelk_zero_key);
   __type(value, struct zelk_time_in_state);
 } total_cpu_time_in_state_map SEC(".maps");
 
@@ -40,42 +40,42 @@ struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, ZELK_NAME_ENTRIES);
   __type(key, struct zelk_task_name);
-  __type(value, __u64);
+  __type(value, zelk_time_value);
 } comm_to_toptime_map SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, ZELK_NAME_ENTRIES);
   __type(key, struct zelk_task_name);
-  __type(value, __u64);
+  __type(value, zelk_time_value);
 } comm_to_bgtime_map SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, ZELK_PID_ENTRIES);
-  __type(key, __u32);
-  __type(value, __u64);
+  __type(key, zelk_pid_key);
+  __type(value, zelk_time_value);
 } pid_to_adj_last_update_map SEC(".maps");
 
 /* A hash, not an array: a missing entry tells the library that no clear time was recorded. */
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, 1);
-  __type(key, __u32);
-  __type(value, __u64);
+  __type(key, zelk_zero_key);
+  __type(value, zelk_time_value);
 } clear_time_map SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, ZELK_PID_ENTRIES);
-  __type(key, __u32);
-  __type(value, __s16);
+  __type(key, zelk_pid_key);
+  __type(value, zelk_adj_value);
 } pid_to_adj_map SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, ZELK_PID_ENTRIES);
-  __type(key, __u32);
+  __type(key, zelk_pid_key);
   __type(value, struct zelk_task_name);
 } pid_to_comm_map SEC(".maps");
 
@@ -84,22 +84,22 @@ struct {
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, ZELK_CPU_ENTRIES);
-  __type(key, __u32);
-  __type(value, __u32);
+  __type(key, zelk_cpu_key);
+  __type(value, zelk_policy_ordinal);
 } cpu_policy_map SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
   __uint(max_entries, ZELK_FREQ_ENTRIES);
   __type(key, struct zelk_freq_key);
-  __type(value, __u32);
+  __type(value, zelk_freq_index);
 } freq_to_idx_map SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
   __uint(max_entries, 1);
-  __type(key, __u32);
-  __type(value, __u64);
+  __type(key, zelk_zero_key);
+  __type(value, zelk_time_value);
 } cpu_last_update_map SEC(".maps");
 
 /* An array, read at every switch: a lookup costs a bounds check, where a hash lookup cost about
@@ -107,6 +107,6 @@ struct {
 struct {
   __uint(type, BPF_MAP_TYPE_ARRAY);
   __uint(max_entries, ZELK_CPU_ENTRIES);
-  __type(key, __u32);
-  __type(value, __u32);
+  __type(key, zelk_policy_ordinal);
+  __type(value, zelk_freq_index);
 } policy_freq_idx_map SEC(".maps");

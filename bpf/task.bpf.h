@@ -2,15 +2,10 @@
  * are relocated at load time. */
 #pragma once
 
-#include "records.bpf.h"
+#include "records.h"
 
 /* Unchanged since Linux 2.6. */
 #define ZELK_PF_KTHREAD 0x00200000
-
-/* The library's class rule: foreground is -800 and 0 to 199, everything else background. */
-static __always_inline bool zelk_is_foreground(short adj) {
-  return adj == -800 || (adj >= 0 && adj <= 199);
-}
 
 static __always_inline bool zelk_is_kthread(struct task_struct* task) {
   return BPF_CORE_READ(task, flags) & ZELK_PF_KTHREAD;

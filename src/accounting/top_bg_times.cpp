@@ -15,16 +15,6 @@ namespace com {
 namespace zelkora {
 namespace {
 
-// oom_score_adj classes: -800 (the top app, 0xFCE0 unsigned) and 0 to 199 are foreground;
-// everything else, other negative values included, is background.
-constexpr uint16_t kTopAppAdj = 0xFCE0;
-constexpr uint16_t kLastForegroundAdj = 199;
-
-bool isTopAdj(adj_value_t adj) {
-  const auto value = static_cast<uint16_t>(adj);
-  return value == kTopAppAdj || value <= kLastForegroundAdj;
-}
-
 // The running period of the live tasks of the class, counted from the later of their last class
 // change and the last clear. False when the query must fail; a pid walk that breaks off after
 // its first pid just ends here.

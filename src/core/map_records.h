@@ -1,58 +1,34 @@
-// Records of the maps of the kernel object zelkCputimeInState. The kernel copies exactly its own
-// key and value sizes, so these layouts are the contract with that object: any change here must
-// be made there too.
+// The library's names for the records of the kernel object zelkCputimeInState, whose layouts are
+// written once, in the header that the object itself includes.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
+#include "../../bpf/records.h"
+
 namespace com {
 namespace zelkora {
 
-inline constexpr size_t kCommLen = 16;
+inline constexpr size_t kCommLen = ZELK_COMM_LEN;
+inline constexpr size_t kFreqSlots = ZELK_FREQ_SLOTS;
 
-// Key of the process and kernel-thread time-in-state maps.
-struct process_key_t {
-  char comm[kCommLen];  // NUL-terminated and zero-padded when shorter than 16 bytes
-  uint64_t flag;        // 0 or 1
-};
+using process_key_t = zelk_process_key;            // process and kernel-thread maps
+using process_info_t = zelk_task_name;             // top and background maps
+using time_in_state_block_t = zelk_time_in_state;  // one possible CPU's block of a value
+using freq_key_t = zelk_freq_key;                  // freq_to_idx_map
 
-// Key of the top and background time maps.
-struct process_info_t {
-  char comm[kCommLen];
-};
+using pid_key_t = zelk_pid_key;                // pid_to_* maps
+using adj_value_t = zelk_adj_value;            // pid_to_adj_map
+using time_value_t = zelk_time_value;          // nanoseconds on CLOCK_MONOTONIC
+using cpu_key_t = zelk_cpu_key;                // cpu_policy_map
+using policy_ordinal_t = zelk_policy_ordinal;  // cpu_policy_map value, policy_freq_idx_map key
+using freq_index_t = zelk_freq_index;          // 1-based
+using zero_key_t = zelk_zero_key;              // total, clear_time and cpu_last_update maps
+using task_name_value_t = process_info_t;      // pid_to_comm_map value
 
-// Value of the time-in-state maps, one block per possible CPU: slot j is the time spent at the
-// policy's j-th frequency (from 0). The kernel numbers frequencies from 1, so slot j is index j+1.
-inline constexpr size_t kFreqSlots = 32;
-struct time_in_state_block_t {
-  uint64_t slot[kFreqSlots];
-};
-
-// Key of freq_to_idx_map.
-struct freq_key_t {
-  uint32_t policy;
-  uint32_t freq;  // kHz
-};
-
-using pid_key_t = int32_t;                 // pid_to_* maps
-using adj_value_t = int16_t;               // pid_to_adj_map
-using time_value_t = uint64_t;             // nanoseconds on CLOCK_MONOTONIC
-using cpu_key_t = uint32_t;                // cpu_policy_map
-using policy_ordinal_t = uint32_t;         // cpu_policy_map value, policy_freq_idx_map key
-using freq_index_t = uint32_t;             // 1-based
-using zero_key_t = uint32_t;               // total, clear_time and cpu_last_update maps
-using task_name_value_t = process_info_t;  // pid_to_comm_map value
-
-static_assert(sizeof(process_key_t) == 24 && offsetof(process_key_t, comm) == 0 &&
-              offsetof(process_key_t, flag) == 16);
-static_assert(sizeof(process_info_t) == 16 && offsetof(process_info_t, comm) == 0);
-static_assert(sizeof(time_in_state_block_t) == 256);
-static_assert(sizeof(freq_key_t) == 8 && offsetof(freq_key_t, policy) == 0 &&
-              offsetof(freq_key_t, freq) == 4);
-static_assert(sizeof(pid_key_t) == 4 && sizeof(adj_value_t) == 2 && sizeof(time_value_t) == 8);
-static_assert(sizeof(cpu_key_t) == 4 && sizeof(policy_ordinal_t) == 4 &&
-              sizeof(freq_index_t) == 4 && sizeof(zero_key_t) == 4);
+// The foreground class of an adj value, as the kernel object applies it.
+inline bool isTopAdj(adj_value_t adj) { return zelk_is_foreground(adj) != 0; }
 
 #define ZELK_OBJECT_NAME "zelkCputimeInState"
 #define ZELK_MAP_PATH(name) "/sys/fs/bpf/map_" ZELK_OBJECT_NAME "_" name

@@ -11,13 +11,14 @@
 #include "kernel/bpf_lock.h"
 #include "library_test.h"
 
-namespace com::zelkora {
-
-// For maps keyed by freq_key_t: argument-dependent lookup finds these in the key's namespace.
-bool operator<(const freq_key_t& a, const freq_key_t& b) {
+// For maps keyed by the frequency record: argument-dependent lookup finds these in the record's
+// namespace, the global one, since the record is the kernel object's C struct.
+bool operator<(const zelk_freq_key& a, const zelk_freq_key& b) {
   return std::tie(a.policy, a.freq) < std::tie(b.policy, b.freq);
 }
-bool operator==(const freq_key_t& a, const freq_key_t& b) { return !(a < b) && !(b < a); }
+bool operator==(const zelk_freq_key& a, const zelk_freq_key& b) { return !(a < b) && !(b < a); }
+
+namespace com::zelkora {
 
 namespace {
 

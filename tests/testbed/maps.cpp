@@ -14,25 +14,29 @@ namespace {
 
 constexpr uint32_t kTis = 16384;
 constexpr uint32_t kPids = 32768;
-constexpr uint32_t kKey = sizeof(com::zelkora::process_key_t);
-constexpr uint32_t kName = sizeof(com::zelkora::process_info_t);
-constexpr uint32_t kBlock = sizeof(com::zelkora::time_in_state_block_t);
+constexpr uint32_t kKey = sizeof(zelk_process_key);
+constexpr uint32_t kName = sizeof(zelk_task_name);
+constexpr uint32_t kBlock = sizeof(zelk_time_in_state);
+constexpr uint32_t kPid = sizeof(zelk_pid_key);
+constexpr uint32_t kTime = sizeof(zelk_time_value);
+constexpr uint32_t kZero = sizeof(zelk_zero_key);
 
 // In the order of MapId.
 constexpr MapDef kDefinitions[] = {
     {"process_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, kKey, kBlock, kTis},
     {"kthread_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, kKey, kBlock, kTis},
-    {"total_cpu_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, 4, kBlock, 16},
-    {"comm_to_toptime_map", BPF_MAP_TYPE_HASH, kName, 8, kTis},
-    {"comm_to_bgtime_map", BPF_MAP_TYPE_HASH, kName, 8, kTis},
-    {"pid_to_adj_last_update_map", BPF_MAP_TYPE_HASH, 4, 8, kPids},
-    {"clear_time_map", BPF_MAP_TYPE_HASH, 4, 8, 1},
-    {"pid_to_adj_map", BPF_MAP_TYPE_HASH, 4, 2, kPids},
-    {"pid_to_comm_map", BPF_MAP_TYPE_HASH, 4, 16, kPids},
-    {"cpu_policy_map", BPF_MAP_TYPE_HASH, 4, 4, 1024},
-    {"freq_to_idx_map", BPF_MAP_TYPE_HASH, 8, 4, 4096},
-    {"cpu_last_update_map", BPF_MAP_TYPE_PERCPU_ARRAY, 4, 8, 1},
-    {"policy_freq_idx_map", BPF_MAP_TYPE_HASH, 4, 4, 1024},
+    {"total_cpu_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, kZero, kBlock, 16},
+    {"comm_to_toptime_map", BPF_MAP_TYPE_HASH, kName, kTime, kTis},
+    {"comm_to_bgtime_map", BPF_MAP_TYPE_HASH, kName, kTime, kTis},
+    {"pid_to_adj_last_update_map", BPF_MAP_TYPE_HASH, kPid, kTime, kPids},
+    {"clear_time_map", BPF_MAP_TYPE_HASH, kZero, kTime, 1},
+    {"pid_to_adj_map", BPF_MAP_TYPE_HASH, kPid, sizeof(zelk_adj_value), kPids},
+    {"pid_to_comm_map", BPF_MAP_TYPE_HASH, kPid, kName, kPids},
+    {"cpu_policy_map", BPF_MAP_TYPE_HASH, sizeof(zelk_cpu_key), sizeof(zelk_policy_ordinal), 1024},
+    {"freq_to_idx_map", BPF_MAP_TYPE_HASH, sizeof(zelk_freq_key), sizeof(zelk_freq_index), 4096},
+    {"cpu_last_update_map", BPF_MAP_TYPE_PERCPU_ARRAY, kZero, kTime, 1},
+    {"policy_freq_idx_map", BPF_MAP_TYPE_HASH, sizeof(zelk_policy_ordinal), sizeof(zelk_freq_index),
+     1024},
 };
 
 std::string failure(const std::string& what) { return what + ": " + strerror(errno); }
@@ -41,9 +45,7 @@ std::string failure(const std::string& what) { return what + ": " + strerror(err
 
 const MapDef& catalogue(MapId id) { return kDefinitions[static_cast<size_t>(id)]; }
 
-std::string pinPath(MapId id) {
-  return std::string("/sys/fs/bpf/map_zelkCputimeInState_") + catalogue(id).name;
-}
+std::string pinPath(MapId id) { return std::string(ZELK_MAP_PATH("")) + catalogue(id).name; }
 
 std::string Maps::create() {
   for (MapId id : kAllMaps) {
