@@ -2,8 +2,6 @@
 // so that no query of this library walks a half-cleared map; single-entry resets take no lock
 // and rely on each element operation being atomic in the kernel.
 #include <cerrno>
-#include <mutex>
-#include <shared_mutex>
 #include <vector>
 
 #include "accounting/clear_map.h"
@@ -26,53 +24,63 @@ bool zeroThenDelete(int fd, const void* key) {
   return mapDeleteElem(fd, key) == 0 || errno == ENOENT;
 }
 
+// The descriptor of a map that is being cleared. Reading a guarded descriptor needs only the
+// shared side of its lock; this makes the compiler demand the exclusive side.
+const android::base::unique_fd& clearingFd(const android::base::unique_fd& fd,
+                                           [[maybe_unused]] RwLock& lock) REQUIRES(lock) {
+  return fd;
+}
+
 }  // namespace
 
 bool clearProcessTimes() {
   if (!ensureGlobals()) return false;
-  std::unique_lock<RwLock> lock(gProcessTimeLock);
-  return clearMap(gProcessTimeFd, process_key_t{}, "processMap");
+  WriterLock lock(gProcessTimeLock);
+  return clearMap(clearingFd(gProcessTimeFd, gProcessTimeLock), process_key_t{}, "processMap");
 }
 
 bool clearKthreadTimes() {
   if (!ensureGlobals()) return false;
-  std::unique_lock<RwLock> lock(gKthreadTimeLock);
-  return clearMap(gKthreadTimeFd, process_key_t{}, "kthreadMap");
+  WriterLock lock(gKthreadTimeLock);
+  return clearMap(clearingFd(gKthreadTimeFd, gKthreadTimeLock), process_key_t{}, "kthreadMap");
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the declared signature takes it by value
 bool clearTimesFromProcess(std::string name, bool flag) {
   if (!ensureGlobals()) return false;
   const process_key_t key = mapKeyFromName(name, flag);
-  return zeroThenDelete(gProcessTimeFd.get(), &key);
+  return zeroThenDelete(lockFreeFd(gProcessTimeFd).get(), &key);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the declared signature takes it by value
 bool clearTimesFromKthread(std::string name) {
   if (!ensureGlobals()) return false;
   const process_key_t key = mapKeyFromName(name, /*flag=*/true);
-  return zeroThenDelete(gKthreadTimeFd.get(), &key);
+  return zeroThenDelete(lockFreeFd(gKthreadTimeFd).get(), &key);
 }
 
 bool clearTotalCpuTime() {
   if (!ensureGlobals()) return false;
-  std::unique_lock<RwLock> lock(gTotalTimeLock);
+  WriterLock lock(gTotalTimeLock);
   // An empty map counts as cleared.
   zero_key_t key;
-  if (mapGetNextKey(gTotalTimeFd.get(), nullptr, &key) != 0) return errno == ENOENT;
-  return zeroThenDelete(gTotalTimeFd.get(), &key);
+  const int fd = clearingFd(gTotalTimeFd, gTotalTimeLock).get();
+  if (mapGetNextKey(fd, nullptr, &key) != 0) return errno == ENOENT;
+  return zeroThenDelete(fd, &key);
 }
 
 bool clearTopAndBgTimes() {
   if (!ensureGlobals()) return false;
   // Read before waiting for the lock: live periods may then start a little early, never late.
   const time_value_t now = getTimeSinceBoot();
-  std::unique_lock<RwLock> lock(gTopBgTimeLock);
+  WriterLock lock(gTopBgTimeLock);
   // Written first and kept even when a clear fails: the totals deleted before the failure are
   // gone, so live periods must count from now.
-  if (mapUpdateElem(gClearTimeFd.get(), &gTopBgClearKey, &now, BPF_ANY) != 0) return false;
-  return clearMap(gTopTimeFd, process_info_t{}, "topMap") &&
-         clearMap(gBgTimeFd, process_info_t{}, "bgMap");
+  if (mapUpdateElem(clearingFd(gClearTimeFd, gTopBgTimeLock).get(), &gTopBgClearKey, &now,
+                    BPF_ANY) != 0)
+    return false;
+  return clearMap(clearingFd(gTopTimeFd, gTopBgTimeLock), process_info_t{}, "topMap") &&
+         clearMap(clearingFd(gBgTimeFd, gTopBgTimeLock), process_info_t{}, "bgMap");
 }
 
 }  // namespace zelkora

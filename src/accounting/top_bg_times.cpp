@@ -1,8 +1,6 @@
 #include "accounting/top_bg_times.h"
 
 #include <cerrno>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 
 #include "accounting/clock.h"
@@ -18,7 +16,7 @@ namespace {
 // The running period of the live tasks of the class, counted from the later of their last class
 // change and the last clear. False when the query must fail; a pid walk that breaks off after
 // its first pid just ends here.
-bool addLivePeriods(TimeTable& table, bool isTop, uint64_t now) {
+bool addLivePeriods(TimeTable& table, bool isTop, uint64_t now) REQUIRES_SHARED(gTopBgTimeLock) {
   const int adjFd = gProAdjFd.get();
   pid_key_t pid;
   if (mapGetNextKey(adjFd, nullptr, &pid) != 0) return errno == ENOENT;
@@ -51,7 +49,7 @@ bool addLivePeriods(TimeTable& table, bool isTop, uint64_t now) {
   }
 }
 
-bool addStoredTotals(TimeTable& table, int mapFd) {
+bool addStoredTotals(TimeTable& table, int mapFd) REQUIRES_SHARED(gTopBgTimeLock) {
   process_info_t key;
   if (mapGetNextKey(mapFd, nullptr, &key) != 0) return errno == ENOENT;
   process_key_char_t taskKey{std::string(), 0};
@@ -72,16 +70,21 @@ std::optional<TimeTable> getProcessTime(const android::base::unique_fd& mapFd, b
   if (!ensureGlobals() || mapFd.get() < 0) return std::nullopt;
   TimeTable table;
   const uint64_t now = getTimeSinceBoot();
-  std::shared_lock<RwLock> lock(gTopBgTimeLock);
+  ReaderLock lock(gTopBgTimeLock);
   if (!addLivePeriods(table, isTop, now) || !addStoredTotals(table, mapFd.get())) {
     return std::nullopt;
   }
   return table;
 }
 
-std::optional<TimeTable> getProcessTopTimes() { return getProcessTime(gTopTimeFd, true); }
+// getProcessTime checks the descriptor first, then takes the lock for the walks.
+std::optional<TimeTable> getProcessTopTimes() {
+  return getProcessTime(lockFreeFd(gTopTimeFd), true);
+}
 
-std::optional<TimeTable> getProcessBgTimes() { return getProcessTime(gBgTimeFd, false); }
+std::optional<TimeTable> getProcessBgTimes() {
+  return getProcessTime(lockFreeFd(gBgTimeFd), false);
+}
 
 }  // namespace zelkora
 }  // namespace com

@@ -1,6 +1,11 @@
 // The library's process-wide state. Tables, counts and descriptors are written only by
 // initGlobals() under gInitMutex before gGlobalsReady is set (release); after that they are
 // read-only and read without locks by anyone who saw the flag set (acquire).
+//
+// The descriptors of the counting maps are guarded by their map's lock: a whole-map walk holds it
+// shared, a whole-map clear exclusive, and the compiler checks that (clang -Wthread-safety).
+// Single-element operations, which the kernel makes atomic, take no lock and say so through
+// lockFreeFd().
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -8,10 +13,10 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <shared_mutex>
 #include <vector>
 
 #include "core/rw_lock.h"
+#include "core/thread_annotations.h"
 #include "query/fold.h"
 
 namespace com {
@@ -19,22 +24,22 @@ namespace zelkora {
 
 extern std::mutex gInitMutex;
 extern std::mutex gTrackingMutex;
+extern RwLock gProcessTimeLock;
+extern RwLock gKthreadTimeLock;
+extern RwLock gTotalTimeLock;
+extern RwLock gTopBgTimeLock;
 extern std::vector<std::vector<uint64_t>> gFreqTable;
 extern std::vector<std::vector<uint64_t>> gRelatedCpus;
 extern std::vector<uint64_t> gCpuSlot;
-extern android::base::unique_fd gProcessTimeFd;
-extern RwLock gProcessTimeLock;
-extern android::base::unique_fd gKthreadTimeFd;
-extern RwLock gKthreadTimeLock;
-extern android::base::unique_fd gTotalTimeFd;
-extern RwLock gTotalTimeLock;
-extern android::base::unique_fd gTopTimeFd;
-extern android::base::unique_fd gBgTimeFd;
+extern android::base::unique_fd gProcessTimeFd GUARDED_BY(gProcessTimeLock);
+extern android::base::unique_fd gKthreadTimeFd GUARDED_BY(gKthreadTimeLock);
+extern android::base::unique_fd gTotalTimeFd GUARDED_BY(gTotalTimeLock);
+extern android::base::unique_fd gTopTimeFd GUARDED_BY(gTopBgTimeLock);
+extern android::base::unique_fd gBgTimeFd GUARDED_BY(gTopBgTimeLock);
 extern android::base::unique_fd gPidAdjUpdateFd;
-extern android::base::unique_fd gClearTimeFd;
+extern android::base::unique_fd gClearTimeFd GUARDED_BY(gTopBgTimeLock);
 extern android::base::unique_fd gProAdjFd;
 extern android::base::unique_fd gProCommFd;
-extern RwLock gTopBgTimeLock;
 extern std::atomic<bool> gTrackingStarted;
 extern uint32_t gPolicyCount;
 extern std::atomic<bool> gGlobalsReady;
@@ -48,6 +53,13 @@ extern const uint32_t gTopBgClearKey;
 extern uint32_t gCpuBlockCount;
 // Where each policy's CPUs are found in a per-CPU buffer of gCpuBlockCount blocks.
 extern FoldLayout gFoldLayout;
+
+// A guarded map's descriptor for what needs no lock: one element operation, which the kernel
+// makes atomic, or a check of the descriptor, which never changes once published.
+inline const android::base::unique_fd& lockFreeFd(const android::base::unique_fd& fd)
+    NO_THREAD_SAFETY_ANALYSIS {
+  return fd;
+}
 
 // Runs the lazy initialisation; true when the state is ready.
 bool initGlobals();

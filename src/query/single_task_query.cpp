@@ -15,7 +15,7 @@ std::optional<std::vector<std::vector<uint64_t>>> getCpuFreqTimesFromProcess(std
   if (!ensureGlobals()) return std::nullopt;
   const process_key_t key = mapKeyFromName(name, flag);
   process_key_t probeKey;
-  return readTimeInState(gProcessTimeFd.get(), &key, &probeKey);
+  return readTimeInState(lockFreeFd(gProcessTimeFd).get(), &key, &probeKey);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the declared signature takes it by value
@@ -23,7 +23,7 @@ std::optional<std::vector<std::vector<uint64_t>>> getCpuFreqTimesFromKthread(std
   if (!ensureGlobals()) return std::nullopt;
   const process_key_t key = mapKeyFromName(name, /*flag=*/true);
   process_key_t probeKey;
-  return readTimeInState(gKthreadTimeFd.get(), &key, &probeKey);
+  return readTimeInState(lockFreeFd(gKthreadTimeFd).get(), &key, &probeKey);
 }
 
 }  // namespace zelkora

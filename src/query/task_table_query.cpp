@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <vector>
 
 #include "core/map_records.h"
@@ -81,12 +80,10 @@ class TaskTableBuilder {
 std::atomic<size_t> gProcessTableHint{0};
 std::atomic<size_t> gKthreadTableHint{0};
 
-std::optional<TimeInStateTable> readTaskTable(const android::base::unique_fd& mapFd,
-                                              RwLock& mapLock, TableFlag flagRule,
+// The caller holds the map's lock shared.
+std::optional<TimeInStateTable> readTaskTable(int fd, TableFlag flagRule,
                                               std::atomic<size_t>& sizeHint) {
   TimeInStateTable table;
-  std::shared_lock<RwLock> lock(mapLock);
-  const int fd = mapFd.get();
   process_key_t key;
   if (mapGetNextKey(fd, nullptr, &key) != 0) {
     if (errno == ENOENT) return table;
@@ -115,12 +112,14 @@ std::optional<TimeInStateTable> readTaskTable(const android::base::unique_fd& ma
 
 std::optional<TimeInStateTable> getProcessCpuFreqTimes() {
   if (!ensureGlobals()) return std::nullopt;
-  return readTaskTable(gProcessTimeFd, gProcessTimeLock, TableFlag::FromKey, gProcessTableHint);
+  ReaderLock lock(gProcessTimeLock);
+  return readTaskTable(gProcessTimeFd.get(), TableFlag::FromKey, gProcessTableHint);
 }
 
 std::optional<TimeInStateTable> getKthreadCpuFreqTimes() {
   if (!ensureGlobals()) return std::nullopt;
-  return readTaskTable(gKthreadTimeFd, gKthreadTimeLock, TableFlag::AlwaysOne, gKthreadTableHint);
+  ReaderLock lock(gKthreadTimeLock);
+  return readTaskTable(gKthreadTimeFd.get(), TableFlag::AlwaysOne, gKthreadTableHint);
 }
 
 }  // namespace zelkora

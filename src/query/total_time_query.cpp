@@ -1,6 +1,3 @@
-#include <mutex>
-#include <shared_mutex>
-
 #include "core/map_records.h"
 #include "core/state.h"
 #include "query/single_key_read.h"
@@ -11,7 +8,7 @@ namespace zelkora {
 
 std::optional<std::vector<std::vector<uint64_t>>> getTotalCpuFreqTimes() {
   if (!ensureGlobals()) return std::nullopt;
-  std::shared_lock<RwLock> lock(gTotalTimeLock);
+  ReaderLock lock(gTotalTimeLock);
   const zero_key_t key = 0;
   zero_key_t probeKey;
   return readTimeInState(gTotalTimeFd.get(), &key, &probeKey);
