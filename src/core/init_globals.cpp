@@ -1,4 +1,3 @@
-#include <bcc/libbpf.h>
 #include <sys/sysinfo.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include "core/policy_discovery.h"
 #include "core/possible_cpus.h"
 #include "core/state.h"
+#include "kernel/bpf_syscall.h"
 
 namespace com {
 namespace zelkora {
@@ -61,7 +61,7 @@ bool initGlobals() {
 
   for (const PinnedMap& map : kPinnedMaps) {
     errno = 0;
-    const int fd = bpf_obj_get(map.path);
+    const int fd = bpfObjGet(map.path, 0);  // read-write
     map.fd->reset(fd < 0 ? -1 : fd);  // keeps errno across the close of an earlier descriptor
     if (fd < 0) {
       ZELK_LOGE("Failed to open bpf map %s: %s", map.path, strerror(errno));

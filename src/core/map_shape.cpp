@@ -34,9 +34,8 @@ bool isMapDescriptor(int fd) {
 std::string describeMapMismatch(int fd, const MapShape& expected) {
   if (!isMapDescriptor(fd)) return "not a map";
   bpf_map_info info;
-  memset(&info, 0, sizeof(info));
-  uint32_t infoLen = sizeof(info);
-  if (bpfObjGetInfoByFd(fd, &info, &infoLen) != 0) {
+  uint32_t infoLen;
+  if (mapGetInfo(fd, &info, &infoLen) != 0) {
     return StringPrintf("no map information: %s", strerror(errno));
   }
   if (infoLen < offsetof(bpf_map_info, max_entries)) return "no map information";

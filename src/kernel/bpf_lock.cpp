@@ -1,12 +1,13 @@
 #include "kernel/bpf_lock.h"
 
+#include <android-base/errno_restorer.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 
 #include "kernel/bpf_syscall.h"
 
@@ -14,22 +15,16 @@ namespace android {
 namespace bpf {
 namespace {
 
-constexpr uint32_t kMapInfoLen = 88;
-constexpr size_t kMapIdOffset = 4;  // after the 32-bit type
-
 // The map's kernel id, or -1 with errno set.
 int64_t mapId(int fd) {
-  unsigned char info[kMapInfoLen];
-  memset(info, 0, sizeof(info));
-  uint32_t infoLen = sizeof(info);
-  if (com::zelkora::bpfObjGetInfoByFd(fd, info, &infoLen) != 0) return -1;
-  if (infoLen < kMapIdOffset + sizeof(uint32_t)) {
+  bpf_map_info info;
+  uint32_t infoLen;
+  if (com::zelkora::mapGetInfo(fd, &info, &infoLen) != 0) return -1;
+  if (infoLen < offsetof(bpf_map_info, id) + sizeof(info.id)) {
     errno = EOPNOTSUPP;
     return -1;
   }
-  uint32_t id;
-  memcpy(&id, info + kMapIdOffset, sizeof(id));
-  return id;
+  return info.id;
 }
 
 }  // namespace
@@ -48,9 +43,8 @@ int bpfLock(int fd, short type) {
   lock.l_len = 1;
   const int ret = fcntl(fd, F_OFD_SETLK, &lock);
   if (ret == 0) return fd;
-  const int savedErrno = errno;
+  android::base::ErrnoRestorer keepFcntlErrno;
   close(fd);
-  errno = savedErrno;
   return ret;
 }
 

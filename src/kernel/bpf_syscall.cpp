@@ -69,7 +69,12 @@ int bpfObjGet(const char* path, uint32_t fileFlags) {
   return bpfCall(BPF_OBJ_GET, a);
 }
 
-int bpfObjGetInfoByFd(int fd, void* info, uint32_t* infoLen) {
+static_assert(sizeof(bpf_map_info) >= kMapInfoLen && offsetof(bpf_map_info, id) == 4,
+              "the map information record is 88 bytes, the id after the 32-bit type");
+
+int mapGetInfo(int fd, bpf_map_info* info, uint32_t* infoLen) {
+  memset(info, 0, sizeof(*info));
+  *infoLen = kMapInfoLen;
   Attr a;
   memset(&a, 0, sizeof(a));
   a.attr.info.bpf_fd = static_cast<uint32_t>(fd);

@@ -18,8 +18,10 @@ int mapDeleteElem(int fd, const void* key);
 int mapGetNextKey(int fd, const void* key, void* nextKey);
 // Opens a pinned object; `fileFlags` 0, BPF_F_RDONLY or BPF_F_WRONLY.
 int bpfObjGet(const char* path, uint32_t fileFlags);
-// Fills `info` with up to `*infoLen` bytes and sets `*infoLen` to what the kernel wrote.
-int bpfObjGetInfoByFd(int fd, void* info, uint32_t* infoLen);
+// The map information record as the library asks for it: 88 bytes (bpf_map_info up to
+// map_extra), zero-filled first; `*infoLen` is set to what the kernel wrote.
+inline constexpr uint32_t kMapInfoLen = 88;
+int mapGetInfo(int fd, bpf_map_info* info, uint32_t* infoLen);
 
 }  // namespace zelkora
 }  // namespace com

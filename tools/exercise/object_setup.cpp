@@ -1,5 +1,6 @@
 #include "object_setup.h"
 
+#include <android-base/errno_restorer.h>
 #include <bcc/libbpf.h>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
@@ -91,10 +92,11 @@ std::string Attachment::attach() {
     const int fd = bpf_obj_get(program.path.c_str());
     if (fd < 0) return failure("opening " + program.path);
     const int link = bpf_attach_tracepoint(fd, program.category.c_str(), program.event.c_str());
-    const int error = errno;
-    close(fd);  // the perf event holds the program
+    {
+      android::base::ErrnoRestorer keepAttachErrno;
+      close(fd);  // the perf event holds the program
+    }
     if (link < 0) {
-      errno = error;
       return failure("attaching " + program.category + ":" + program.event);
     }
     links_.push_back(link);
