@@ -11,18 +11,16 @@
 #include <vector>
 
 #include "bench_world.h"
+#include "core/decimal.h"
+#include "core/map_records.h"
 #include "registry.h"
 #include "zelkcpufreqtime.h"
 
 namespace {
 
+// A time-in-state record holds 32 frequencies per policy.
 bool parseFreqs(const char* text, uint32_t* freqs) {
-  char* end = nullptr;
-  const unsigned long value = strtoul(text, &end, 10);
-  // A time-in-state record holds 32 frequencies per policy.
-  if (end == text || *end != '\0' || value < 1 || value > 32) return false;
-  *freqs = static_cast<uint32_t>(value);
-  return true;
+  return com::zelkora::parseDecimal(text, freqs, uint32_t{ZELK_FREQ_SLOTS}) && *freqs >= 1;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "config_writes_floor.h"
 
 #include <android-base/file.h>
+#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "core/decimal.h"
 #include "core/state.h"
 #include "kernel/bpf_syscall.h"
 
@@ -64,7 +66,8 @@ ConfigWrites configWritesFromState() {
     const std::string path = "/sys/devices/system/cpu/cpufreq/policy" +
                              std::to_string(gRelatedCpus[p].front()) + "/scaling_cur_freq";
     android::base::ReadFileToString(path, &text);
-    const uint64_t current = strtoull(text.c_str(), nullptr, 10);
+    uint64_t current = 0;
+    com::zelkora::parseDecimal(android::base::Trim(text), &current, UINT64_MAX);
     for (uint32_t j = 0; j < gFreqTable[p].size(); ++j) {
       if (gFreqTable[p][j] == current) {
         writes.currentIndices.emplace_back(p, j + 1);

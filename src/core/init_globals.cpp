@@ -61,7 +61,7 @@ bool initGlobals() {
 
   for (const PinnedMap& map : kPinnedMaps) {
     errno = 0;
-    const int fd = bpfObjGet(map.path, 0);  // read-write
+    const int fd = bpfObjGet(map.path, /*fileFlags=*/0);  // read-write
     map.fd->reset(fd < 0 ? -1 : fd);  // keeps errno across the close of an earlier descriptor
     if (fd < 0) {
       ZELK_LOGE("Failed to open bpf map %s: %s", map.path, strerror(errno));

@@ -16,6 +16,8 @@ bool isBlank(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
+// By hand, not with libbase's ParseUint, which reads up to the first NUL: a token holding a NUL
+// byte must be refused, not read as its first part.
 std::optional<uint64_t> parseToken(const std::string& token) {
   const char* p = token.c_str();
   const char* const tokenEnd = p + token.size();

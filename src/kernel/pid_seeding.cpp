@@ -41,6 +41,8 @@ task_name_value_t taskNameOf(const std::string& text) {
 
 std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
 
+// std::stoi rather than libbase's ParseInt: its two exceptions are what the seeding reports, and
+// it reads the number before any trailing text that an oom_score_adj file may hold.
 void seedProcess(const std::string& name, uint64_t updateTime) {
   const pid_key_t pid = std::stoi(name, nullptr, 10);
   // Paths from the directory name, not from the parsed number.
@@ -78,16 +80,12 @@ void seedProcess(const std::string& name, uint64_t updateTime) {
   mapDeleteElem(gProAdjFd.get(), &pid);
 }
 
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
 }  // namespace
 
 void doInitMap() {
   if (!gGlobalsReady.load(std::memory_order_acquire) || !gTrackingStarted.load()) return;
   const uint64_t updateTime = getTimeSinceBoot();
-  const std::unique_ptr<DIR, DirCloser> proc(opendir("/proc"));
+  const std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
   if (!proc) {
     SEED_LOGE("Cannot open /proc.");
     return;

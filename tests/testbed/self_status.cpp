@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <memory>
 #include <mutex>
 #include <regex>
 #include <thread>
@@ -22,13 +23,12 @@ void capture(const __android_logger_data* data, const char* message) {
 }
 
 size_t countEntries(const char* path) {
-  DIR* dir = opendir(path);
-  if (dir == nullptr) return 0;
+  const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(path), closedir);
+  if (!dir) return 0;
   size_t count = 0;
-  while (const struct dirent* entry = readdir(dir)) {
+  while (const struct dirent* entry = readdir(dir.get())) {
     if (entry->d_name[0] != '.') ++count;
   }
-  closedir(dir);
   return count;
 }
 

@@ -4,10 +4,11 @@
 #include <bpf/bpf.h>
 #include <dirent.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <cstdint>
+#include <memory>
 #include <set>
 
+#include "core/decimal.h"
 #include "object_pins.h"
 
 namespace zelk::cli {
@@ -29,14 +30,14 @@ std::set<__u32> pinnedProgramIds() {
 // Numeric entries of a /proc directory.
 std::vector<int> numericEntries(const std::string& path) {
   std::vector<int> numbers;
-  DIR* dir = opendir(path.c_str());
-  if (dir == nullptr) return numbers;
-  while (const dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '\0' && strspn(entry->d_name, "0123456789") == strlen(entry->d_name)) {
-      numbers.push_back(atoi(entry->d_name));
+  const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(path.c_str()), closedir);
+  if (!dir) return numbers;
+  while (const dirent* entry = readdir(dir.get())) {
+    uint32_t number;
+    if (com::zelkora::parseDecimal(entry->d_name, &number, uint32_t{INT32_MAX})) {
+      numbers.push_back(static_cast<int>(number));
     }
   }
-  closedir(dir);
   return numbers;
 }
 

@@ -3,6 +3,7 @@
 #include <android-base/file.h>
 #include <android-base/strings.h>
 
+#include "core/possible_cpus.h"
 #include "environment.h"
 #include "object_loader.h"
 #include "private_mounts.h"
@@ -24,7 +25,8 @@ std::string useSyntheticPolicy(DemoMachine* machine) {
            "model name with \"@ x.xxGHz\", no \"cpu MHz\") to build a synthetic one from";
   }
   std::optional<std::vector<uint32_t>> cpus;
-  if (android::base::ReadFileToString(kPossibleCpus, &possible)) cpus = parseCpuList(possible);
+  if (android::base::ReadFileToString(kPossibleCpus, &possible))
+    cpus = com::zelkora::parseCpuList(possible);
   if (!cpus) return std::string("cannot read the CPUs of this machine from ") + kPossibleCpus;
   if (std::string error = mountSyntheticCpufreq(nominal->khz, *cpus); !error.empty()) return error;
   machine->synthetic = true;

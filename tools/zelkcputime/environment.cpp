@@ -10,9 +10,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 
+#include "core/decimal.h"
 #include "object_pins.h"
 
 namespace zelk::cli {
@@ -89,16 +91,19 @@ std::vector<std::string> missingPins(size_t* expected) {
 
 std::vector<PolicyDir> cpufreqPolicies() {
   std::vector<PolicyDir> policies;
-  DIR* dir = opendir(kCpufreqDir);
-  if (dir == nullptr) return policies;
-  while (const dirent* entry = readdir(dir)) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(kCpufreqDir), closedir);
+  if (!dir) return policies;
+  while (const dirent* entry = readdir(dir.get())) {
     if (isPolicyName(entry->d_name)) policies.push_back({entry->d_name, ""});
   }
-  closedir(dir);
-  std::sort(policies.begin(), policies.end(), [](const PolicyDir& a, const PolicyDir& b) {
-    return std::strtoul(a.name.c_str() + 6, nullptr, 10) <
-           std::strtoul(b.name.c_str() + 6, nullptr, 10);
-  });
+  // By number, policy10 after policy9; a name without one first.
+  const auto number = [](const PolicyDir& policy) {
+    uint32_t n = 0;
+    com::zelkora::parseDecimal(policy.name.substr(6), &n, UINT32_MAX);
+    return n;
+  };
+  std::sort(policies.begin(), policies.end(),
+            [&](const PolicyDir& a, const PolicyDir& b) { return number(a) < number(b); });
   for (PolicyDir& policy : policies) {
     std::string text;
     if (android::base::ReadFileToString(

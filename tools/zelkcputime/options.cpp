@@ -1,6 +1,6 @@
 #include "options.h"
 
-#include <cstdlib>
+#include "core/decimal.h"
 
 namespace zelk::cli {
 namespace {
@@ -8,12 +8,7 @@ namespace {
 // Decimal digits only, within [min, max].
 bool parseCount(const std::string& text, unsigned long long min, unsigned long long max,
                 unsigned long long* value) {
-  if (text.empty() || text.size() > 19 ||
-      text.find_first_not_of("0123456789") != std::string::npos) {
-    return false;
-  }
-  *value = std::strtoull(text.c_str(), nullptr, 10);
-  return *value >= min && *value <= max;
+  return com::zelkora::parseDecimal(text, value, max) && *value >= min;
 }
 
 }  // namespace

@@ -12,7 +12,8 @@
 namespace zelk::cli {
 namespace {
 
-// "<digits>[.<digits>]" at the start of `text`, scaled by `scale` (kHz per unit), exactly.
+// "<digits>[.<digits>]" at the start of `text`, scaled by `scale` (kHz per unit), exactly: by
+// hand, since a floating-point parse would round "2.4GHz" to a kHz off by one.
 std::optional<uint64_t> scaledDecimal(const std::string& text, uint64_t scale, size_t* used) {
   size_t i = 0;
   uint64_t whole = 0;
@@ -65,28 +66,6 @@ std::optional<NominalFrequency> nominalFrequency(const std::string& cpuinfo) {
   }
   if (cpuMhz) return NominalFrequency{*cpuMhz, "\"cpu MHz\" in /proc/cpuinfo"};
   return std::nullopt;
-}
-
-std::optional<std::vector<uint32_t>> parseCpuList(const std::string& text) {
-  std::vector<uint32_t> cpus;
-  const std::string trimmed = android::base::Trim(text);
-  if (trimmed.empty()) return std::nullopt;
-  for (const std::string& range : android::base::Split(trimmed, ",")) {
-    const std::vector<std::string> ends = android::base::Split(range, "-");
-    if (ends.size() > 2) return std::nullopt;
-    uint32_t bounds[2];
-    for (size_t i = 0; i < ends.size(); ++i) {
-      if (ends[i].empty() || ends[i].size() > 5 ||
-          ends[i].find_first_not_of("0123456789") != std::string::npos) {
-        return std::nullopt;
-      }
-      bounds[i] = static_cast<uint32_t>(std::strtoul(ends[i].c_str(), nullptr, 10));
-    }
-    const uint32_t last = ends.size() == 2 ? bounds[1] : bounds[0];
-    if (last < bounds[0]) return std::nullopt;
-    for (uint32_t cpu = bounds[0]; cpu <= last; ++cpu) cpus.push_back(cpu);
-  }
-  return cpus;
 }
 
 std::string writeSyntheticPolicy(const std::string& dir, uint64_t khz,

@@ -19,9 +19,6 @@ struct NominalFrequency {
 // frequency; else the first "cpu MHz" line, rounded to whole MHz; else nothing.
 std::optional<NominalFrequency> nominalFrequency(const std::string& cpuinfo);
 
-// A kernel CPU list such as "0-3,8,10-11\n"; nothing when malformed.
-std::optional<std::vector<uint32_t>> parseCpuList(const std::string& text);
-
 // Writes <dir>/policy0 with scaling_available_frequencies, scaling_cur_freq and related_cpus.
 // "" on success, else what failed.
 std::string writeSyntheticPolicy(const std::string& dir, uint64_t khz,
