@@ -6,10 +6,29 @@
 // /sys/devices/system/cpu/cpufreq on the first call (any call; there is no init function) and
 // retries that on every call until it succeeds once.
 //
-// Error contract, for every function below: a bool is false when the operation failed; an
-// optional is empty when the query failed (an engaged but empty table means "no entries").
-// Failures are logged under the tag "libzelkcpufreqtime". Every function may be called from any
-// thread. Times are in the kernel's unit (nanoseconds).
+// Every function may be called from any thread. Times are in the kernel's unit (nanoseconds).
+//
+// Error contract. A bool is false when the operation failed; an optional is empty when the query
+// failed (an engaged but empty table means "no entries"). Nothing is thrown, except that an
+// allocation failure passes on to the caller, and so does a background thread that cannot be
+// created (std::system_error, from startTrackingCpuFreqTime).
+//
+// Most failures are silent: the result is all there is. Messages go to the platform log, tag
+// "libzelkcpufreqtime", only for:
+//   - a pinned map that the initialisation cannot open, or whose key or value size is not the
+//     object's (error, on every attempt);
+//   - startTrackingCpuFreqTime: a program that cannot be retrieved or attached (error), then its
+//     outcome (info, "zelkCputimeInState tracking success." or "failed.");
+//   - the background thread that the tracking start runs: the seeding of the pid maps from /proc
+//     and the CPU pressure monitor (its trigger at info level, its errors);
+//   - a clock that cannot be read;
+//   - clearProcessTimes, clearKthreadTimes, clearTopAndBgTimes: a kernel error while clearing
+//     (error), or a clear that took more than one second (warning).
+// Silent, among others: a missing or empty cpufreq tree, or a policy without frequencies (every
+// call fails until discovery succeeds); isTrackingCpuFreqTimeSupported with a program missing; a
+// tracking start refused while configuring the object (a configuration map busy or not opened,
+// a current frequency that is not in the table); every failed query; a failed single-entry
+// clear, and clearTotalCpuTime.
 #pragma once
 
 #include <cstddef>
