@@ -5,8 +5,6 @@
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "core/decimal.h"

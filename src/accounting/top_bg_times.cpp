@@ -1,6 +1,7 @@
-#include "accounting/top_bg_times.h"
+#include <android-base/unique_fd.h>
 
 #include <cerrno>
+#include <optional>
 #include <string>
 
 #include "accounting/clock.h"
@@ -8,6 +9,7 @@
 #include "core/state.h"
 #include "kernel/bpf_syscall.h"
 #include "query/task_key.h"
+#include "zelkcpufreqtime.h"
 
 namespace com {
 namespace zelkora {
@@ -64,8 +66,8 @@ bool addStoredTotals(TimeTable& table, int mapFd) REQUIRES_SHARED(gTopBgTimeLock
   }
 }
 
-}  // namespace
-
+// Per task name: the stored totals of `mapFd` (the top or the background time map) plus the
+// running period of the first live task of that name in the class (`isTop`: foreground).
 std::optional<TimeTable> getProcessTime(const android::base::unique_fd& mapFd, bool isTop) {
   if (!ensureGlobals() || mapFd.get() < 0) return std::nullopt;
   TimeTable table;
@@ -76,6 +78,8 @@ std::optional<TimeTable> getProcessTime(const android::base::unique_fd& mapFd, b
   }
   return table;
 }
+
+}  // namespace
 
 // getProcessTime checks the descriptor first, then takes the lock for the walks.
 std::optional<TimeTable> getProcessTopTimes() {

@@ -1,6 +1,7 @@
 #include "core/policy_discovery.h"
 
 #include <android-base/stringprintf.h>
+#include <dirent.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -21,6 +22,18 @@ namespace {
 // Far above any kernel's NR_CPUS; a CPU number beyond it would make gCpuSlot absurdly large.
 constexpr uint64_t kMaxCpuNumber = (1u << 16) - 1;
 
+// scandir filter: names that begin with "policy".
+int isPolicyFile(const struct dirent* entry) { return strncmp(entry->d_name, "policy", 6) == 0; }
+
+// scandir order: by the number after "policy"; names without one compare equal to everything.
+int comparePolicyFiles(const struct dirent** a, const struct dirent** b) {
+  unsigned int na = 0;
+  unsigned int nb = 0;
+  if (sscanf((*a)->d_name, "policy%u", &na) != 1) return 0;
+  if (sscanf((*b)->d_name, "policy%u", &nb) != 1) return 0;
+  return static_cast<int>(static_cast<int32_t>(na - nb));
+}
+
 std::optional<std::vector<std::string>> scanPolicyNames(const char* dir) {
   struct dirent** entries = nullptr;
   const int count = scandir(dir, &entries, isPolicyFile, comparePolicyFiles);
@@ -39,16 +52,6 @@ std::optional<std::vector<std::string>> scanPolicyNames(const char* dir) {
 }
 
 }  // namespace
-
-int isPolicyFile(const struct dirent* entry) { return strncmp(entry->d_name, "policy", 6) == 0; }
-
-int comparePolicyFiles(const struct dirent** a, const struct dirent** b) {
-  unsigned int na = 0;
-  unsigned int nb = 0;
-  if (sscanf((*a)->d_name, "policy%u", &na) != 1) return 0;
-  if (sscanf((*b)->d_name, "policy%u", &nb) != 1) return 0;
-  return static_cast<int>(static_cast<int32_t>(na - nb));
-}
 
 std::optional<PolicyTables> discoverPolicies(const char* dir) {
   const std::optional<std::vector<std::string>> names = scanPolicyNames(dir);

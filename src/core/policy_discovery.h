@@ -2,8 +2,6 @@
 // lies in a per-CPU map value.
 #pragma once
 
-#include <dirent.h>
-
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -24,11 +22,6 @@ struct PolicyTables {
   std::vector<uint64_t> cpuSlot;
   uint32_t policyCount = 0;
 };
-
-// scandir filter: names that begin with "policy".
-int isPolicyFile(const struct dirent* entry);
-// scandir order: by the number after "policy"; names without one compare equal to everything.
-int comparePolicyFiles(const struct dirent** a, const struct dirent** b);
 
 // Scans `dir`. No value when it holds no policy, a policy has no frequency, or a related_cpus
 // file is unreadable or malformed. Logs nothing.

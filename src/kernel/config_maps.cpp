@@ -46,12 +46,17 @@ bool writeZeroLastUpdate(int fd) {
   return mapUpdateElem(fd, &key, zeros.data(), BPF_ANY) == 0;
 }
 
+namespace {
+
+// The 1-based index of the first occurrence of `freq` in `freqs`.
 std::optional<uint32_t> freqIndex(const std::vector<uint64_t>& freqs, uint64_t freq) {
   for (size_t j = 0; j < freqs.size(); ++j) {
     if (freqs[j] == freq) return static_cast<uint32_t>(j + 1);
   }
   return std::nullopt;
 }
+
+}  // namespace
 
 bool writeCurrentFreqIndices(int fd) {
   for (uint32_t i = 0; i < gPolicyCount; ++i) {

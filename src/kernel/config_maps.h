@@ -4,10 +4,6 @@
 // before a failure stay; a later start writes them again.
 #pragma once
 
-#include <cstdint>
-#include <optional>
-#include <vector>
-
 namespace com {
 namespace zelkora {
 
@@ -20,9 +16,6 @@ bool writeZeroLastUpdate(int fd);
 // policy_freq_idx_map: each policy to the index of its current frequency. False also when a
 // policy's scaling_cur_freq cannot be read, is not one number, or is not in its table.
 bool writeCurrentFreqIndices(int fd);
-
-// The 1-based index of the first occurrence of `freq` in `freqs`.
-std::optional<uint32_t> freqIndex(const std::vector<uint64_t>& freqs, uint64_t freq);
 
 }  // namespace zelkora
 }  // namespace com

@@ -12,12 +12,6 @@ void assignTaskName(std::string& out, const char (&comm)[kCommLen]) {
   out.assign(comm, length);
 }
 
-process_key_char_t taskKeyFromComm(const char (&comm)[kCommLen], uint64_t flag) {
-  process_key_char_t key{std::string(), flag};
-  assignTaskName(key.comm, comm);
-  return key;
-}
-
 process_key_t mapKeyFromName(const std::string& name, bool flag) {
   process_key_t key;
   memset(&key, 0, sizeof(key));

@@ -14,8 +14,6 @@ namespace zelkora {
 // the string's storage, so a caller that keeps one string across keys allocates at most once.
 void assignTaskName(std::string& out, const char (&comm)[kCommLen]);
 
-process_key_char_t taskKeyFromComm(const char (&comm)[kCommLen], uint64_t flag);
-
 // The name's first 16 bytes, zero-padded; longer names are cut, so they match only a record
 // holding exactly those 16 bytes. `flag` is 1 for true, 0 for false.
 process_key_t mapKeyFromName(const std::string& name, bool flag);

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "core/map_records.h"

@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <thread>
 
 #include "accounting/clear_map.h"
@@ -254,10 +252,10 @@ TEST_F(AccountingTest, WalksNeverSeeAHalfClearedMap) {
   ASSERT_TRUE(ensureGlobals());
   const auto refill = [&] {
     {
-      std::unique_lock<RwLock> exclusive(gProcessTimeLock);
+      WriterLock exclusive(gProcessTimeLock);
       for (int i = 0; i < kKeys; ++i) putTis(MapId::ProcessTime, processKey(std::to_string(i), 0));
     }
-    std::unique_lock<RwLock> exclusive(gTopBgTimeLock);
+    WriterLock exclusive(gTopBgTimeLock);
     for (int i = 0; i < kKeys; ++i) put(MapId::TopTime, processInfo(std::to_string(i)), kSecond);
   };
   refill();

@@ -1,7 +1,10 @@
 #include "csv_writer.h"
 
 namespace zelk::cli {
+namespace {
 
+// The field, in double quotes with inner quotes doubled when it holds a comma, a quote, a
+// carriage return, a newline, or leading or trailing blanks; else as it is. Bytes are kept.
 std::string csvField(const std::string& text) {
   const bool quoted = text.find_first_of(",\"\r\n") != std::string::npos ||
                       (!text.empty() && (text.front() == ' ' || text.back() == ' ' ||
@@ -14,6 +17,8 @@ std::string csvField(const std::string& text) {
   }
   return out + "\"";
 }
+
+}  // namespace
 
 std::string csvRow(const std::vector<std::string>& fields) {
   std::string row;

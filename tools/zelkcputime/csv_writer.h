@@ -6,10 +6,6 @@
 
 namespace zelk::cli {
 
-// The field, in double quotes with inner quotes doubled when it holds a comma, a quote, a
-// carriage return, a newline, or leading or trailing blanks; else as it is. Bytes are kept.
-std::string csvField(const std::string& text);
-
 // The fields joined by commas, with a newline.
 std::string csvRow(const std::vector<std::string>& fields);
 

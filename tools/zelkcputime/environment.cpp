@@ -52,6 +52,9 @@ std::string checkBpffs() {
          ": run `zelkcputime load` first (it mounts one and loads the kernel object)";
 }
 
+namespace {
+
+// At least one cpufreq policy directory.
 std::string checkCpufreq() {
   if (!cpufreqPolicies().empty()) return "";
   return std::string("no cpufreq policies in ") + kCpufreqDir +
@@ -67,6 +70,8 @@ std::string checkPins() {
          std::to_string(expected) + " pins missing, such as " + missing.front() +
          "): run `zelkcputime load` first";
 }
+
+}  // namespace
 
 std::string checkReady() {
   for (auto check : {checkRoot, checkCpufreq, checkBpffs, checkPins}) {

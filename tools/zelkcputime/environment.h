@@ -10,10 +10,8 @@ namespace zelk::cli {
 inline constexpr const char kCpufreqDir[] = "/sys/devices/system/cpu/cpufreq";
 
 // Each returns "" when the need is met, else the message to print.
-std::string checkRoot();     // CAP_SYS_ADMIN, or CAP_BPF with CAP_PERFMON
-std::string checkBpffs();    // a BPF filesystem on /sys/fs/bpf
-std::string checkCpufreq();  // at least one cpufreq policy directory
-std::string checkPins();     // every map and program pin of the kernel object
+std::string checkRoot();   // CAP_SYS_ADMIN, or CAP_BPF with CAP_PERFMON
+std::string checkBpffs();  // a BPF filesystem on /sys/fs/bpf
 
 // Root, cpufreq, bpffs, pins (cpufreq first: loading cannot fix a machine without
 // frequencies); the first message, or "".

@@ -6,7 +6,6 @@
 
 #include <cctype>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 namespace zelk::cli {
