@@ -1,4 +1,4 @@
-/* The thirteen maps of zelkCputimeInState.
+/* The maps of zelkCputimeInState: the thirteen that the library uses, and overflow_count_map.
  *
  * All hash maps are preallocated: the programs run inside the scheduler, where older kernels
  * must not allocate. Sizes bound the memory of the per-CPU maps (entries x 256 bytes x CPUs):
@@ -101,6 +101,15 @@ struct {
   __type(key, zelk_zero_key);
   __type(value, zelk_time_value);
 } cpu_last_update_map SEC(".maps");
+
+/* Counters of what full maps could not take (records.h). Not one of the library's thirteen: an
+ * object without it works with the library all the same. */
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+  __uint(max_entries, ZELK_OVERFLOW_COUNTERS);
+  __type(key, __u32);
+  __type(value, zelk_u64);
+} overflow_count_map SEC(".maps");
 
 /* An array, read at every switch: a lookup costs a bounds check, where a hash lookup cost about
  * 30 ns here. A policy that was never written reads index 0, which counts nothing. */

@@ -12,16 +12,24 @@
 #pragma once
 
 #include "maps.bpf.h"
+#include "overflow.bpf.h"
 #include "task.bpf.h"
 
 static __always_inline void zelk_add_period(void* totals, const struct zelk_task_name* name,
                                             __u64 duration) {
+  struct zelk_task_name overflow;
   __u64* total = bpf_map_lookup_elem(totals, name);
+  __u64 zero = 0;
 
   if (!total) {
+    /* The overflow entry first: a full map could not take it either. */
+    zelk_overflow_name(overflow.comm);
+    if (!bpf_map_lookup_elem(totals, &overflow))
+      bpf_map_update_elem(totals, &overflow, &zero, BPF_NOEXIST);
     if (bpf_map_update_elem(totals, name, &duration, BPF_NOEXIST) == 0) return;
-    /* Another CPU inserted the name first. */
+    /* Another CPU inserted the name first, or the map is full. */
     total = bpf_map_lookup_elem(totals, name);
+    if (!total) total = zelk_overflow_entry(totals, &overflow);
     if (!total) return;
   }
   __sync_fetch_and_add(total, duration);
@@ -48,17 +56,22 @@ static __always_inline void zelk_close_period(__u32 pid, short adj, __u64 now) {
     zelk_add_period(&comm_to_bgtime_map, &name, now - start);
 }
 
-static __always_inline void zelk_track_process(__u32 pid, const struct zelk_task_name* name,
-                                               short adj, __u64 now) {
-  bpf_map_update_elem(&pid_to_comm_map, &pid, name, BPF_ANY);
-  bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_ANY);
-  bpf_map_update_elem(&pid_to_adj_map, &pid, &adj, BPF_ANY);
-}
-
 static __always_inline void zelk_forget_process(__u32 pid) {
   bpf_map_delete_elem(&pid_to_adj_map, &pid);
   bpf_map_delete_elem(&pid_to_adj_last_update_map, &pid);
   bpf_map_delete_elem(&pid_to_comm_map, &pid);
+}
+
+/* A process that the full pid maps cannot hold is counted, and whatever its pid held before is
+ * dropped, so that its periods are never added under another process's name. */
+static __always_inline void zelk_track_process(__u32 pid, const struct zelk_task_name* name,
+                                               short adj, __u64 now) {
+  if (bpf_map_update_elem(&pid_to_comm_map, &pid, name, BPF_ANY) == 0 &&
+      bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_ANY) == 0 &&
+      bpf_map_update_elem(&pid_to_adj_map, &pid, &adj, BPF_ANY) == 0)
+    return;
+  zelk_forget_process(pid);
+  zelk_count(ZELK_UNTRACKED_PROCESSES);
 }
 
 /* A tracked process has ended: its last period closes now and its entries go. */

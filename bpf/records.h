@@ -77,6 +77,40 @@ ZELK_RECORD_ASSERT(sizeof(zelk_pid_key) == 4 && sizeof(zelk_adj_value) == 2 &&
                        sizeof(zelk_time_value) == 8,
                    "pid, adj and time records");
 
+/* The overflow entry of a counting map: where the object counts what a full map cannot take a
+ * new entry for, so that nothing is lost. Its name is 16 bytes without a NUL, which no task can
+ * take: the kernel keeps every task name NUL-terminated within 16 bytes. The process map has one
+ * per class (flag 0 and 1), the kernel-thread map one with flag 1, the top and background maps
+ * one each. Clears delete it with the rest, and the object adds it again when needed. */
+#define ZELK_OVERFLOW_COMM "<map overflowed>"
+ZELK_RECORD_ASSERT(sizeof(ZELK_OVERFLOW_COMM) == ZELK_COMM_LEN + 1, "16 bytes and no NUL");
+/* The same bytes as two little-endian words, for the programs: a string constant would put a
+ * read-only data map into the object. */
+#define ZELK_OVERFLOW_COMM_LOW 0x65766f2070616d3cull
+#define ZELK_OVERFLOW_COMM_HIGH 0x3e6465776f6c6672ull
+#ifdef __cplusplus
+constexpr bool zelk_overflow_words_match() {
+  for (int i = 0; i < ZELK_COMM_LEN; ++i) {
+    const zelk_u64 word = i < 8 ? ZELK_OVERFLOW_COMM_LOW : ZELK_OVERFLOW_COMM_HIGH;
+    if (static_cast<char>(word >> (8 * (i % 8))) != ZELK_OVERFLOW_COMM[i]) return false;
+  }
+  return true;
+}
+static_assert(zelk_overflow_words_match(), "the words spell the overflow name");
+#endif
+
+/* Counters of overflow_count_map, a per-CPU array: one per index, summed over CPUs. */
+enum zelk_overflow_counter {
+  /* New processes that the pid maps could not hold: their foreground and background periods
+   * are not counted (their CPU time is). */
+  ZELK_UNTRACKED_PROCESSES = 0,
+  /* Time updates added to an overflow entry because their map was full. */
+  ZELK_OVERFLOWED_UPDATES = 1,
+  /* Time updates lost: a full map that had no overflow entry either (a clear raced the add). */
+  ZELK_LOST_UPDATES = 2,
+  ZELK_OVERFLOW_COUNTERS = 3,
+};
+
 /* The class of an oom_score_adj value: foreground is -800 (the top app) and 0 to 199, everything
  * else, other negative values included, is background. */
 ZELK_RECORD_RULE int zelk_is_foreground(zelk_adj_value adj) {

@@ -16,6 +16,7 @@
 /* clang-format on */
 
 #include "maps.bpf.h"
+#include "overflow.bpf.h"
 #include "process_periods.bpf.h"
 #include "task.bpf.h"
 
@@ -34,20 +35,49 @@ static __always_inline bool zelk_current_slot(__u32 cpu, __u32* slot) {
   return true;
 }
 
-static __always_inline void zelk_add_time(void* map, const void* key, __u32 slot, __u64 delta) {
-  struct zelk_time_in_state* value = bpf_map_lookup_elem(map, key);
-
-  if (!value) {
-    struct zelk_time_in_state zero = {};
-
-    bpf_map_update_elem(map, key, &zero, BPF_NOEXIST);
-    value = bpf_map_lookup_elem(map, key);
-    if (!value) return;
-  }
+static __always_inline void zelk_add_to_slot(struct zelk_time_in_state* value, __u32 slot,
+                                             __u64 delta) {
   /* Clang knows the slot is below 32 and would drop this check, which the verifier needs. */
   asm volatile("" : "+r"(slot));
   /* Per-CPU block, and tracing programs do not nest on a CPU: a plain add is safe. */
   if (slot < ZELK_FREQ_SLOTS) value->slot[slot] += delta;
+}
+
+/* The whole-system entry: one key, which always fits. */
+static __always_inline void zelk_add_total(__u32 slot, __u64 delta) {
+  struct zelk_time_in_state* value;
+  __u32 zero = 0;
+
+  value = bpf_map_lookup_elem(&total_cpu_time_in_state_map, &zero);
+  if (!value) {
+    struct zelk_time_in_state empty = {};
+
+    bpf_map_update_elem(&total_cpu_time_in_state_map, &zero, &empty, BPF_NOEXIST);
+    value = bpf_map_lookup_elem(&total_cpu_time_in_state_map, &zero);
+    if (!value) return;
+  }
+  zelk_add_to_slot(value, slot, delta);
+}
+
+/* A task's entry, made when missing; the overflow entry of its class when the map is full. */
+static __always_inline void zelk_add_task_time(void* map, const struct zelk_process_key* key,
+                                               __u32 slot, __u64 delta) {
+  struct zelk_time_in_state* value = bpf_map_lookup_elem(map, key);
+
+  if (!value) {
+    struct zelk_process_key overflow = {.flag = key->flag};
+    struct zelk_time_in_state empty = {};
+
+    /* The overflow entry first: a full map could not take it either. */
+    zelk_overflow_name(overflow.comm);
+    if (!bpf_map_lookup_elem(map, &overflow))
+      bpf_map_update_elem(map, &overflow, &empty, BPF_NOEXIST);
+    bpf_map_update_elem(map, key, &empty, BPF_NOEXIST);
+    value = bpf_map_lookup_elem(map, key);
+    if (!value) value = zelk_overflow_entry(map, &overflow);
+    if (!value) return;
+  }
+  zelk_add_to_slot(value, slot, delta);
 }
 
 SEC("tracepoint/sched/sched_switch")
@@ -72,13 +102,13 @@ int sched_switch(struct trace_event_raw_sched_switch* ctx) {
   if (ctx->prev_pid == 0) /* idle */
     return 0;
   if (!zelk_current_slot(bpf_get_smp_processor_id(), &slot)) return 0;
-  zelk_add_time(&total_cpu_time_in_state_map, &zero, slot, delta);
+  zelk_add_total(slot, delta);
 
   /* The tracepoint fires before the context switch: current is still prev. */
   if (zelk_running_task_key(&key))
-    zelk_add_time(&kthread_time_in_state_map, &key, slot, delta);
+    zelk_add_task_time(&kthread_time_in_state_map, &key, slot, delta);
   else
-    zelk_add_time(&process_time_in_state_map, &key, slot, delta);
+    zelk_add_task_time(&process_time_in_state_map, &key, slot, delta);
   return 0;
 }
 

@@ -5,6 +5,7 @@ set(ZELK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zelkcpufreqtime)
 install(TARGETS zelkcpufreqtime EXPORT zelkcpufreqtimeTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime.h
+  ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_overflow.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT zelkcpufreqtimeTargets NAMESPACE zelkcpufreqtime::
   DESTINATION ${ZELK_CMAKE_DIR})

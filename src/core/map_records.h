@@ -48,6 +48,8 @@ inline constexpr const char kCpuPolicyMapPath[] = ZELK_MAP_PATH("cpu_policy_map"
 inline constexpr const char kFreqToIdxMapPath[] = ZELK_MAP_PATH("freq_to_idx_map");
 inline constexpr const char kCpuLastUpdateMapPath[] = ZELK_MAP_PATH("cpu_last_update_map");
 inline constexpr const char kPolicyFreqIdxMapPath[] = ZELK_MAP_PATH("policy_freq_idx_map");
+// Not one of the thirteen: an object may lack it.
+inline constexpr const char kOverflowCountMapPath[] = ZELK_MAP_PATH("overflow_count_map");
 
 }  // namespace zelkora
 }  // namespace com
