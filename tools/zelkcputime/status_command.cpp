@@ -5,7 +5,9 @@
 #include "commands.h"
 #include "environment.h"
 #include "json_writer.h"
+#include "map_fill.h"
 #include "text_views.h"
+#include "units.h"
 #include "zelkcpufreqtime.h"
 
 namespace zelk::cli {
@@ -21,7 +23,8 @@ struct Status {
   std::optional<FreqTable> freqs;
   bool supported = false;
   std::vector<pid_t> trackingPids;
-  std::string problem;  // the first failed check, or the library's failure
+  std::optional<Fill> fill;  // read when the library could be asked
+  std::string problem;       // the first failed check, or the library's failure
 };
 
 Status gather() {
@@ -39,6 +42,7 @@ Status gather() {
     s.problem = "the library cannot use the kernel object (run with -v for its messages)";
   }
   s.trackingPids = pidsTracking();
+  if (s.problem.empty()) s.fill = readFill();
   return s;
 }
 
@@ -70,6 +74,27 @@ std::string statusText(const Status& s) {
     for (pid_t pid : s.trackingPids) tracking += " " + std::to_string(pid);
   }
   if (s.problem.empty()) text += line("tracking:", tracking);
+  if (s.fill) {
+    bool first = true;
+    for (const MapFill& map : s.fill->maps) {
+      std::string value = map.name + " " + std::to_string(map.entries) + " of " +
+                          std::to_string(map.capacity) + " (" +
+                          formatPercent(map.entries, map.capacity) + "%)";
+      if (map.overflowNs) value += ", overflow " + formatSeconds(*map.overflowNs) + " s";
+      text += line(first ? "maps:" : "", value);
+      first = false;
+    }
+    if (const auto& counts = s.fill->counts) {
+      text +=
+          line("overflow:", std::to_string(counts->untrackedProcesses) + " processes untracked, " +
+                                std::to_string(counts->overflowedUpdates) +
+                                " updates to overflow entries, " +
+                                std::to_string(counts->lostUpdates) + " lost");
+    } else {
+      text += line("overflow:", "not counted by this kernel object");
+    }
+    for (const std::string& warning : fillWarnings(*s.fill)) text += "warning: " + warning + "\n";
+  }
   return text;
 }
 
@@ -89,6 +114,27 @@ std::string statusJson(const Status& s) {
   s.freqs ? json.numbers(*s.freqs) : json.null();
   json.key("supported").value(s.supported).key("tracking_pids").beginArray();
   for (pid_t pid : s.trackingPids) json.value(static_cast<uint64_t>(pid));
+  json.endArray().key("maps").beginArray();
+  if (s.fill) {
+    for (const MapFill& map : s.fill->maps) {
+      json.beginObject().key("name").value(map.name).key("entries").value(map.entries);
+      json.key("capacity").value(map.capacity).key("overflow_ns");
+      map.overflowNs ? json.value(*map.overflowNs) : json.null();
+      json.endObject();
+    }
+  }
+  json.endArray().key("overflow");
+  if (s.fill && s.fill->counts) {
+    json.beginObject().key("untracked_processes").value(s.fill->counts->untrackedProcesses);
+    json.key("overflowed_updates").value(s.fill->counts->overflowedUpdates);
+    json.key("lost_updates").value(s.fill->counts->lostUpdates).endObject();
+  } else {
+    json.null();
+  }
+  json.key("warnings").beginArray();
+  if (s.fill) {
+    for (const std::string& warning : fillWarnings(*s.fill)) json.value(warning);
+  }
   json.endArray().key("problem").value(s.problem).endObject();
   return json.text() + "\n";
 }
