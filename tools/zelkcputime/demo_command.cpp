@@ -10,28 +10,21 @@
 #include "demo_setup.h"
 #include "json_views.h"
 #include "progress_bar.h"
+#include "snapshot.h"
 #include "text_views.h"
-#include "zelkcpufreqtime.h"
 
 namespace zelk::cli {
 namespace {
 
-namespace lib = com::zelkora;
-
 constexpr size_t kDefaultTextRows = 10;
 
-struct Results {
-  FreqTable freqs;
-  Times total;
-  lib::TimeInStateTable processes;
-  lib::TimeInStateTable kthreads;
-  lib::TimeTable top;
-  lib::TimeTable bg;
-};
-
+// For the progress line only: a missed reading shows 0 once rather than holding the line up.
 uint64_t countedNs() {
-  const auto total = lib::getTotalCpuFreqTimes();
-  return total ? sumTimes(*total) : 0;
+  SnapshotRequest request;
+  request.parts = kTotalPart;
+  request.attempts = 1;
+  const TakenSnapshot taken = takeSnapshot(request);
+  return taken.snapshot ? sumTimes(taken.snapshot->total) : 0;
 }
 
 // Redraws the line in place on a terminal; elsewhere writes only the last one.
@@ -52,23 +45,11 @@ void sample(unsigned seconds) {
           progressLine(elapsedMs, totalMs, countedNs()).c_str());
 }
 
-std::optional<Results> query() {
-  auto freqs = lib::getCpuFreqs();
-  auto total = lib::getTotalCpuFreqTimes();
-  auto processes = lib::getProcessCpuFreqTimes();
-  auto kthreads = lib::getKthreadCpuFreqTimes();
-  auto top = lib::getProcessTopTimes();
-  auto bg = lib::getProcessBgTimes();
-  if (!freqs || !total || !processes || !kthreads || !top || !bg) return std::nullopt;
-  return Results{std::move(*freqs),    std::move(*total), std::move(*processes),
-                 std::move(*kthreads), std::move(*top),   std::move(*bg)};
-}
-
 std::string heading(const std::string& title, size_t shown, size_t all) {
   return "\n" + title + " (" + std::to_string(shown) + " of " + std::to_string(all) + "):\n";
 }
 
-std::string demoText(const Options& options, const DemoMachine& machine, const Results& r,
+std::string demoText(const Options& options, const DemoMachine& machine, const Snapshot& r,
                      size_t limit) {
   const auto processes = sortedTasks(r.processes, limit);
   const auto kthreads = sortedTasks(r.kthreads, limit);
@@ -85,7 +66,7 @@ std::string demoText(const Options& options, const DemoMachine& machine, const R
          "(time spent in each class since the load, not CPU time)\n" + textClassTimes(classes);
 }
 
-std::string demoJson(const Options& options, const DemoMachine& machine, const Results& r,
+std::string demoJson(const Options& options, const DemoMachine& machine, const Snapshot& r,
                      size_t limit) {
   JsonWriter json;
   json.beginObject().key("seconds").value(uint64_t{options.seconds});
@@ -103,7 +84,7 @@ std::string demoJson(const Options& options, const DemoMachine& machine, const R
   return json.endObject().text() + "\n";
 }
 
-std::string demoCsv(const Results& r, size_t limit) {
+std::string demoCsv(const Snapshot& r, size_t limit) {
   return kCsvHeader + csvFreqs(r.freqs) + csvTotal(r.freqs, r.total) +
          csvTasks("process", r.freqs, sortedTasks(r.processes, limit)) +
          csvTasks("kthread", r.freqs, sortedTasks(r.kthreads, limit)) +
@@ -121,19 +102,19 @@ int runDemo(const Options& options) {
     fprintf(stderr, "Tracking started; sampling for %u s.\n", options.seconds);
   }
   sample(options.seconds);
-  const std::optional<Results> results = query();
-  if (!results) return fail("a query of the library failed (run with -v for its messages)");
+  const TakenSnapshot taken = takeSnapshot();
+  if (!taken.snapshot) return fail(taken.error);
   const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
   const size_t limit = textDefault ? kDefaultTextRows : options.limit;
   switch (options.format) {
     case Format::kJson:
-      printOut(demoJson(options, machine, *results, limit));
+      printOut(demoJson(options, machine, *taken.snapshot, limit));
       break;
     case Format::kCsv:
-      printOut(demoCsv(*results, limit));
+      printOut(demoCsv(*taken.snapshot, limit));
       break;
     case Format::kText:
-      printOut(demoText(options, machine, *results, limit));
+      printOut(demoText(options, machine, *taken.snapshot, limit));
       break;
   }
   return kExitOk;

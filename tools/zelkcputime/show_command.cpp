@@ -1,30 +1,25 @@
-// show: every number comes from one of the library's queries.
+// show: every number comes from one snapshot of the tables the view shows.
 #include <functional>
 
 #include "commands.h"
 #include "csv_views.h"
 #include "environment.h"
 #include "json_views.h"
+#include "snapshot.h"
 #include "text_table.h"
 #include "text_views.h"
-#include "zelkcpufreqtime.h"
 
 namespace zelk::cli {
 namespace {
-
-namespace lib = com::zelkora;
 
 constexpr size_t kDefaultTextRows = 20;
 
 struct Request {
   const Options& options;
+  const Snapshot& snapshot;
   const FreqTable& freqs;
   size_t limit;
 };
-
-int queryFailed(const std::string& function) {
-  return fail(function + " failed (run with -v for the library's messages)");
-}
 
 int emit(const Options& options, const std::function<std::string()>& text,
          const std::function<void(JsonWriter&)>& json, const std::function<std::string()>& csv) {
@@ -49,26 +44,19 @@ int showFreqs(const Request& r) {
 }
 
 int showTotal(const Request& r) {
-  const auto times = lib::getTotalCpuFreqTimes();
-  if (!times) {
-    // The query also comes back empty when the map holds no entry at all.
-    return fail(
-        "getTotalCpuFreqTimes returned nothing: nothing has been counted since the load "
-        "or the last reset (is `zelkcputime start` running?), or the map could not be read");
-  }
+  const Times& times = r.snapshot.total;
   return emit(
-      r.options, [&] { return textTotal(r.freqs, *times); },
+      r.options, [&] { return textTotal(r.freqs, times); },
       [&](JsonWriter& json) {
         json.key("freqs_khz").numbers(r.freqs).key("total");
-        writeTimes(json, *times);
+        writeTimes(json, times);
       },
-      [&] { return csvTotal(r.freqs, *times); });
+      [&] { return csvTotal(r.freqs, times); });
 }
 
 int showTable(const Request& r, bool kthreads) {
-  const auto table = kthreads ? lib::getKthreadCpuFreqTimes() : lib::getProcessCpuFreqTimes();
-  if (!table) return queryFailed(kthreads ? "getKthreadCpuFreqTimes" : "getProcessCpuFreqTimes");
-  const std::vector<TaskTimes> rows = sortedTasks(*table, r.limit);
+  const std::vector<TaskTimes> rows =
+      sortedTasks(kthreads ? r.snapshot.kthreads : r.snapshot.processes, r.limit);
   return emit(
       r.options, [&] { return textTaskTable(r.freqs, rows, /*withFlag=*/!kthreads); },
       [&](JsonWriter& json) {
@@ -80,18 +68,9 @@ int showTable(const Request& r, bool kthreads) {
 
 int showTask(const Request& r, bool kthread, const std::string& name) {
   const uint64_t flag = kthread || r.options.flag ? 1 : 0;
-  const auto times = kthread ? lib::getCpuFreqTimesFromKthread(name)
-                             : lib::getCpuFreqTimesFromProcess(name, flag != 0);
-  if (!times) {
-    // The single-task queries also fail on a map without any entry: say so when that is why.
-    const auto all = kthread ? lib::getKthreadCpuFreqTimes() : lib::getProcessCpuFreqTimes();
-    if (all && all->empty()) {
-      return fail(std::string("no ") + (kthread ? "kernel thread" : "process") +
-                  " has been counted yet: is `zelkcputime start` running?");
-    }
-    return queryFailed(kthread ? "getCpuFreqTimesFromKthread" : "getCpuFreqTimesFromProcess");
-  }
-  const TaskTimes task{name, flag, *times, sumTimes(*times)};
+  const TakenTask taken = takeTask(kthread, name, flag != 0);
+  if (!taken.times) return fail(taken.error);
+  const TaskTimes task{name, flag, *taken.times, sumTimes(*taken.times)};
   const std::string title =
       kthread ? "kernel thread " + printableName(name)
               : "process " + printableName(name) + (flag != 0 ? " (foreground)" : " (background)");
@@ -105,9 +84,8 @@ int showTask(const Request& r, bool kthread, const std::string& name) {
 }
 
 int showClassTimes(const Request& r, bool top) {
-  const auto table = top ? lib::getProcessTopTimes() : lib::getProcessBgTimes();
-  if (!table) return queryFailed(top ? "getProcessTopTimes" : "getProcessBgTimes");
-  const std::vector<NamedTime> rows = sortedNamedTimes(*table, r.limit);
+  const std::vector<NamedTime> rows =
+      sortedNamedTimes(top ? r.snapshot.top : r.snapshot.bg, r.limit);
   const char* name = top ? "top" : "bg";
   return emit(
       r.options, [&] { return textNamedTimes(top ? "foreground s" : "background s", rows); },
@@ -116,6 +94,16 @@ int showClassTimes(const Request& r, bool top) {
         writeNamedTimes(json, rows);
       },
       [&] { return csvNamedTimes(name, rows); });
+}
+
+// The tables `view` shows; "freqs" and the single-task views need only the frequency table.
+unsigned partsOf(const std::string& view) {
+  if (view == "total") return kTotalPart;
+  if (view == "processes") return kProcessesPart;
+  if (view == "kthreads") return kKthreadsPart;
+  if (view == "top") return kTopPart;
+  if (view == "bg") return kBgPart;
+  return 0;
 }
 
 }  // namespace
@@ -127,10 +115,13 @@ int runShow(const Options& options) {
   const std::string& view = options.words[1];
   if (std::string message = checkReady(); !message.empty()) return fail(message);
 
-  const auto freqs = lib::getCpuFreqs();
-  if (!freqs) return queryFailed("getCpuFreqs");
+  SnapshotRequest snapshotRequest;
+  snapshotRequest.parts = partsOf(view);
+  const TakenSnapshot taken = takeSnapshot(snapshotRequest);
+  if (!taken.snapshot) return fail(taken.error);
   const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
-  const Request request{options, *freqs, textDefault ? kDefaultTextRows : options.limit};
+  const Request request{options, *taken.snapshot, taken.snapshot->freqs,
+                        textDefault ? kDefaultTextRows : options.limit};
   if (view == "freqs") return showFreqs(request);
   if (view == "total") return showTotal(request);
   if (view == "processes" || view == "kthreads") return showTable(request, view == "kthreads");

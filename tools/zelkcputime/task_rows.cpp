@@ -22,26 +22,30 @@ uint64_t sumTimes(const Times& times) {
   return sum;
 }
 
+bool busierTask(const TaskTimes& a, const TaskTimes& b) {
+  if (a.total != b.total) return a.total > b.total;
+  if (a.name != b.name) return a.name < b.name;
+  return a.flag < b.flag;
+}
+
+bool busierNamed(const NamedTime& a, const NamedTime& b) {
+  return a.ns != b.ns ? a.ns > b.ns : a.name < b.name;
+}
+
 std::vector<TaskTimes> sortedTasks(const com::zelkora::TimeInStateTable& table, size_t limit) {
   std::vector<TaskTimes> rows;
   rows.reserve(table.size());
   for (const auto& [key, times] : table) {
     rows.push_back({key.comm, key.flag, times, sumTimes(times)});
   }
-  return sortedAndCut(std::move(rows), limit, [](const TaskTimes& a, const TaskTimes& b) {
-    if (a.total != b.total) return a.total > b.total;
-    if (a.name != b.name) return a.name < b.name;
-    return a.flag < b.flag;
-  });
+  return sortedAndCut(std::move(rows), limit, busierTask);
 }
 
 std::vector<NamedTime> sortedNamedTimes(const com::zelkora::TimeTable& table, size_t limit) {
   std::vector<NamedTime> rows;
   rows.reserve(table.size());
   for (const auto& [key, ns] : table) rows.push_back({key.comm, ns});
-  return sortedAndCut(std::move(rows), limit, [](const NamedTime& a, const NamedTime& b) {
-    return a.ns != b.ns ? a.ns > b.ns : a.name < b.name;
-  });
+  return sortedAndCut(std::move(rows), limit, busierNamed);
 }
 
 std::vector<ClassTimes> joinedClassTimes(const com::zelkora::TimeTable& top,

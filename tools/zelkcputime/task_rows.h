@@ -25,8 +25,12 @@ struct NamedTime {
 
 uint64_t sumTimes(const Times& times);
 
-// Ordered by total time descending, then name, then flag, so that equal times print in a stable
-// order; the first `limit` rows, or all when `limit` is 0.
+// The order of the rows: total time descending, then name, then flag, so that equal times print
+// in a stable order.
+bool busierTask(const TaskTimes& a, const TaskTimes& b);
+bool busierNamed(const NamedTime& a, const NamedTime& b);
+
+// Rows in the order above; the first `limit` rows, or all when `limit` is 0.
 std::vector<TaskTimes> sortedTasks(const com::zelkora::TimeInStateTable& table, size_t limit);
 std::vector<NamedTime> sortedNamedTimes(const com::zelkora::TimeTable& table, size_t limit);
 
