@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -99,6 +100,14 @@ inline void spin(milliseconds duration) {  // on the CPU
 }
 
 inline void sleepFor(milliseconds duration) { std::this_thread::sleep_for(duration); }
+
+// CLOCK_MONOTONIC in nanoseconds, the clock of the object's and the library's times: read here
+// rather than through the library, so that these tests need only its exported functions.
+inline uint64_t monotonicNs() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
 
 // Nanoseconds the task has run, from /proc/<pid>/schedstat.
 inline std::optional<uint64_t> runtimeNs(pid_t pid) {

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <memory>
 
-#include "accounting/clock.h"
 #include "e2e_bed.h"
 #include "maps.h"
 
@@ -25,7 +24,7 @@ uint64_t bg(const std::string& name) { return timeOf(getProcessBgTimes(), name);
 // A process's last period stays open until the kernel frees it, and the library counts it
 // meanwhile: the times below hold just after the exit whether or not the free has come.
 TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
-  const uint64_t forked = getTimeSinceBoot();
+  const uint64_t forked = monotonicNs();
   Child child([](Child& link) {
     setName("zelkadj");
     setOomScoreAdj(0);
@@ -35,11 +34,11 @@ TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
     sleepFor(milliseconds(300));
   });
   ASSERT_TRUE(child.next().has_value());
-  const uint64_t told = getTimeSinceBoot();
+  const uint64_t told = monotonicNs();
   sleepFor(milliseconds(100));
-  const uint64_t before = getTimeSinceBoot();
+  const uint64_t before = monotonicNs();
   const uint64_t open = top("zelkadj");
-  const uint64_t after = getTimeSinceBoot();
+  const uint64_t after = monotonicNs();
   // In the first sleep nothing is stored yet: this is the open period, begun between the fork
   // and the child's word.
   EXPECT_GE(open, before - told);
@@ -58,7 +57,7 @@ TEST_F(TopBgTimeTest, OomScoreAdjSplitsTopAndBackgroundAndTheOpenPeriodCounts) {
 // or another program on its CPU.
 TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
   constexpr int kChildren = 50;
-  const uint64_t started = getTimeSinceBoot();
+  const uint64_t started = monotonicNs();
   // bpf() calls on both CPUs while the processes end: the moments in which the free is skipped.
   std::atomic<bool> stop{false};
   std::vector<std::thread> callers;
@@ -98,7 +97,7 @@ TEST_F(TopBgTimeTest, EndedProcessesCloseTheirPeriodsAndAreForgotten) {
   // Every closed period is at least 100 ms, and none is longer than the whole test.
   const uint64_t background = bg("zelkend");
   EXPECT_GE(background, kChildren * 100 * kMs);
-  EXPECT_LE(background, kChildren * (getTimeSinceBoot() - started));
+  EXPECT_LE(background, kChildren * (monotonicNs() - started));
 }
 
 TEST_F(TopBgTimeTest, RenameMovesLaterTimeToTheNewName) {
@@ -146,20 +145,20 @@ TEST_F(TopBgTimeTest, ClearTopAndBgTimesRestartsTheCounts) {
     setOomScoreAdj(0);
     link.tell(0);
     link.awaitGo();
-    link.tell(static_cast<int64_t>(getTimeSinceBoot()));
+    link.tell(static_cast<int64_t>(monotonicNs()));
     setOomScoreAdj(900);
-    link.tell(static_cast<int64_t>(getTimeSinceBoot()));
+    link.tell(static_cast<int64_t>(monotonicNs()));
   });
   ASSERT_TRUE(child.next().has_value());
   EXPECT_GT(bg("zelkclr"), 50 * kMs);  // stored
   // The open foreground period grows meanwhile, so a clear that did not restart it would show.
   sleepFor(milliseconds(100));
-  const uint64_t beforeClear = getTimeSinceBoot();
+  const uint64_t beforeClear = monotonicNs();
   ASSERT_TRUE(clearTopAndBgTimes());
-  const uint64_t afterClear = getTimeSinceBoot();
+  const uint64_t afterClear = monotonicNs();
   const uint64_t open = top("zelkclr");
   EXPECT_EQ(bg("zelkclr"), 0u);
-  EXPECT_LE(open, getTimeSinceBoot() - beforeClear) << "the open period counts from the clear";
+  EXPECT_LE(open, monotonicNs() - beforeClear) << "the open period counts from the clear";
 
   child.go();
   const auto backgroundFrom = child.next();
