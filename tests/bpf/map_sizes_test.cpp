@@ -17,10 +17,12 @@ void expectSizes(const MapSizes& sizes, uint32_t names, uint32_t kthreads, uint3
 
 TEST(DefaultMapSizesTest, TypicalMachines) {
   expectSizes(defaultMapSizes(8, 32768), 4096, 320, 32768);       // phone
-  expectSizes(defaultMapSizes(2, 4194304), 4096, 272, 65536);     // VM, systemd's pid_max
-  expectSizes(defaultMapSizes(64, 4194304), 3328, 768, 65536);    // names give way to kthreads
+  expectSizes(defaultMapSizes(2, 4194304), 4096, 272, 32768);     // VM, systemd's pid_max
+  expectSizes(defaultMapSizes(64, 4194304), 3328, 768, 32768);    // names give way to kthreads
+  expectSizes(defaultMapSizes(96, 4194304), 1706, 1024, 49152);   // pids grow with the CPUs
   expectSizes(defaultMapSizes(128, 4194304), 1024, 1280, 65536);  // at the floor of names
   expectSizes(defaultMapSizes(8192, 4194304), 1024, 4096, 65536);
+  expectSizes(defaultMapSizes(128, 40000), 1024, 1280, 40000);  // pid_max bounds the pids
   // A small pid_max still leaves room; no CPUs read as one.
   expectSizes(defaultMapSizes(0, 300), 4096, 264, 4096);
 }

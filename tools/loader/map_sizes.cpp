@@ -17,6 +17,8 @@ constexpr uint64_t kMaxNames = 4096;
 constexpr uint64_t kMinNames = 1024;
 constexpr uint64_t kMaxKthreads = 4096;
 constexpr uint64_t kMinPids = 4096;
+constexpr uint64_t kPidsPerCpu = 512;
+constexpr uint64_t kMaxPidsFloor = 32768;
 constexpr uint64_t kMaxPids = 65536;
 
 std::string readPidMax(uint64_t* pidMax) {
@@ -39,7 +41,10 @@ MapSizes defaultMapSizes(uint32_t possibleCpus, uint64_t pidMax) {
   sizes.kthreads = static_cast<uint32_t>(kthreads);
   sizes.names = static_cast<uint32_t>(
       std::clamp(budget > kthreads ? budget - kthreads : 0, kMinNames, kMaxNames));
-  sizes.pids = static_cast<uint32_t>(std::clamp(pidMax, kMinPids, kMaxPids));
+  // A pid entry costs about 80 bytes in each of three maps, and distributions raise pid_max to
+  // 4194304 on any machine: a small one gets no more entries than it can have processes.
+  const uint64_t maxPids = std::clamp(kPidsPerCpu * cpus, kMaxPidsFloor, kMaxPids);
+  sizes.pids = static_cast<uint32_t>(std::clamp(pidMax, kMinPids, maxPids));
   return sizes;
 }
 

@@ -37,7 +37,8 @@ inline constexpr uint64_t kTimeInStateBytes = 256;
 //   kthreads = min(256 + 8 x CPUs, 4096): some names per CPU (ksoftirqd/N, migration/N,
 //              kworker/N:M...) and, shared, unbound kworkers, IRQ and driver threads;
 //   names    = what keeps both per-CPU counting maps within 64 MiB, in [1024, 4096];
-//   pids     = pid_max in [4096, 65536]: no more processes can live at once.
+//   pids     = pid_max (no more processes can live at once) in [4096, 512 x CPUs], the upper
+//              bound itself within [32768, 65536].
 MapSizes defaultMapSizes(uint32_t possibleCpus, uint64_t pidMax);
 
 // `sizes` with each 0 replaced by this machine's default (possible CPUs from libbpf,
