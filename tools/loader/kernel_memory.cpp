@@ -33,7 +33,7 @@ std::string formatBytes(uint64_t bytes) {
   } else if (kib < 1024) {
     snprintf(text, sizeof(text), "%" PRIu64 " KiB", kib);
   } else {
-    snprintf(text, sizeof(text), "%.1f MiB", bytes / 1048576.0);
+    snprintf(text, sizeof(text), "%.1f MiB", static_cast<double>(bytes) / 1048576.0);
   }
   return text;
 }
