@@ -2,6 +2,7 @@
 // removes its pins. Prints one line; exits 0 on success, 1 on failure, 2 on a usage error.
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "object_loader.h"
 
@@ -9,10 +10,19 @@ namespace {
 
 int usage() {
   fprintf(stderr,
-          "usage: zelk-loader [load [--replace] | unload]\n"
-          "  load       load the object and pin its maps and programs under /sys/fs/bpf (default)\n"
-          "  --replace  replace pins that already exist\n"
-          "  unload     remove the object's pins\n");
+          "usage: zelk-loader [load [--replace] [--names N] [--kthreads N] [--pids N] | unload]\n"
+          "  load          load the object and pin its maps and programs under /sys/fs/bpf "
+          "(default)\n"
+          "  --replace     replace pins that already exist\n"
+          "  --names N     entries of the maps keyed by process name (default from the CPUs)\n"
+          "  --kthreads N  entries of the kernel-thread map (default from the CPUs)\n"
+          "  --pids N      entries of the maps keyed by pid (default from pid_max)\n"
+          "  unload        remove the object's pins\n");
+  return 2;
+}
+
+int usageError(const std::string& message) {
+  fprintf(stderr, "zelk-loader: %s\n", message.c_str());
   return 2;
 }
 
@@ -20,7 +30,7 @@ int usage() {
 
 int main(int argc, char** argv) {
   bool unload = false;
-  bool replace = false;
+  zelk::loader::LoadOptions options;
   int arg = 1;
   if (arg < argc && strcmp(argv[arg], "load") == 0) {
     ++arg;
@@ -28,14 +38,24 @@ int main(int argc, char** argv) {
     unload = true;
     ++arg;
   }
-  if (!unload && arg < argc && strcmp(argv[arg], "--replace") == 0) {
-    replace = true;
+  for (; !unload && arg < argc; ++arg) {
+    const std::string option = argv[arg];
+    if (option == "--replace") {
+      options.replace = true;
+      continue;
+    }
+    uint32_t* entries = option == "--names"      ? &options.sizes.names
+                        : option == "--kthreads" ? &options.sizes.kthreads
+                        : option == "--pids"     ? &options.sizes.pids
+                                                 : nullptr;
+    if (entries == nullptr) return usage();
+    const std::string error =
+        zelk::loader::parseMapSize(option, arg + 1 < argc ? argv[arg + 1] : "", entries);
+    if (!error.empty()) return usageError(error);
     ++arg;
   }
   if (arg != argc) return usage();
 
-  zelk::loader::LoadOptions options;
-  options.replace = replace;
   const zelk::loader::Outcome outcome =
       unload ? zelk::loader::unload() : zelk::loader::load(options);
   if (!outcome.ok()) {

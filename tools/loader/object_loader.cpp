@@ -14,6 +14,7 @@
 #include <memory>
 #include <vector>
 
+#include "kernel_memory.h"
 #include "libbpf_messages.h"
 
 namespace zelk::loader {
@@ -81,10 +82,52 @@ std::string loadFailure(int error, const std::string& messages) {
   return message;
 }
 
+// libbpf names the map it could not create: "map 'name': failed to create: ...".
+std::string mapCreationFailure(int error, const std::string& messages, const MapSizes& sizes) {
+  for (const SizedMap& sized : kSizedMaps) {
+    if (messages.find(std::string("map '") + sized.name + "': failed to create") ==
+        std::string::npos) {
+      continue;
+    }
+    return withErrno("the kernel refused " + std::string(sized.name) + " with " +
+                         std::to_string(sizes.*sized.entries) + " entries (" + sized.option + ")",
+                     error) +
+           (error == ENOMEM ? "; a smaller " + std::string(sized.option) + " may fit" : "");
+  }
+  return "";
+}
+
 struct ObjectCloser {
   void operator()(bpf_object* object) const { bpf_object__close(object); }
 };
 using ObjectPtr = std::unique_ptr<bpf_object, ObjectCloser>;
+
+std::string setSizes(bpf_object* object, const MapSizes& sizes) {
+  for (const SizedMap& sized : kSizedMaps) {
+    // Another object (a test's) may lack the map.
+    bpf_map* map = bpf_object__find_map_by_name(object, sized.name);
+    if (map != nullptr && bpf_map__set_max_entries(map, sizes.*sized.entries) != 0) {
+      return withErrno(std::string("cannot size ") + sized.name, errno);
+    }
+  }
+  return "";
+}
+
+std::string memoryOf(bpf_object* object, uint64_t* total) {
+  std::vector<MapMemory> maps;
+  bpf_map* map;
+  bpf_object__for_each_map(map, object) {
+    maps.push_back({bpf_map__name(map), memlockBytes(bpf_map__fd(map))});
+    *total += maps.back().bytes;
+  }
+  uint64_t programBytes = 0;
+  bpf_program* program;
+  bpf_object__for_each_program(program, object) {
+    programBytes += memlockBytes(bpf_program__fd(program));
+  }
+  *total += programBytes;
+  return describeKernelMemory(std::move(maps), programBytes);
+}
 
 std::string writeClearTime(bpf_object* object) {
   bpf_map* map = bpf_object__find_map_by_name(object, "clear_time_map");
@@ -159,15 +202,20 @@ Outcome load(const LoadOptions& options) {
                   "); nothing changed, --replace reloads it");
   }
 
-  std::string error = checkBpfUsable();
+  MapSizes sizes = options.sizes;
+  std::string error = fillDefaultSizes(&sizes);
+  if (error.empty()) error = checkBpfUsable();
   if (error.empty()) error = checkKernelBtf();
   if (!error.empty()) return failed(error);
 
   LIBBPF_OPTS(bpf_object_open_opts, openOptions, .object_name = kObjectName);
   ObjectPtr object(bpf_object__open_mem(options.object.data, options.object.size, &openOptions));
   if (!object) return failed(withErrno("cannot read the BPF object", errno));
+  error = setSizes(object.get(), sizes);
+  if (!error.empty()) return failed(error);
   if (const int result = bpf_object__load(object.get()); result != 0) {
-    return failed(loadFailure(-result, messages.text()));
+    error = mapCreationFailure(-result, messages.text(), sizes);
+    return failed(error.empty() ? loadFailure(-result, messages.text()) : error);
   }
   error = writeClearTime(object.get());
   if (!error.empty()) return failed(error);
@@ -175,9 +223,13 @@ Outcome load(const LoadOptions& options) {
   if (options.replace) removePins(paths);
   error = pinAll(object.get());
   if (!error.empty()) return failed(error);
-  return {Status::kLoaded, "loaded zelkCputimeInState: pinned " + std::to_string(pins.maps.size()) +
-                               " maps and " + std::to_string(pins.programs.size()) +
-                               " programs under " + kBpffsDir};
+  Outcome outcome{Status::kLoaded, ""};
+  const std::string memory = memoryOf(object.get(), &outcome.kernelBytes);
+  outcome.message = "loaded zelkCputimeInState (" + describeSizes(sizes) + "): pinned " +
+                    std::to_string(pins.maps.size()) + " maps and " +
+                    std::to_string(pins.programs.size()) + " programs under " + kBpffsDir + "; " +
+                    memory;
+  return outcome;
 }
 
 Outcome unload(ObjectBytes object) {

@@ -2,8 +2,10 @@
 // finds them, without attaching anything; unloads by removing exactly those pins.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
+#include "map_sizes.h"
 #include "object_pins.h"
 
 namespace zelk::loader {
@@ -19,17 +21,19 @@ enum class Status {
 struct Outcome {
   Status status;
   std::string message;  // one line saying what happened or what failed (a verifier log follows)
+  uint64_t kernelBytes = 0;  // after a load: the memlock of its maps and programs
   bool ok() const { return status != Status::kFailed; }
 };
 
 struct LoadOptions {
   bool replace = false;  // replace existing pins instead of leaving them
+  MapSizes sizes;        // a 0 takes the machine's default
   ObjectBytes object = embeddedObject();
 };
 
 // Mounts bpffs on /sys/fs/bpf if needed, loads the object, writes the load time (CLOCK_MONOTONIC
 // nanoseconds) into clear_time_map key 0 and pins every map and program. On failure nothing of
-// this load stays pinned.
+// this load stays pinned. The message of a load tells the sizes and the kernel memory taken.
 Outcome load(const LoadOptions& options = {});
 
 // Removes the object's pins under /sys/fs/bpf, and nothing else.

@@ -19,6 +19,7 @@ int runLoad(const Options& options) {
   if (std::string message = checkRoot(); !message.empty()) return fail(message);
   loader::LoadOptions load;
   load.replace = options.replace;
+  load.sizes = options.sizes;
   return report(loader::load(load));
 }
 

@@ -19,7 +19,10 @@ constexpr const char kUsage[] =
     "\n"
     "  demo [--seconds N]      load, track and sample this machine for N s (default 5) in a\n"
     "                          private mount namespace, then show what was counted\n"
-    "  load [--replace]        load the kernel object and pin it under /sys/fs/bpf\n"
+    "  load [--replace] [--names N] [--kthreads N] [--pids N]\n"
+    "                          load the kernel object and pin it under /sys/fs/bpf, its maps\n"
+    "                          sized for N process names, kernel threads and pids (defaults\n"
+    "                          from the CPUs and pid_max)\n"
     "  unload                  remove the kernel object's pins\n"
     "  start [--seconds N]     track until interrupted (or for N s); counts stay in the maps\n"
     "  status                  root, bpffs, pins, policies, support, where tracking runs\n"
@@ -46,7 +49,7 @@ struct Command {
 
 const Command kCommands[] = {
     {"demo", runDemo, {"--seconds", "--json", "--csv", "--limit"}},
-    {"load", runLoad, {"--replace"}},
+    {"load", runLoad, {"--replace", "--names", "--kthreads", "--pids"}},
     {"unload", runUnload, {}},
     {"start", runStart, {"--seconds"}},
     {"status", runStatus, {"--json"}},

@@ -43,6 +43,13 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       } else {
         options.seconds = static_cast<unsigned>(value);
       }
+    } else if (name == "--names" || name == "--kthreads" || name == "--pids") {
+      uint32_t* entries = name == "--names"      ? &options.sizes.names
+                          : name == "--kthreads" ? &options.sizes.kthreads
+                                                 : &options.sizes.pids;
+      parsed.error = loader::parseMapSize(name, i + 1 < args.size() ? args[i + 1] : "", entries);
+      if (!parsed.error.empty()) return parsed;
+      ++i;
     } else if (name == "--json" || name == "--csv") {
       if (options.given.count(name == "--json" ? "--csv" : "--json") != 0) {
         parsed.error = "--json and --csv exclude each other";

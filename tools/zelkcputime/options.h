@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "map_sizes.h"
+
 namespace zelk::cli {
 
 enum class Format { kText, kJson, kCsv };
@@ -18,6 +20,7 @@ struct Options {
   unsigned seconds = 5;
   bool flag = false;  // the foreground entry of a process
   bool replace = false;
+  loader::MapSizes sizes;  // of load; 0: the machine's default
   bool verbose = false;
   bool help = false;
 };
@@ -27,8 +30,9 @@ struct ParsedOptions {
   std::string error;  // "" when the command line is well formed
 };
 
-// Options: --json, --csv, --limit N, --seconds N (1 to 3600), --flag, --replace, -v/--verbose,
-// -h/--help; "--" ends the options, so that a task named like one can be given.
+// Options: --json, --csv, --limit N, --seconds N (1 to 3600), --flag, --replace, --names N,
+// --kthreads N, --pids N, -v/--verbose, -h/--help; "--" ends the options, so that a task named like
+// one can be given.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 
 }  // namespace zelk::cli
