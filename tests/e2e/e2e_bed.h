@@ -36,6 +36,8 @@ class TrackingTest : public KernelTest {
   NamespaceOptions namespaceOptions() const override { return {.tracefs = true}; }
   // The object file to load instead of the loader's own.
   virtual const char* objectFile() const { return nullptr; }
+  // Anything else to ask of the load, such as map sizes.
+  virtual void adjustLoad(loader::LoadOptions&) const {}
   void SetUp() override {
     KernelTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
@@ -45,6 +47,7 @@ class TrackingTest : public KernelTest {
       ASSERT_TRUE(android::base::ReadFileToString(objectFile(), &bytes)) << objectFile();
       options.object = {bytes.data(), bytes.size()};
     }
+    adjustLoad(options);
     const loader::Outcome outcome = loader::load(options);
     ASSERT_EQ(outcome.status, loader::Status::kLoaded) << outcome.message;
     std::vector<uint64_t> freqs;  // one per slot of the object: every slot shows in the results
