@@ -1,9 +1,9 @@
 /* The maps of zelkCputimeInState: the thirteen that the library uses, and overflow_count_map.
  *
  * All hash maps are preallocated: the programs run inside the scheduler, where older kernels
- * must not allocate. Sizes bound the memory of the per-CPU maps (entries x 256 bytes x CPUs):
- * names are few (a phone runs some hundreds of processes, each name in at most two classes) and
- * the library drains these maps; pids are keyed per process, not per thread. */
+ * must not allocate. The loader sets the name, kernel-thread and pid sizes for the machine
+ * (README.md); these are the compiled sizes, which a load without the loader keeps. A full
+ * counting map sends new names' time to its overflow entry (overflow.bpf.h). */
 #pragma once
 
 #include "records.h"
