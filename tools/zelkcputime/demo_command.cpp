@@ -49,8 +49,19 @@ std::string heading(const std::string& title, size_t shown, size_t all) {
   return "\n" + title + " (" + std::to_string(shown) + " of " + std::to_string(all) + "):\n";
 }
 
+// What the sampler cost, so that its users can weigh it against what it buys.
+std::string samplerText(const Options& options, const SamplerStats& stats) {
+  char text[160];
+  snprintf(text, sizeof(text),
+           "The frequency sampler woke %llu times in %u s and used %.2f ms of CPU (%llu "
+           "readings skipped).\n",
+           static_cast<unsigned long long>(stats.wakeups), options.seconds, stats.cpuNs / 1e6,
+           static_cast<unsigned long long>(stats.skipped));
+  return text;
+}
+
 std::string demoText(const Options& options, const DemoMachine& machine, const Snapshot& r,
-                     size_t limit) {
+                     size_t limit, const std::optional<SamplerStats>& sampler) {
   const auto processes = sortedTasks(r.processes, limit);
   const auto kthreads = sortedTasks(r.kthreads, limit);
   const auto classes = joinedClassTimes(r.top, r.bg, limit);
@@ -63,14 +74,17 @@ std::string demoText(const Options& options, const DemoMachine& machine, const S
          heading("Busiest kernel threads", kthreads.size(), r.kthreads.size()) +
          textTaskTable(r.freqs, kthreads, /*withFlag=*/false) +
          heading("Foreground and background time per task name", classes.size(), classNames) +
-         "(time spent in each class since the load, not CPU time)\n" + textClassTimes(classes);
+         "(time spent in each class since the load, not CPU time)\n" + textClassTimes(classes) +
+         (sampler ? "\n" + samplerText(options, *sampler) : "");
 }
 
 std::string demoJson(const Options& options, const DemoMachine& machine, const Snapshot& r,
                      size_t limit) {
   JsonWriter json;
   json.beginObject().key("seconds").value(uint64_t{options.seconds});
-  json.key("synthetic").value(machine.synthetic).key("freqs_khz").numbers(r.freqs);
+  json.key("synthetic").value(machine.synthetic).key("sampled_ms");
+  machine.sampledMs != 0 ? json.value(uint64_t{machine.sampledMs}) : json.null();
+  json.key("freqs_khz").numbers(r.freqs);
   json.key("total");
   writeTimes(json, r.total);
   json.key("processes");
@@ -97,12 +111,15 @@ std::string demoCsv(const Snapshot& r, size_t limit) {
 int runDemo(const Options& options) {
   if (options.words.size() != 1) return usageError("demo takes no argument");
   DemoMachine machine;
-  if (std::string error = setUpDemo(&machine); !error.empty()) return fail(error);
+  const Sampling sampling{options.sample, options.sampleMs};
+  if (std::string error = setUpDemo(sampling, &machine); !error.empty()) return fail(error);
   if (options.format == Format::kText) {
     fprintf(stderr, "Tracking started; sampling for %u s.\n", options.seconds);
   }
   sample(options.seconds);
   const TakenSnapshot taken = takeSnapshot();
+  std::optional<SamplerStats> sampler;
+  if (machine.sampler) sampler = machine.sampler->stop();
   if (!taken.snapshot) return fail(taken.error);
   const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
   const size_t limit = textDefault ? kDefaultTextRows : options.limit;
@@ -114,7 +131,7 @@ int runDemo(const Options& options) {
       printOut(demoCsv(*taken.snapshot, limit));
       break;
     case Format::kText:
-      printOut(demoText(options, machine, *taken.snapshot, limit));
+      printOut(demoText(options, machine, *taken.snapshot, limit, sampler));
       break;
   }
   return kExitOk;

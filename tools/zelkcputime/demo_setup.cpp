@@ -7,6 +7,7 @@
 #include "environment.h"
 #include "object_loader.h"
 #include "private_mounts.h"
+#include "sampled_tree.h"
 #include "synthetic_policy.h"
 #include "units.h"
 #include "zelkcpufreqtime.h"
@@ -38,25 +39,78 @@ std::string useSyntheticPolicy(DemoMachine* machine) {
   return "";
 }
 
+// Policies without a table get bins; those and, when asked, the others are sampled.
+std::string useRealPolicies(const Sampling& sampling, std::vector<RealPolicy>* policies,
+                            DemoMachine* machine) {
+  std::string error;
+  *policies = readRealPolicies(sampling.always, &error);
+  if (!error.empty()) return error;
+  std::string sampled, exact;
+  bool binned = false;
+  for (const RealPolicy& policy : *policies) {
+    const std::string cpus = " (" + (policy.driver.empty() ? "" : policy.driver + ", ") + "CPUs " +
+                             policy.relatedCpus + ")";
+    if (!policy.hasTable) {
+      binned = true;
+      sampled += " " + policy.name + cpus + " in " + std::to_string(policy.bins.size()) +
+                 " bins from " + formatMhz(policy.bins.front()) + " to " +
+                 formatMhz(policy.bins.back()) + " MHz;";
+    } else if (policy.curFreq.get() >= 0) {
+      sampled += " " + policy.name + cpus + " at its own frequencies;";
+    } else {
+      exact += " " + policy.name + cpus;
+    }
+  }
+  if (binned) {
+    if (std::string failed = mountBinnedCpufreq(*policies); !failed.empty()) return failed;
+  }
+  if (sampled.empty()) {
+    machine->policies = "the machine's cpufreq policies:" + exact;
+    return "";
+  }
+  machine->sampledMs = sampling.periodMs;
+  const std::string period = std::to_string(sampling.periodMs) + " ms";
+  machine->policies = "SAMPLED every " + period + ": the time of" + sampled +
+                      " counts at the frequency nearest its scaling_cur_freq, read every " +
+                      period + ", not at each frequency event" +
+                      (exact.empty() ? "" : "; event-exact:" + exact);
+  return "";
+}
+
+std::string startSampler(const Sampling& sampling, std::vector<RealPolicy>& policies,
+                         DemoMachine* machine) {
+  const auto freqs = com::zelkora::getCpuFreqs();
+  if (!freqs || freqs->size() != policies.size()) {
+    return "the library's policies are not the machine's (run with -v for its messages)";
+  }
+  std::vector<SampledPolicy> sampled;
+  for (size_t i = 0; i < policies.size(); ++i) {
+    if (policies[i].curFreq.get() < 0) continue;
+    sampled.push_back(
+        {static_cast<uint32_t>(i), policies[i].name, std::move(policies[i].curFreq), (*freqs)[i]});
+  }
+  machine->sampler = std::make_unique<FrequencySampler>(
+      std::move(sampled), std::chrono::milliseconds(sampling.periodMs));
+  return machine->sampler->start();
+}
+
 }  // namespace
 
-std::string setUpDemo(DemoMachine* machine) {
+std::string setUpDemo(const Sampling& sampling, DemoMachine* machine) {
   if (std::string message = checkRoot(); !message.empty()) return message;
   if (std::string error = enterPrivateMounts(); !error.empty()) return error;
-  const std::vector<PolicyDir> policies = cpufreqPolicies();
-  if (policies.empty()) {
+  std::vector<RealPolicy> policies;
+  if (cpufreqPolicies().empty()) {
     if (std::string error = useSyntheticPolicy(machine); !error.empty()) return error;
-  } else {
-    machine->policies = "the machine's cpufreq policies:";
-    for (const PolicyDir& policy : policies) {
-      machine->policies += " " + policy.name + " (CPUs " + policy.relatedCpus + ")";
-    }
+  } else if (std::string error = useRealPolicies(sampling, &policies, machine); !error.empty()) {
+    return error;
   }
   const loader::Outcome loaded = loader::load();
   if (loaded.status != loader::Status::kLoaded) return loaded.message;
   if (!com::zelkora::startTrackingCpuFreqTime()) {
     return "the library could not start tracking (run with -v for its messages)";
   }
+  if (machine->sampledMs != 0) return startSampler(sampling, policies, machine);
   return "";
 }
 

@@ -55,8 +55,31 @@ std::string checkBpffs() {
 namespace {
 
 // At least one cpufreq policy directory.
+// A policy whose driver publishes no frequency (intel_pstate, amd-pstate) stops the library.
+std::string checkFrequencyTable(const PolicyDir& policy) {
+  const std::string base = std::string(kCpufreqDir) + "/" + policy.name + "/";
+  for (const char* name : {"scaling_available_frequencies", "scaling_boost_frequencies"}) {
+    std::string text;
+    if (android::base::ReadFileToString(base + name, &text) &&
+        text.find_first_of("0123456789") != std::string::npos) {
+      return "";
+    }
+  }
+  std::string driver;
+  android::base::ReadFileToString(base + "scaling_driver", &driver);
+  driver = android::base::Trim(driver);
+  return policy.name + " (driver " + (driver.empty() ? "unknown" : driver) +
+         ") publishes no frequency table, so the library cannot count per frequency across "
+         "processes on this machine; `zelkcputime demo` counts in frequency bins sampled from "
+         "scaling_cur_freq, in its own namespace";
+}
+
 std::string checkCpufreq() {
-  if (!cpufreqPolicies().empty()) return "";
+  const std::vector<PolicyDir> policies = cpufreqPolicies();
+  for (const PolicyDir& policy : policies) {
+    if (std::string message = checkFrequencyTable(policy); !message.empty()) return message;
+  }
+  if (!policies.empty()) return "";
   return std::string("no cpufreq policies in ") + kCpufreqDir +
          ": this machine has no cpufreq driver (usual in virtual machines), so it has no CPU "
          "frequencies to account for; `zelkcputime demo` shows the tool on a synthetic policy";

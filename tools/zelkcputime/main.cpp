@@ -19,6 +19,9 @@ constexpr const char kUsage[] =
     "\n"
     "  demo [--seconds N]      load, track and sample this machine for N s (default 5) in a\n"
     "                          private mount namespace, then show what was counted\n"
+    "       [--sample] [--sample-ms P]  a policy without a frequency table counts in bins\n"
+    "                          at its scaling_cur_freq read every P ms (default 20);\n"
+    "                          --sample does so for every policy (no frequency events)\n"
     "  load [--replace] [--names N] [--kthreads N] [--pids N]\n"
     "                          load the kernel object and pin it under /sys/fs/bpf, its maps\n"
     "                          sized for N process names, kernel threads and pids (defaults\n"
@@ -48,7 +51,7 @@ struct Command {
 };
 
 const Command kCommands[] = {
-    {"demo", runDemo, {"--seconds", "--json", "--csv", "--limit"}},
+    {"demo", runDemo, {"--seconds", "--json", "--csv", "--limit", "--sample", "--sample-ms"}},
     {"load", runLoad, {"--replace", "--names", "--kthreads", "--pids"}},
     {"unload", runUnload, {}},
     {"start", runStart, {"--seconds"}},

@@ -28,7 +28,17 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       continue;
     }
     std::string name = arg == "-v" ? "--verbose" : arg == "-h" ? "--help" : arg;
-    if (name == "--limit" || name == "--seconds") {
+    if (name == "--sample-ms") {
+      unsigned long long value = 0;
+      if (i + 1 >= args.size() || !parseCount(args[i + 1], 1, 1000, &value)) {
+        parsed.error = "--sample-ms takes a period in milliseconds from 1 to 1000";
+        return parsed;
+      }
+      ++i;
+      options.sampleMs = static_cast<unsigned>(value);
+    } else if (name == "--sample") {
+      options.sample = true;
+    } else if (name == "--limit" || name == "--seconds") {
       unsigned long long value = 0;
       const bool limit = name == "--limit";
       if (i + 1 >= args.size() ||

@@ -20,6 +20,8 @@ struct Options {
   unsigned seconds = 5;
   bool flag = false;  // the foreground entry of a process
   bool replace = false;
+  bool sample = false;     // sample the current frequency of every policy, not only tableless
+  unsigned sampleMs = 20;  // the sampler's period
   loader::MapSizes sizes;  // of load; 0: the machine's default
   bool verbose = false;
   bool help = false;
@@ -30,7 +32,8 @@ struct ParsedOptions {
   std::string error;  // "" when the command line is well formed
 };
 
-// Options: --json, --csv, --limit N, --seconds N (1 to 3600), --flag, --replace, --names N,
+// Options: --json, --csv, --limit N, --seconds N (1 to 3600), --sample, --sample-ms N (1 to
+// 1000), --flag, --replace, --names N,
 // --kthreads N, --pids N, -v/--verbose, -h/--help; "--" ends the options, so that a task named like
 // one can be given.
 ParsedOptions parseOptions(const std::vector<std::string>& args);

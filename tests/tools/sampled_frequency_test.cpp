@@ -1,0 +1,194 @@
+// The demo on a machine whose cpufreq driver publishes no frequency table (intel_pstate-like):
+// the test's tmpfs plays the real policy tree, and its writes to scaling_cur_freq play the
+// hardware's frequency changes.
+#include <android-base/file.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "child_process.h"
+#include "maps.h"
+#include "namespace.h"
+
+namespace zelk::testbed {
+namespace {
+
+using std::chrono::milliseconds;
+using Args = std::vector<std::string>;
+
+constexpr int kPeriodMs = 20;
+
+ChildResult runTool(const Args& args) {
+  return runProgram(ZELK_TOOL_PATH, args, nullptr, /*withStderr=*/false);
+}
+
+uint64_t ownRuntimeNs() {
+  std::string text;
+  android::base::ReadFileToString("/proc/self/schedstat", &text);
+  return std::stoull(text);
+}
+
+// Busy, but off the CPU for a moment every millisecond, so that its time is counted at the
+// frequency index of that moment and not at the end of a long slice.
+void busyFor(milliseconds duration) {
+  const auto end = std::chrono::steady_clock::now() + duration;
+  while (std::chrono::steady_clock::now() < end) {
+    const auto slice = std::chrono::steady_clock::now() + milliseconds(1);
+    while (std::chrono::steady_clock::now() < slice) {
+    }
+    usleep(50);
+  }
+}
+
+void setCurrent(uint64_t khz) {
+  writeCpufreqFile("policy0/scaling_cur_freq", std::to_string(khz) + "\n");
+}
+
+// A child named `name` that, once the demo runs, is busy for 1 s at each frequency in turn,
+// writing each as the hardware would; its runtime per phase goes to `out`, one line each.
+pid_t phasedChild(const char* name, const std::vector<uint64_t>& khz, int out) {
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  prctl(PR_SET_NAME, name, 0, 0, 0);
+  std::this_thread::sleep_for(milliseconds(1500));  // the demo loads and starts meanwhile
+  std::string runtimes;
+  for (uint64_t f : khz) {
+    setCurrent(f);
+    std::this_thread::sleep_for(milliseconds(5 * kPeriodMs));  // sampled before it counts
+    const uint64_t start = ownRuntimeNs();
+    busyFor(milliseconds(1000));
+    runtimes += std::to_string(ownRuntimeNs() - start) + "\n";
+    std::this_thread::sleep_for(milliseconds(5 * kPeriodMs));  // counted before the change
+  }
+  writeAll(out, runtimes);
+  _exit(0);
+}
+
+// The child's per-frequency times from the demo's JSON.
+std::vector<uint64_t> childTimes(const std::string& json, const std::string& name) {
+  std::smatch match;
+  const std::regex row("\\{\"name\":\"" + name +
+                       "\",\"flag\":[01],\"total_ns\":[0-9]+,\"time_ns\":\\[\\[([0-9,]+)\\]\\]\\}");
+  std::vector<uint64_t> times;
+  if (!std::regex_search(json, match, row)) return times;
+  std::stringstream list(match[1].str());
+  for (std::string number; std::getline(list, number, ',');) times.push_back(std::stoull(number));
+  return times;
+}
+
+class SampledFrequencyTest : public KernelTest {
+ protected:
+  NamespaceOptions namespaceOptions() const override { return {.tracefs = true}; }
+  // policy0 over every CPU, as intel_pstate shows it: limits and a current frequency, no table.
+  void SetUp() override {
+    KernelTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    std::vector<uint64_t> cpus;
+    for (uint32_t cpu = 0; cpu < possibleCpus(); ++cpu) cpus.push_back(cpu);
+    writeCpufreqFile("policy0/related_cpus", kernelList(cpus));
+    writeCpufreqFile("policy0/cpuinfo_min_freq", "800000\n");
+    writeCpufreqFile("policy0/cpuinfo_max_freq", "3000000\n");
+    writeCpufreqFile("policy0/scaling_driver", "intel_pstate\n");
+    setCurrent(800000);
+  }
+};
+
+TEST_F(SampledFrequencyTest, TimeLandsInTheBinOfTheSampledFrequency) {
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  const pid_t child = phasedChild("zelkphased", {1200000, 2400000}, pipeFds[1]);
+  ASSERT_GT(child, 0);
+  close(pipeFds[1]);
+  const ChildResult run = runTool({"demo", "--seconds", "5", "--json", "--limit", "0",
+                                   "--sample-ms", std::to_string(kPeriodMs)});
+  std::string runtimes;
+  android::base::ReadFdToString(pipeFds[0], &runtimes);
+  close(pipeFds[0]);
+  waitpid(child, nullptr, 0);
+  ASSERT_EQ(run.status, 0) << run.output;
+  EXPECT_TRUE(std::regex_search(run.output,
+                                std::regex("\"sampled_ms\":20,\"freqs_khz\":\\[\\[800000,900000,")))
+      << run.output.substr(0, 300);
+
+  const std::vector<uint64_t> times = childTimes(run.output, "zelkphased");
+  ASSERT_EQ(times.size(), 23u) << run.output;
+  std::stringstream lines(runtimes);
+  uint64_t first = 0, second = 0;
+  lines >> first >> second;
+  ASSERT_GT(second, 0u) << "the child did not report";
+  const uint64_t slack = 2 * kPeriodMs * 1000000ull;
+  printf("1200 MHz: counted %.1f ms, ran %.1f ms; 2400 MHz: counted %.1f ms, ran %.1f ms\n",
+         times[4] / 1e6, first / 1e6, times[16] / 1e6, second / 1e6);
+  EXPECT_NEAR(static_cast<double>(times[4]), first, slack);
+  EXPECT_NEAR(static_cast<double>(times[16]), second, slack);
+  uint64_t all = 0;
+  for (uint64_t t : times) all += t;
+  // Nothing is lost to sampling: the total is the child's runtime (within the 2% by which the
+  // object's switch-to-switch time and schedstat's task clock differ under load), and all but
+  // its moments between the phases is in the two bins.
+  EXPECT_NEAR(static_cast<double>(all), first + second, 0.02 * (first + second));
+  EXPECT_LT(all - times[4] - times[16], slack);
+}
+
+TEST_F(SampledFrequencyTest, GarbageInScalingCurFreqSkipsSamplesAndKeepsTheLastBin) {
+  writeCpufreqFile("policy0/scaling_cur_freq", "garbage\n");
+  const ChildResult run = runTool({"demo", "--seconds", "1", "--sample-ms", "10"});
+  ASSERT_EQ(run.status, 0) << run.output;
+  EXPECT_TRUE(std::regex_search(
+      run.output, std::regex("SAMPLED every 10 ms: the time of policy0 \\(intel_pstate, CPUs "
+                             "[^)]*\\) in 23 bins from 800 to 3000 MHz")))
+      << run.output;
+  EXPECT_TRUE(std::regex_search(
+      run.output, std::regex("The frequency sampler woke [0-9]+ times in 1 s and used [0-9.]+ ms "
+                             "of CPU \\([1-9][0-9]* readings skipped\\)")))
+      << run.output;
+}
+
+TEST_F(SampledFrequencyTest, WithoutATableStartSaysWhichDriverAndWhatWorks) {
+  const ChildResult run = runProgram(ZELK_TOOL_PATH, {"start", "--seconds", "1"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_TRUE(
+      std::regex_search(run.output, std::regex("zelkcputime: policy0 \\(driver intel_pstate\\) "
+                                               "publishes no frequency table.*`zelkcputime demo`")))
+      << run.output;
+}
+
+// A table, but no frequency events (a driver that never reports its changes): --sample follows
+// scaling_cur_freq, where the tracking start alone would keep the first frequency for ever.
+class SampledTableTest : public KernelTest {
+ protected:
+  NamespaceOptions namespaceOptions() const override { return {.tracefs = true}; }
+};
+
+TEST_F(SampledTableTest, SampleOptionFollowsAPolicyWithATable) {
+  addMachinePolicy({1000000, 2000000});
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  const pid_t child = phasedChild("zelktabled", {2000000}, pipeFds[1]);
+  ASSERT_GT(child, 0);
+  close(pipeFds[1]);
+  const ChildResult run = runTool({"demo", "--seconds", "4", "--json", "--limit", "0", "--sample",
+                                   "--sample-ms", std::to_string(kPeriodMs)});
+  std::string runtime;
+  android::base::ReadFdToString(pipeFds[0], &runtime);
+  close(pipeFds[0]);
+  waitpid(child, nullptr, 0);
+  ASSERT_EQ(run.status, 0) << run.output;
+  const std::vector<uint64_t> times = childTimes(run.output, "zelktabled");
+  ASSERT_EQ(times.size(), 2u) << run.output;
+  const uint64_t ran = std::stoull(runtime);
+  printf("2000 MHz: counted %.1f ms, ran %.1f ms; 1000 MHz: %.1f ms\n", times[1] / 1e6, ran / 1e6,
+         times[0] / 1e6);
+  EXPECT_NEAR(static_cast<double>(times[1]), ran, 2 * kPeriodMs * 1000000.0);
+}
+
+}  // namespace
+}  // namespace zelk::testbed

@@ -1,0 +1,64 @@
+// Where a cpufreq policy has no frequency events to follow (a driver without a table, or
+// hardware-managed P-states), a thread reads its scaling_cur_freq every period and writes the
+// nearest frequency's index into the kernel object's current-frequency map, where the frequency
+// program would. On x86, scaling_cur_freq is the average frequency delivered since its last
+// read, so time counts at what the CPU ran at, averaged over the period.
+#pragma once
+
+#include <android-base/unique_fd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zelk::cli {
+
+struct SampledPolicy {
+  uint32_t ordinal;                  // its place in the library's policy order
+  std::string name;                  // "policy0"
+  android::base::unique_fd curFreq;  // the real scaling_cur_freq, opened before any tmpfs
+  std::vector<uint64_t> freqs;       // the policy's table as the library has it, kHz
+};
+
+struct SamplerStats {
+  uint64_t wakeups = 0;
+  uint64_t samples = 0;  // readings that selected a frequency
+  uint64_t skipped = 0;  // readings that could not be read or parsed
+  uint64_t writes = 0;   // map updates: only when the nearest frequency changed
+  uint64_t cpuNs = 0;    // the thread's own CPU time
+};
+
+class FrequencySampler {
+ public:
+  FrequencySampler(std::vector<SampledPolicy> policies, std::chrono::milliseconds period);
+  ~FrequencySampler();
+  FrequencySampler(const FrequencySampler&) = delete;
+  FrequencySampler& operator=(const FrequencySampler&) = delete;
+
+  // Opens the pinned current-frequency map and starts the thread; "" or what failed.
+  std::string start();
+  // Ends the thread; the counts then stay as they were.
+  SamplerStats stop();
+
+  std::chrono::milliseconds period() const { return period_; }
+
+ private:
+  void run();
+  void sampleOnce();
+
+  std::vector<SampledPolicy> policies_;
+  std::vector<uint32_t> written_;  // per policy: the index last written, 0 for none
+  std::chrono::milliseconds period_;
+  android::base::unique_fd map_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool stopping_ = false;
+  SamplerStats stats_;
+  std::thread thread_;
+};
+
+}  // namespace zelk::cli
