@@ -12,7 +12,7 @@ namespace {
 constexpr char kHeader[] = "policy,freq_khz,power_uw";
 
 RawModelResult failure(size_t line, const std::string& error) {
-  return {std::nullopt, "line " + std::to_string(line) + ": " + error};
+  return {std::nullopt, oneLine("line " + std::to_string(line) + ": " + error)};
 }
 
 }  // namespace

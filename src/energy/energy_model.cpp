@@ -36,7 +36,7 @@ std::string trimmed(const std::string& text) {
   return text.substr(begin, text.find_last_not_of(" \t\r\n") + 1 - begin);
 }
 
-RawModelResult failure(const std::string& error) { return {std::nullopt, error}; }
+RawModelResult failure(const std::string& error) { return {std::nullopt, oneLine(error)}; }
 
 // The domain's power scale: the factor to µW, and whether it is abstract.
 bool domainScale(const std::string& name, const DomainFiles& domain, double* toMicrowatts,

@@ -13,7 +13,7 @@ namespace zelkora {
 namespace {
 
 PowerModelResult failure(const std::string& path, const std::string& error) {
-  return {std::nullopt, path + ": " + error};
+  return {std::nullopt, oneLine(path + ": " + error)};
 }
 
 }  // namespace

@@ -36,7 +36,7 @@ std::vector<uint64_t> sorted(std::vector<uint64_t> v) {
   return v;
 }
 
-MatchResult failure(const std::string& error) { return {std::nullopt, error}; }
+MatchResult failure(const std::string& error) { return {std::nullopt, oneLine(error)}; }
 
 }  // namespace
 

@@ -49,5 +49,12 @@ std::string quoted(const std::string& raw) {
   return "\"" + shown + (text.size() > kShown ? "...\"" : "\"");
 }
 
+std::string oneLine(std::string text) {
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  }
+  return text;
+}
+
 }  // namespace zelkora
 }  // namespace com

@@ -28,7 +28,7 @@ struct Entry {
   int line = 0;
 };
 
-RawModelResult failure(const std::string& error) { return {std::nullopt, error}; }
+RawModelResult failure(const std::string& error) { return {std::nullopt, oneLine(error)}; }
 
 std::string at(const std::string& name, const Entry& entry) {
   return "line " + std::to_string(entry.line) + ": " + name;

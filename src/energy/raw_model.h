@@ -70,6 +70,9 @@ std::optional<double> parsePowerNumber(const std::string& text, bool* negative =
 
 // `text` in quotes, cut short and with control bytes replaced, for one-line messages.
 std::string quoted(const std::string& text);
+// `text` with control bytes replaced: names from the files (a domain directory, an array's
+// name) may hold a newline, and messages are one line.
+std::string oneLine(std::string text);
 
 }  // namespace zelkora
 }  // namespace com

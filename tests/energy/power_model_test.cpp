@@ -355,6 +355,9 @@ TEST_F(PowerModelTest, BadInputIsOneLineNamingTheFile) {
       {profileWith("\"cpu.active\">10", "\"cpu.active\">ten"),
        "line 7: cpu.active: not a number: \"ten\""},
       {profileWith("battery.capacity", "cpu.active"), "cpu.active given twice (first at line 7)"},
+      // A name with a newline (a fuzzer's finding) still gives one line.
+      {"<device><array name=\"cpu.scaling_step_power.policy\n4\"><value>1</value></array></device>",
+       "line 1: cpu.scaling_step_power.policy?4: not a policy number"},
       {"<device><item name=\"screen.on\">1</item></device>",
        "no CPU power: neither cpu.clusters.cores nor cpu.scaling_step_power.policyN"},
   };
