@@ -30,6 +30,11 @@ constexpr const char kUsage[] =
     "  show kthread NAME       one kernel thread\n"
     "  show top | show bg      foreground or background time per task name\n"
     "  show freqs              the frequency table\n"
+    "  show energy [total | processes | kthreads | process NAME [--flag] | kthread NAME]\n"
+    "      [--model PATH] [--voltage V]  energy per task from a power model: an Energy Model\n"
+    "                          directory (default /sys/kernel/debug/energy_model), a\n"
+    "                          power_profile.xml (charge in µAh, or energy at V volts) or a\n"
+    "                          CSV file policy,freq_khz,power_uw\n"
     "  reset processes | kthreads | total | topbg | process NAME [--flag] | kthread NAME\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
@@ -50,7 +55,7 @@ const Command kCommands[] = {
     {"unload", runUnload, {}},
     {"start", runStart, {"--seconds"}},
     {"status", runStatus, {"--json"}},
-    {"show", runShow, {"--json", "--csv", "--limit", "--flag"}},
+    {"show", runShow, {"--json", "--csv", "--limit", "--flag", "--model", "--voltage"}},
     {"reset", runReset, {"--flag"}},
 };
 

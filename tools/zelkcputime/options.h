@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -20,6 +21,8 @@ struct Options {
   bool replace = false;
   bool verbose = false;
   bool help = false;
+  std::string model;              // --model PATH: a power model
+  std::optional<double> voltage;  // --voltage V: a power profile's voltage
 };
 
 struct ParsedOptions {
@@ -28,7 +31,8 @@ struct ParsedOptions {
 };
 
 // Options: --json, --csv, --limit N, --seconds N (1 to 3600), --flag, --replace, -v/--verbose,
-// -h/--help; "--" ends the options, so that a task named like one can be given.
+// -h/--help, --model PATH, --voltage V (volts, a positive decimal); "--" ends the options, so that
+// a task named like one can be given.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 
 }  // namespace zelk::cli
