@@ -25,7 +25,7 @@ constexpr char kEnergyCsvHeader[] = "table,name,flag,energy,unit,unmodelled_ns\n
 std::string energyText(const lib::EnergyEstimate& e) {
   std::string text = std::to_string(e.energy) + " " + energyUnitText(e.unit);
   if (e.unit == lib::EnergyUnit::kMicrojoules) {
-    text += " (" + formatSeconds(e.energy * 1000) + " J)";  // µJ read as seconds of 1e-6
+    text += " (" + formatSeconds(e.energy * 1000) + " J)";  // nJ shown as J, as ns as s
   }
   if (e.unmodelledNs > 0) text += ", " + formatSeconds(e.unmodelledNs) + " s unmodelled";
   return text;
@@ -151,9 +151,9 @@ std::optional<std::vector<EnergyRow>> tableRows(const lib::PowerModel& model, bo
 std::string energyUnitText(lib::EnergyUnit unit) {
   switch (unit) {
     case lib::EnergyUnit::kMicrojoules:
-      return "µJ";
+      return "uJ";
     case lib::EnergyUnit::kMicroampHours:
-      return "µAh";
+      return "uAh";
     case lib::EnergyUnit::kAbstract:
       return "abstract units";
   }

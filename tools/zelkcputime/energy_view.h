@@ -28,7 +28,7 @@ struct EnergyRow {
 // or all when `limit` is 0.
 std::vector<EnergyRow> sortedEnergies(const com::zelkora::EnergyTable& table, size_t limit);
 
-// "µJ", "µAh" or "abstract units", for people.
+// "uJ", "uAh" or "abstract units", for people: ASCII, so that table columns line up.
 std::string energyUnitText(com::zelkora::EnergyUnit unit);
 
 // A table of rows: name (and flag), energy, share of `whole`, and unmodelled seconds when any
