@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "csv_views.h"
 #include "demo_setup.h"
+#include "energy_view.h"
 #include "json_views.h"
 #include "progress_bar.h"
 #include "text_views.h"
@@ -86,7 +87,7 @@ std::string demoText(const Options& options, const DemoMachine& machine, const R
 }
 
 std::string demoJson(const Options& options, const DemoMachine& machine, const Results& r,
-                     size_t limit) {
+                     size_t limit, const std::optional<lib::PowerModel>& model) {
   JsonWriter json;
   json.beginObject().key("seconds").value(uint64_t{options.seconds});
   json.key("synthetic").value(machine.synthetic).key("freqs_khz").numbers(r.freqs);
@@ -100,6 +101,7 @@ std::string demoJson(const Options& options, const DemoMachine& machine, const R
   writeNamedTimes(json, sortedNamedTimes(r.top, limit));
   json.key("bg");
   writeNamedTimes(json, sortedNamedTimes(r.bg, limit));
+  if (model) writeDemoEnergy(json.key("energy"), *model, r.total, r.processes, r.kthreads, limit);
   return json.endObject().text() + "\n";
 }
 
@@ -117,6 +119,9 @@ int runDemo(const Options& options) {
   if (options.words.size() != 1) return usageError("demo takes no argument");
   DemoMachine machine;
   if (std::string error = setUpDemo(&machine); !error.empty()) return fail(error);
+  std::optional<lib::PowerModel> model;
+  std::string energyNote, energyError;
+  if (!demoModel(options, &model, &energyNote, &energyError)) return fail(energyError);
   if (options.format == Format::kText) {
     fprintf(stderr, "Tracking started; sampling for %u s.\n", options.seconds);
   }
@@ -127,13 +132,16 @@ int runDemo(const Options& options) {
   const size_t limit = textDefault ? kDefaultTextRows : options.limit;
   switch (options.format) {
     case Format::kJson:
-      printOut(demoJson(options, machine, *results, limit));
+      printOut(demoJson(options, machine, *results, limit, model));
       break;
     case Format::kCsv:
       printOut(demoCsv(*results, limit));
       break;
     case Format::kText:
-      printOut(demoText(options, machine, *results, limit));
+      printOut(demoText(options, machine, *results, limit) +
+               (model ? demoEnergyText(*model, results->total, results->processes,
+                                       results->kthreads, limit)
+                      : "\n" + energyNote + "\n"));
       break;
   }
   return kExitOk;

@@ -84,8 +84,7 @@ std::string text(const EnergyView& v) {
   return out;
 }
 
-std::string json(const EnergyView& v) {
-  JsonWriter json;
+void writeView(JsonWriter& json, const EnergyView& v) {
   json.beginObject().key("unit").value(lib::energyUnitName(v.model.unit));
   json.key("model").value(v.model.source);
   if (v.total) {
@@ -104,7 +103,27 @@ std::string json(const EnergyView& v) {
     json.key(v.kthread ? "kthread" : "process");
     writeEnergyRows(json, {*v.task});
   }
-  return json.endObject().text() + "\n";
+  json.endObject();
+}
+
+std::string json(const EnergyView& v) {
+  JsonWriter json;
+  writeView(json, v);
+  return json.text() + "\n";
+}
+
+// The whole system, processes and kernel threads; empty when a shape differs from the model's.
+std::optional<EnergyView> tablesView(const lib::PowerModel& model,
+                                     const lib::TimeInStateVector& total,
+                                     const lib::TimeInStateTable& processes,
+                                     const lib::TimeInStateTable& kthreads, size_t limit) {
+  EnergyView view{model, lib::estimateEnergy(model, total), {}, {}, {}, false};
+  const auto p = lib::estimateEnergy(model, processes);
+  const auto k = lib::estimateEnergy(model, kthreads);
+  if (!view.total || !p || !k) return std::nullopt;
+  view.processes = sortedEnergies(*p, limit);
+  view.kthreads = sortedEnergies(*k, limit);
+  return view;
 }
 
 std::string csv(const EnergyView& v) {
@@ -226,6 +245,41 @@ lib::PowerModelResult loadModelForTool(const std::string& path, std::optional<do
     }
   }
   return lib::loadPowerModel(model, voltage);
+}
+
+bool demoModel(const Options& options, std::optional<lib::PowerModel>* model, std::string* note,
+               std::string* error) {
+  lib::PowerModelResult loaded = loadModelForTool(options.model, options.voltage);
+  if (loaded.model) {
+    *model = std::move(loaded.model);
+    return true;
+  }
+  if (!options.model.empty()) {
+    *error = loaded.error;
+    return false;
+  }
+  // The machine's own model is optional: a machine without one, or a synthetic policy that it
+  // does not fit, still gets the time tables.
+  *note = "no energy table: " + loaded.error;
+  return true;
+}
+
+std::string demoEnergyText(const lib::PowerModel& model, const lib::TimeInStateVector& total,
+                           const lib::TimeInStateTable& processes,
+                           const lib::TimeInStateTable& kthreads, size_t limit) {
+  const auto view = tablesView(model, total, processes, kthreads, limit);
+  return view ? "\n" + text(*view) : "\nno energy table: the times do not fit the power model\n";
+}
+
+void writeDemoEnergy(JsonWriter& json, const lib::PowerModel& model,
+                     const lib::TimeInStateVector& total, const lib::TimeInStateTable& processes,
+                     const lib::TimeInStateTable& kthreads, size_t limit) {
+  const auto view = tablesView(model, total, processes, kthreads, limit);
+  if (view) {
+    writeView(json, *view);
+  } else {
+    json.null();
+  }
 }
 
 int runShowEnergy(const Options& options) {

@@ -44,4 +44,20 @@ void writeEnergyRows(JsonWriter& json, const std::vector<EnergyRow>& rows);
 com::zelkora::PowerModelResult loadModelForTool(const std::string& path,
                                                 std::optional<double> voltage);
 
+// The demo's energy: under --model PATH, else under the machine's Energy Model when it has one
+// that fits its policies (else none, with a note in `note`). False with `error` set when the
+// given model cannot be used.
+bool demoModel(const Options& options, std::optional<com::zelkora::PowerModel>* model,
+               std::string* note, std::string* error);
+// The demo's tables under the model: the whole system, processes and kernel threads.
+std::string demoEnergyText(const com::zelkora::PowerModel& model,
+                           const com::zelkora::TimeInStateVector& total,
+                           const com::zelkora::TimeInStateTable& processes,
+                           const com::zelkora::TimeInStateTable& kthreads, size_t limit);
+// {"unit", "model", "total", "processes", "kthreads"}, as show energy --json writes it.
+void writeDemoEnergy(JsonWriter& json, const com::zelkora::PowerModel& model,
+                     const com::zelkora::TimeInStateVector& total,
+                     const com::zelkora::TimeInStateTable& processes,
+                     const com::zelkora::TimeInStateTable& kthreads, size_t limit);
+
 }  // namespace zelk::cli

@@ -17,8 +17,9 @@ using namespace zelk::cli;
 constexpr const char kUsage[] =
     "usage: zelkcputime COMMAND [ARGS] [OPTIONS]\n"
     "\n"
-    "  demo [--seconds N]      load, track and sample this machine for N s (default 5) in a\n"
-    "                          private mount namespace, then show what was counted\n"
+    "  demo [--seconds N] [--model PATH]  load, track and sample this machine for N s\n"
+    "                          (default 5) in a private mount namespace, then show what was\n"
+    "                          counted, and its energy under the model (or the Energy Model)\n"
     "  load [--replace]        load the kernel object and pin it under /sys/fs/bpf\n"
     "  unload                  remove the kernel object's pins\n"
     "  start [--seconds N]     track until interrupted (or for N s); counts stay in the maps\n"
@@ -50,7 +51,7 @@ struct Command {
 };
 
 const Command kCommands[] = {
-    {"demo", runDemo, {"--seconds", "--json", "--csv", "--limit"}},
+    {"demo", runDemo, {"--seconds", "--json", "--csv", "--limit", "--model", "--voltage"}},
     {"load", runLoad, {"--replace"}},
     {"unload", runUnload, {}},
     {"start", runStart, {"--seconds"}},
