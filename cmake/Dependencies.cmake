@@ -27,4 +27,7 @@ set_target_properties(zelk::bcc_bpf PROPERTIES
 add_library(zelk::libbpf UNKNOWN IMPORTED)
 set_target_properties(zelk::libbpf PROPERTIES IMPORTED_LOCATION ${ZELK_LIBBPF})
 
+# The power profile's XML parser, the platform's own.
+find_package(tinyxml2 REQUIRED)
+
 find_package(Threads REQUIRED)

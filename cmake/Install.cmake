@@ -6,6 +6,7 @@ install(TARGETS zelkcpufreqtime EXPORT zelkcpufreqtimeTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime.h
   ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_overflow.h
+  ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_energy.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT zelkcpufreqtimeTargets NAMESPACE zelkcpufreqtime::
   DESTINATION ${ZELK_CMAKE_DIR})

@@ -32,11 +32,9 @@ class PidOverflowTest : public TrackingTest {
 std::string childName(int i) { return "zelkof" + std::to_string(i); }
 
 // Children one after the other, each under a name of its own, spinning then sleeping, in the
-// foreground class. Returns each one's lifetime as the parent saw it, fork to reap.
-std::vector<uint64_t> runNamedChildren(int count, milliseconds spinFor, milliseconds sleepFor) {
-  std::vector<uint64_t> lifetimes;
+// foreground class.
+void runNamedChildren(int count, milliseconds spinFor, milliseconds sleepFor) {
   for (int i = 0; i < count; ++i) {
-    const auto start = std::chrono::steady_clock::now();
     const pid_t pid = fork();
     if (pid == 0) {
       setName(childName(i).c_str());
@@ -46,14 +44,10 @@ std::vector<uint64_t> runNamedChildren(int count, milliseconds spinFor, millisec
     }
     if (pid < 0) {
       ADD_FAILURE() << "fork: " << strerror(errno);
-      break;
+      return;
     }
     waitpid(pid, nullptr, 0);
-    lifetimes.push_back(static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                                  std::chrono::steady_clock::now() - start)
-                                                  .count()));
   }
-  return lifetimes;
 }
 
 uint64_t tableTime(const std::optional<TimeInStateTable>& table, bool overflowOnly) {
@@ -77,9 +71,10 @@ TEST_F(OverflowTest, ProcessesAndKernelThreadsStillAddUpToTheTotal) {
   ASSERT_TRUE(clearTotalCpuTime() && clearProcessTimes() && clearKthreadTimes());
   runNamedChildren(kChildren, milliseconds(2), milliseconds(0));
 
-  const uint64_t total = sum(getTotalCpuFreqTimes());
+  // The total last: events in flight then add to it, never only to the tables.
   const auto processes = getProcessCpuFreqTimes();
   const auto kthreads = getKthreadCpuFreqTimes();
+  const uint64_t total = sum(getTotalCpuFreqTimes());
   ASSERT_TRUE(processes && kthreads);
   EXPECT_LE(processes->size(), kNames) << "the map holds no more than its size";
   const uint64_t counted = tableTime(processes, false) + tableTime(kthreads, false);
@@ -103,18 +98,17 @@ TEST_F(OverflowTest, TopTimeOfNamesBeyondTheMapGoesToItsOverflowEntry) {
   setOomScoreAdj(0);
   ASSERT_TRUE(clearTopAndBgTimes());
   // Few at a time, so that the pid maps hold every child: only the name maps overflow here.
-  const std::vector<uint64_t> lifetimes =
-      runNamedChildren(kChildren, milliseconds(0), milliseconds(4));
-  uint64_t lived = 0;
-  for (uint64_t ns : lifetimes) lived += ns;
+  runNamedChildren(kChildren, milliseconds(0), milliseconds(4));
+  // Each child's period runs from its fork to its end, so at least its 4 ms of sleep; the parent's
+  // fork-to-reap time is no bound under load, since reaping can lag far behind.
+  const uint64_t lived = kChildren * 4 * kMs;
 
   const auto top = getProcessTopTimes();
   ASSERT_TRUE(top.has_value());
   const uint64_t counted = namedTime(top, false);
-  printf("children lived %.1f ms, their names and the overflow hold %.1f ms\n", lived / 1e6,
-         counted / 1e6);
-  // Each child's period runs from its fork to its end, inside the parent's fork-to-reap time.
-  EXPECT_GE(counted, 0.9 * lived);
+  printf("children lived at least %.1f ms, their names and the overflow hold %.1f ms\n",
+         lived / 1e6, counted / 1e6);
+  EXPECT_GE(counted, lived);
   EXPECT_GT(namedTime(top, true), lived / 2) << "most children's periods overflowed";
 
   ASSERT_TRUE(clearTopAndBgTimes());

@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "csv_views.h"
 #include "demo_setup.h"
+#include "energy_view.h"
 #include "json_views.h"
 #include "progress_bar.h"
 #include "snapshot.h"
@@ -15,6 +16,8 @@
 
 namespace zelk::cli {
 namespace {
+
+namespace lib = com::zelkora;
 
 constexpr size_t kDefaultTextRows = 10;
 
@@ -79,7 +82,7 @@ std::string demoText(const Options& options, const DemoMachine& machine, const S
 }
 
 std::string demoJson(const Options& options, const DemoMachine& machine, const Snapshot& r,
-                     size_t limit) {
+                     size_t limit, const std::optional<lib::PowerModel>& model) {
   JsonWriter json;
   json.beginObject().key("seconds").value(uint64_t{options.seconds});
   json.key("synthetic").value(machine.synthetic).key("sampled_ms");
@@ -95,6 +98,7 @@ std::string demoJson(const Options& options, const DemoMachine& machine, const S
   writeNamedTimes(json, sortedNamedTimes(r.top, limit));
   json.key("bg");
   writeNamedTimes(json, sortedNamedTimes(r.bg, limit));
+  if (model) writeDemoEnergy(json.key("energy"), *model, r.total, r.processes, r.kthreads, limit);
   return json.endObject().text() + "\n";
 }
 
@@ -113,6 +117,9 @@ int runDemo(const Options& options) {
   DemoMachine machine;
   const Sampling sampling{options.sample, options.sampleMs};
   if (std::string error = setUpDemo(sampling, &machine); !error.empty()) return fail(error);
+  std::optional<lib::PowerModel> model;
+  std::string energyNote, energyError;
+  if (!demoModel(options, &model, &energyNote, &energyError)) return fail(energyError);
   if (options.format == Format::kText) {
     fprintf(stderr, "Tracking started; sampling for %u s.\n", options.seconds);
   }
@@ -125,13 +132,16 @@ int runDemo(const Options& options) {
   const size_t limit = textDefault ? kDefaultTextRows : options.limit;
   switch (options.format) {
     case Format::kJson:
-      printOut(demoJson(options, machine, *taken.snapshot, limit));
+      printOut(demoJson(options, machine, *taken.snapshot, limit, model));
       break;
     case Format::kCsv:
       printOut(demoCsv(*taken.snapshot, limit));
       break;
     case Format::kText:
-      printOut(demoText(options, machine, *taken.snapshot, limit, sampler));
+      printOut(demoText(options, machine, *taken.snapshot, limit, sampler) +
+               (model ? demoEnergyText(*model, taken.snapshot->total, taken.snapshot->processes,
+                                       taken.snapshot->kthreads, limit)
+                      : "\n" + energyNote + "\n"));
       break;
   }
   return kExitOk;

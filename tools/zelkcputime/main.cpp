@@ -17,8 +17,9 @@ using namespace zelk::cli;
 constexpr const char kUsage[] =
     "usage: zelkcputime COMMAND [ARGS] [OPTIONS]\n"
     "\n"
-    "  demo [--seconds N]      load, track and sample this machine for N s (default 5) in a\n"
-    "                          private mount namespace, then show what was counted\n"
+    "  demo [--seconds N] [--model PATH]  load, track and sample this machine for N s\n"
+    "                          (default 5) in a private mount namespace, then show what was\n"
+    "                          counted, and its energy under the model (or the Energy Model)\n"
     "       [--sample] [--sample-ms P]  a policy without a frequency table counts in bins\n"
     "                          at its scaling_cur_freq read every P ms (default 20);\n"
     "                          --sample does so for every policy (no frequency events)\n"
@@ -36,6 +37,11 @@ constexpr const char kUsage[] =
     "  show kthread NAME       one kernel thread\n"
     "  show top | show bg      foreground or background time per task name\n"
     "  show freqs              the frequency table\n"
+    "  show energy [total | processes | kthreads | process NAME [--flag] | kthread NAME]\n"
+    "      [--model PATH] [--voltage V]  energy per task from a power model: an Energy Model\n"
+    "                          directory (default /sys/kernel/debug/energy_model), a\n"
+    "                          power_profile.xml (charge in µAh, or energy at V volts) or a\n"
+    "                          CSV file policy,freq_khz,power_uw\n"
     "  reset processes | kthreads | total | topbg | process NAME [--flag] | kthread NAME\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
@@ -51,12 +57,13 @@ struct Command {
 };
 
 const Command kCommands[] = {
-    {"demo", runDemo, {"--seconds", "--json", "--csv", "--limit", "--sample", "--sample-ms"}},
+    {"demo", runDemo,
+     {"--seconds", "--json", "--csv", "--limit", "--sample", "--sample-ms", "--model", "--voltage"}},
     {"load", runLoad, {"--replace", "--names", "--kthreads", "--pids"}},
     {"unload", runUnload, {}},
     {"start", runStart, {"--seconds"}},
     {"status", runStatus, {"--json"}},
-    {"show", runShow, {"--json", "--csv", "--limit", "--flag"}},
+    {"show", runShow, {"--json", "--csv", "--limit", "--flag", "--model", "--voltage"}},
     {"reset", runReset, {"--flag"}},
 };
 

@@ -1,5 +1,8 @@
 #include "options.h"
 
+#include <cmath>
+#include <cstdlib>
+
 #include "core/decimal.h"
 
 namespace zelk::cli {
@@ -60,6 +63,24 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       parsed.error = loader::parseMapSize(name, i + 1 < args.size() ? args[i + 1] : "", entries);
       if (!parsed.error.empty()) return parsed;
       ++i;
+    } else if (name == "--model" || name == "--voltage") {
+      if (i + 1 >= args.size() || args[i + 1].empty()) {
+        parsed.error = name + (name == "--model" ? " takes a path" : " takes a number of volts");
+        return parsed;
+      }
+      const std::string& value = args[++i];
+      if (name == "--model") {
+        options.model = value;
+      } else {
+        char* end = nullptr;
+        const double volts = strtod(value.c_str(), &end);
+        if (*end != '\0' || !std::isfinite(volts) || volts <= 0 ||
+            value.find_first_not_of("0123456789.") != std::string::npos) {
+          parsed.error = "--voltage takes a positive number of volts, such as 3.8";
+          return parsed;
+        }
+        options.voltage = volts;
+      }
     } else if (name == "--json" || name == "--csv") {
       if (options.given.count(name == "--json" ? "--csv" : "--json") != 0) {
         parsed.error = "--json and --csv exclude each other";

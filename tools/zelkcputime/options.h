@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,6 +26,8 @@ struct Options {
   loader::MapSizes sizes;  // of load; 0: the machine's default
   bool verbose = false;
   bool help = false;
+  std::string model;              // --model PATH: a power model
+  std::optional<double> voltage;  // --voltage V: a power profile's voltage
 };
 
 struct ParsedOptions {
@@ -33,8 +36,8 @@ struct ParsedOptions {
 };
 
 // Options: --json, --csv, --limit N, --seconds N (1 to 3600), --sample, --sample-ms N (1 to
-// 1000), --flag, --replace, --names N,
-// --kthreads N, --pids N, -v/--verbose, -h/--help; "--" ends the options, so that a task named like
+// 1000), --flag, --replace, --names N, --kthreads N, --pids N, --model PATH, --voltage V (volts,
+// a positive decimal), -v/--verbose, -h/--help; "--" ends the options, so that a task named like
 // one can be given.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 

@@ -3,6 +3,7 @@
 
 #include "commands.h"
 #include "csv_views.h"
+#include "energy_view.h"
 #include "environment.h"
 #include "json_views.h"
 #include "snapshot.h"
@@ -109,6 +110,9 @@ unsigned partsOf(const std::string& view) {
 }  // namespace
 
 int runShow(const Options& options) {
+  if (options.words.size() > 1 && options.words[1] == "energy") return runShowEnergy(options);
+  if (!options.model.empty() || options.voltage)
+    return usageError("--model and --voltage apply to show energy");
   const std::string usage = checkViewWords(
       options, {"total", "processes", "kthreads", "process", "kthread", "top", "bg", "freqs"});
   if (!usage.empty()) return usageError(usage);
