@@ -3,19 +3,74 @@
 #include <android/log.h>
 
 #include <cstdio>
+#include <mutex>
+#include <vector>
 
 namespace zelk::cli {
 namespace {
 
+constexpr char kTriggerFailed[] = "Failed to write trigger, reason: ";
+
+// Lines come from the library's background thread too.
+std::mutex gMutex;
+bool gVerbose = false;
+bool gHeld = false;
+bool gTriggerNoted = false;
+std::vector<std::string> gHeldLines;
+
+void emit(const std::string& line) {
+  if (gHeld) {
+    gHeldLines.push_back(line);
+  } else {
+    fprintf(stderr, "%s\n", line.c_str());
+  }
+}
+
 void toStderr(const __android_logger_data* data, const char* message) {
-  fprintf(stderr, "%s: %s\n", data->tag != nullptr ? data->tag : "log", message);
+  std::lock_guard<std::mutex> lock(gMutex);
+  if (!gVerbose) {
+    const std::string own = expectedConditionText(message);
+    if (!own.empty()) {
+      // Once: the library retries the trigger on each start.
+      if (!gTriggerNoted) emit(own);
+      gTriggerNoted = true;
+      return;
+    }
+  }
+  emit(std::string(data->tag != nullptr ? data->tag : "log") + ": " + message);
 }
 
 }  // namespace
 
+std::string expectedConditionText(const std::string& message) {
+  const size_t at = message.find(kTriggerFailed);
+  if (at == std::string::npos) return "";
+  std::string reason = message.substr(at + sizeof(kTriggerFailed) - 1);
+  if (!reason.empty() && reason.back() == '.') reason.pop_back();
+  return "zelkcputime: note: the kernel refused a CPU pressure trigger (" + reason +
+         "; setting one needs CAP_SYS_RESOURCE), so the library's pressure events are off; "
+         "counting is unaffected (-v shows the library's line)";
+}
+
 void routeLibraryLog(bool verbose) {
+  {
+    std::lock_guard<std::mutex> lock(gMutex);
+    gVerbose = verbose;
+  }
   __android_log_set_logger(toStderr);
   __android_log_set_minimum_priority(verbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_ERROR);
+}
+
+void holdLibraryLog() {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gHeld = true;
+}
+
+void releaseLibraryLog() {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gHeld = false;
+  for (const std::string& line : gHeldLines) fprintf(stderr, "%s\n", line.c_str());
+  gHeldLines.clear();
 }
 
 }  // namespace zelk::cli

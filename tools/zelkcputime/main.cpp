@@ -42,6 +42,10 @@ constexpr const char kUsage[] =
     "                          directory (default /sys/kernel/debug/energy_model), a\n"
     "                          power_profile.xml (charge in µAh, or energy at V volts) or a\n"
     "                          CSV file policy,freq_khz,power_uw\n"
+    "  top [--interval S] [--model PATH] [--kthreads] [--batch --iterations N] [--limit N]\n"
+    "                          live view of the last interval (default 2 s): CPU use, average\n"
+    "                          frequency, bands and power per task; keys c/p/f sort by CPU,\n"
+    "                          power, frequency, k kernel threads, space freezes, q quits\n"
     "  reset processes | kthreads | total | topbg | process NAME [--flag] | kthread NAME\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
@@ -57,14 +61,20 @@ struct Command {
 };
 
 const Command kCommands[] = {
-    {"demo", runDemo,
-     {"--seconds", "--json", "--csv", "--limit", "--sample", "--sample-ms", "--model", "--voltage"}},
+    {"demo",
+     runDemo,
+     {"--seconds", "--json", "--csv", "--limit", "--sample", "--sample-ms", "--model",
+      "--voltage"}},
     {"load", runLoad, {"--replace", "--names", "--kthreads", "--pids"}},
     {"unload", runUnload, {}},
     {"start", runStart, {"--seconds"}},
     {"status", runStatus, {"--json"}},
     {"show", runShow, {"--json", "--csv", "--limit", "--flag", "--model", "--voltage"}},
     {"reset", runReset, {"--flag"}},
+    {"top",
+     runTop,
+     {"--interval", "--iterations", "--batch", "--kthreads", "--model", "--voltage", "--limit",
+      "--sample", "--sample-ms"}},
 };
 
 }  // namespace

@@ -56,6 +56,29 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       } else {
         options.seconds = static_cast<unsigned>(value);
       }
+    } else if (name == "--kthreads" && !options.words.empty() && options.words[0] == "top") {
+      options.kthreadView = true;
+    } else if (name == "--interval" || name == "--iterations") {
+      const std::string value = i + 1 < args.size() ? args[i + 1] : "";
+      char* end = nullptr;
+      const double number = strtod(value.c_str(), &end);
+      unsigned long long count = 0;
+      if (name == "--interval"
+              ? value.empty() || *end != '\0' || !(number >= 0.1 && number <= 3600) ||
+                    value.find_first_not_of("0123456789.") != std::string::npos
+              : !parseCount(value, 1, 1000000, &count)) {
+        parsed.error = name == "--interval" ? "--interval takes seconds from 0.1 to 3600"
+                                            : "--iterations takes a number of frames from 1";
+        return parsed;
+      }
+      ++i;
+      if (name == "--interval") {
+        options.interval = number;
+      } else {
+        options.iterations = static_cast<unsigned>(count);
+      }
+    } else if (name == "--batch") {
+      options.batch = true;
     } else if (name == "--names" || name == "--kthreads" || name == "--pids") {
       uint32_t* entries = name == "--names"      ? &options.sizes.names
                           : name == "--kthreads" ? &options.sizes.kthreads

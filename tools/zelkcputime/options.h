@@ -28,6 +28,10 @@ struct Options {
   bool help = false;
   std::string model;              // --model PATH: a power model
   std::optional<double> voltage;  // --voltage V: a power profile's voltage
+  double interval = 2;            // top --interval S: seconds between frames
+  unsigned iterations = 0;        // top --iterations N: frames before it ends; 0: until q
+  bool batch = false;             // top --batch: plain text frames
+  bool kthreadView = false;       // top --kthreads: start on the kernel threads
 };
 
 struct ParsedOptions {
@@ -37,8 +41,9 @@ struct ParsedOptions {
 
 // Options: --json, --csv, --limit N, --seconds N (1 to 3600), --sample, --sample-ms N (1 to
 // 1000), --flag, --replace, --names N, --kthreads N, --pids N, --model PATH, --voltage V (volts,
-// a positive decimal), -v/--verbose, -h/--help; "--" ends the options, so that a task named like
-// one can be given.
+// a positive decimal), --interval S (0.1 to 3600 s), --iterations N, --batch, -v/--verbose,
+// -h/--help; "--" ends the options, so that a task named like one can be given. After `top`,
+// --kthreads takes no value.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 
 }  // namespace zelk::cli
