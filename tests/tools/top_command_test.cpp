@@ -1,0 +1,161 @@
+// zelkcputime top in the test bed: its batch frames against busy children and a reset made by
+// another process, and its screen under tmux.
+#include <android-base/file.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "child_process.h"
+#include "namespace.h"
+
+namespace zelk::testbed {
+namespace {
+
+using std::chrono::milliseconds;
+using Args = std::vector<std::string>;
+
+// Spins under `name` for `duration`, then exits. As a real-time task it keeps one CPU (less the
+// kernel's real-time throttling, 5% by default) even while the bed's shared cores run other work,
+// which takes a fair share from any niceness in another cgroup.
+pid_t busyChild(const char* name, milliseconds duration) {
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  prctl(PR_SET_NAME, name, 0, 0, 0);
+  const sched_param param = {.sched_priority = 1};
+  if (sched_setscheduler(0, SCHED_FIFO, &param) != 0) setpriority(PRIO_PROCESS, 0, -20);
+  // Off the CPU for a moment every 5 ms: time is counted when a task switches out, and a
+  // real-time task that never yields would be counted in lumps at the throttle's pace.
+  const auto end = std::chrono::steady_clock::now() + duration;
+  while (std::chrono::steady_clock::now() < end) {
+    const auto slice = std::chrono::steady_clock::now() + milliseconds(5);
+    while (std::chrono::steady_clock::now() < slice) {
+    }
+    usleep(20);
+  }
+  _exit(0);
+}
+
+std::vector<std::string> framesOf(const std::string& output) {
+  constexpr char kStart[] = "zelkcputime top - ";
+  std::vector<std::string> frames;
+  for (size_t at = output.find(kStart); at != std::string::npos;) {
+    const size_t next = output.find(kStart, at + 1);
+    frames.push_back(output.substr(at, next == std::string::npos ? next : next - at));
+    at = next;
+  }
+  return frames;
+}
+
+// The CPU% of `name`'s row, or -1 when the frame has none.
+double cpuOf(const std::string& frame, const std::string& name) {
+  std::smatch match;
+  if (!std::regex_search(frame, match, std::regex("\n" + name + " +[fb]g +([0-9.]+) "))) return -1;
+  return std::stod(match[1].str());
+}
+
+// Every row's CPU% and the system's, as printed.
+std::vector<double> allCpuValues(const std::string& frame) {
+  std::vector<double> values;
+  const std::regex row("\n\\S+ +[fb]g +(\\S+) ");
+  for (auto it = std::sregex_iterator(frame.begin(), frame.end(), row);
+       it != std::sregex_iterator(); ++it) {
+    values.push_back(std::stod((*it)[1].str()));
+  }
+  std::smatch system;
+  if (std::regex_search(frame, system, std::regex("system CPU (\\S+)% of"))) {
+    values.push_back(std::stod(system[1].str()));
+  }
+  return values;
+}
+
+class TopBatchTest : public KernelTest {
+ protected:
+  NamespaceOptions namespaceOptions() const override { return {.tracefs = true}; }
+  void SetUp() override {
+    KernelTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    addMachinePolicy({1000000, 2000000});
+  }
+};
+
+TEST_F(TopBatchTest, BusyChildShowsAtFullCpuThenLeavesTheRows) {
+  const pid_t child = busyChild("zelktopbusy", milliseconds(3500));
+  ASSERT_GT(child, 0);
+  const ChildResult run =
+      runProgram(ZELK_TOOL_PATH, {"top", "--batch", "--interval", "1", "--iterations", "6"},
+                 nullptr, /*withStderr=*/false);
+  waitpid(child, nullptr, 0);
+  ASSERT_EQ(run.status, 0) << run.output;
+  const std::vector<std::string> frames = framesOf(run.output);
+  ASSERT_EQ(frames.size(), 6u) << run.output;
+  std::vector<double> shown;
+  for (const std::string& frame : frames) {
+    const double cpu = cpuOf(frame, "zelktopbusy");
+    if (cpu >= 0) shown.push_back(cpu);
+  }
+  // The last frame that shows it holds the end of its run only; each frame before is a whole
+  // interval of its spinning (a little over 100 where a frame's tables are read a moment apart).
+  ASSERT_GE(shown.size(), 2u) << run.output;
+  for (size_t i = 0; i + 1 < shown.size(); ++i) {
+    EXPECT_GE(shown[i], 90) << run.output;
+    EXPECT_LE(shown[i], 101) << run.output;
+  }
+  EXPECT_LT(cpuOf(frames.back(), "zelktopbusy"), 0) << frames.back();
+  EXPECT_LT(cpuOf(frames[frames.size() - 2], "zelktopbusy"), 0) << frames[frames.size() - 2];
+}
+
+// The object loaded by `load` is shared: a `reset` by another process between two frames shows as
+// counting restarted, never as a negative or wrapped-around value.
+TEST_F(TopBatchTest, ResetByAnotherProcessGivesSaneRows) {
+  ASSERT_EQ(runProgram(ZELK_TOOL_PATH, {"load"}).status, 0);
+  const pid_t child = busyChild("zelktopreset", milliseconds(6000));
+  ASSERT_GT(child, 0);
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  const pid_t top = fork();
+  ASSERT_GE(top, 0);
+  if (top == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    execl(ZELK_TOOL_PATH, ZELK_TOOL_PATH, "top", "--batch", "--interval", "1", "--iterations", "4",
+          nullptr);
+    _exit(127);
+  }
+  close(out[1]);
+  std::this_thread::sleep_for(milliseconds(2200));  // after its first frames
+  for (const char* what : {"processes", "total"}) {
+    EXPECT_EQ(runProgram(ZELK_TOOL_PATH, {"reset", what}).status, 0) << what;
+  }
+  std::string output;
+  android::base::ReadFdToString(out[0], &output);
+  close(out[0]);
+  int status = 0;
+  waitpid(top, &status, 0);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  runProgram(ZELK_TOOL_PATH, {"unload"});
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
+  const std::vector<std::string> frames = framesOf(output);
+  ASSERT_EQ(frames.size(), 4u) << output;
+  bool resetSeen = false;
+  for (const std::string& frame : frames) {
+    resetSeen = resetSeen || frame.find("(total reset meanwhile)") != std::string::npos;
+    for (double value : allCpuValues(frame)) {
+      EXPECT_GE(value, 0) << frame;
+      EXPECT_LE(value, 100.0 * sysconf(_SC_NPROCESSORS_CONF) + 1) << frame;
+    }
+    EXPECT_GT(cpuOf(frame, "zelktopreset"), 0) << frame;
+  }
+  EXPECT_TRUE(resetSeen) << output;
+}
+
+}  // namespace
+}  // namespace zelk::testbed
