@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <regex>
 #include <string>
@@ -155,6 +156,53 @@ TEST_F(TopBatchTest, ResetByAnotherProcessGivesSaneRows) {
     EXPECT_GT(cpuOf(frame, "zelktopreset"), 0) << frame;
   }
   EXPECT_TRUE(resetSeen) << output;
+}
+
+// The view must not disturb what it measures: at the default interval, with 500 process names in
+// the maps, its own CPU use (snapshots, differences and frames) stays under 1% of one CPU.
+TEST_F(TopBatchTest, OwnCostAtFiveHundredEntriesIsUnderOnePercent) {
+  ASSERT_EQ(runProgram(ZELK_TOOL_PATH, {"load"}).status, 0);
+  // top tracks in its own process: the named children run while it does.
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  const pid_t top = fork();
+  ASSERT_GE(top, 0);
+  if (top == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    execl(ZELK_TOOL_PATH, ZELK_TOOL_PATH, "top", "--batch", "--iterations", "4", nullptr);
+    _exit(127);
+  }
+  close(out[1]);
+  std::this_thread::sleep_for(milliseconds(500));
+  for (int i = 0; i < 500; ++i) {
+    const pid_t named = fork();
+    ASSERT_GE(named, 0);
+    if (named == 0) {
+      const std::string name = "zelkn" + std::to_string(i);
+      prctl(PR_SET_NAME, name.c_str(), 0, 0, 0);
+      usleep(1000);
+      _exit(0);
+    }
+    waitpid(named, nullptr, 0);
+  }
+  std::string output;
+  android::base::ReadFdToString(out[0], &output);
+  close(out[0]);
+  int status = 0;
+  waitpid(top, &status, 0);
+  const ChildResult rows = runProgram(ZELK_TOOL_PATH, {"show", "processes", "--csv"});
+  runProgram(ZELK_TOOL_PATH, {"unload"});
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
+  const size_t entries =
+      static_cast<size_t>(std::count(rows.output.begin(), rows.output.end(), '\n'));
+  EXPECT_GE(entries, 500u) << rows.output.substr(0, 500);
+  const std::vector<std::string> frames = framesOf(output);
+  ASSERT_EQ(frames.size(), 4u) << output;
+  std::smatch self;
+  ASSERT_TRUE(std::regex_search(frames.back(), self, std::regex("self ([0-9.]+)%")));
+  printf("own CPU over 4 frames of 2 s with %zu entries: %s%% of one CPU\n", entries,
+         self[1].str().c_str());
+  EXPECT_LT(std::stod(self[1].str()), 1.0);
 }
 
 }  // namespace
