@@ -205,5 +205,72 @@ TEST_F(TopBatchTest, OwnCostAtFiveHundredEntriesIsUnderOnePercent) {
   EXPECT_LT(std::stod(self[1].str()), 1.0);
 }
 
+// The interactive screen in a tmux pane: keys typed with send-keys, the screen read with
+// capture-pane.
+class TopScreenTest : public TopBatchTest {
+ protected:
+  void TearDown() override { tmux({"kill-server"}); }
+  std::string tmux(Args args) {
+    args.insert(args.begin(), {"-L", "zelktop" + std::to_string(getpid())});
+    return runProgram("/usr/bin/tmux", args).output;
+  }
+  // The pane's text once `pattern` shows on it, or the last one read after 10 s.
+  std::string awaitScreen(const std::string& pattern) {
+    std::string screen;
+    for (int i = 0; i < 100; ++i) {
+      screen = tmux({"capture-pane", "-p", "-t", "top"});
+      if (std::regex_search(screen, std::regex(pattern))) break;
+      std::this_thread::sleep_for(milliseconds(100));
+    }
+    return screen;
+  }
+  // Then its exit status and, with `stty`, the terminal's modes (too long for a small pane).
+  void startTop(const std::string& size, bool stty) {
+    const std::string command = std::string(ZELK_TOOL_PATH) + " top --interval 0.5; echo exit=$?;" +
+                                (stty ? " stty -a;" : "") + " sleep 60";
+    const size_t x = size.find('x');
+    tmux({"new-session", "-d", "-s", "top", "-x", size.substr(0, x), "-y", size.substr(x + 1),
+          command});
+  }
+};
+
+TEST_F(TopScreenTest, HeaderRowKeysAndQuitLeaveTheTerminalUsable) {
+  const pid_t child = busyChild("zelktopscreen", milliseconds(15000));
+  ASSERT_GT(child, 0);
+  startTop("100x30", /*stty=*/true);
+  std::string screen = awaitScreen("zelktopscreen +[fb]g +[0-9.]+");
+  EXPECT_TRUE(std::regex_search(screen, std::regex("zelkcputime top - .* system CPU "))) << screen;
+  EXPECT_TRUE(std::regex_search(screen, std::regex("policy 0 \\[[.=# ]+\\]"))) << screen;
+  EXPECT_TRUE(std::regex_search(screen, std::regex("\nPROCESS +FG +CPU%"))) << screen;
+  EXPECT_TRUE(std::regex_search(screen, std::regex("zelktopscreen +[fb]g +[0-9.]+"))) << screen;
+
+  tmux({"send-keys", "-t", "top", "f"});
+  screen = awaitScreen("sort: frequency");
+  EXPECT_TRUE(std::regex_search(screen, std::regex("sort: frequency"))) << screen;
+  tmux({"send-keys", "-t", "top", "k"});
+  screen = awaitScreen("\nKTHREAD +CPU%");
+  EXPECT_TRUE(std::regex_search(screen, std::regex("\nKTHREAD +CPU%"))) << screen;
+  EXPECT_FALSE(std::regex_search(screen, std::regex("zelktopscreen"))) << screen;
+
+  tmux({"send-keys", "-t", "top", "q"});
+  screen = awaitScreen("exit=[0-9]+[^]*\\bspeed\\b");
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  EXPECT_TRUE(std::regex_search(screen, std::regex("exit=0\\b"))) << screen;
+  // Cooked mode again: line editing and echo, as before the view took the terminal.
+  EXPECT_TRUE(std::regex_search(screen, std::regex("(^|\\s)icanon\\b"))) << screen;
+  EXPECT_TRUE(std::regex_search(screen, std::regex("(^|\\s)echo\\b"))) << screen;
+}
+
+TEST_F(TopScreenTest, TooSmallATerminalGetsAMessage) {
+  startTop("40x8", /*stty=*/false);
+  const std::string screen = awaitScreen("terminal too small");
+  EXPECT_TRUE(std::regex_search(screen, std::regex("terminal too small: 40x8, top needs at")))
+      << screen;
+  EXPECT_EQ(screen.find("PROCESS"), std::string::npos) << screen;
+  tmux({"send-keys", "-t", "top", "q"});
+  EXPECT_TRUE(std::regex_search(awaitScreen("exit="), std::regex("exit=0\\b")));
+}
+
 }  // namespace
 }  // namespace zelk::testbed
