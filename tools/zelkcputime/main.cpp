@@ -34,6 +34,9 @@ constexpr const char kUsage[] =
     "  show top | show bg      foreground or background time per task name\n"
     "  show freqs              the frequency table\n"
     "  reset processes | kthreads | total | topbg | process NAME [--flag] | kthread NAME\n"
+    "  serve [--listen ADDR:PORT] [--per-frequency REGEX]\n"
+    "                          load if needed, track, and serve Prometheus metrics on\n"
+    "                          http://ADDR:PORT/metrics (default 127.0.0.1:10410) until stopped\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
     "  --limit N               at most N rows per table (0: all; default 20 in tables, 10 in\n"
@@ -55,6 +58,7 @@ const Command kCommands[] = {
     {"status", runStatus, {"--json"}},
     {"show", runShow, {"--json", "--csv", "--limit", "--flag"}},
     {"reset", runReset, {"--flag"}},
+    {"serve", runServe, {"--listen", "--model", "--per-frequency"}},
 };
 
 }  // namespace

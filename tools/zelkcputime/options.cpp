@@ -50,6 +50,15 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       parsed.error = loader::parseMapSize(name, i + 1 < args.size() ? args[i + 1] : "", entries);
       if (!parsed.error.empty()) return parsed;
       ++i;
+    } else if (name == "--listen" || name == "--model" || name == "--per-frequency") {
+      if (i + 1 >= args.size()) {
+        parsed.error = name + " takes a value";
+        return parsed;
+      }
+      std::string* value = name == "--listen"  ? &options.listen
+                           : name == "--model" ? &options.model
+                                               : &options.perFrequency;
+      *value = args[++i];
     } else if (name == "--json" || name == "--csv") {
       if (options.given.count(name == "--json" ? "--csv" : "--json") != 0) {
         parsed.error = "--json and --csv exclude each other";

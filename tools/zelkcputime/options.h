@@ -20,7 +20,8 @@ struct Options {
   unsigned seconds = 5;
   bool flag = false;  // the foreground entry of a process
   bool replace = false;
-  loader::MapSizes sizes;  // of load; 0: the machine's default
+  loader::MapSizes sizes;                   // of load; 0: the machine's default
+  std::string listen, model, perFrequency;  // of serve, as given
   bool verbose = false;
   bool help = false;
 };
@@ -31,7 +32,8 @@ struct ParsedOptions {
 };
 
 // Options: --json, --csv, --limit N, --seconds N (1 to 3600), --flag, --replace, --names N,
-// --kthreads N, --pids N, -v/--verbose, -h/--help; "--" ends the options, so that a task named like
+// --kthreads N, --pids N, --listen ADDR:PORT, --model PATH, --per-frequency REGEX, -v/--verbose,
+// -h/--help; "--" ends the options, so that a task named like
 // one can be given.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 
