@@ -121,6 +121,12 @@ std::string HttpServer::start(const ListenAddress& address, MetricsHandler handl
   return "";
 }
 
+uint16_t HttpServer::port() const {
+  mg_server_port ports[1] = {};
+  if (context_ == nullptr || mg_get_server_ports(context_, 1, ports) < 1) return 0;
+  return static_cast<uint16_t>(ports[0].port);
+}
+
 void HttpServer::stop() {
   if (context_ == nullptr) return;
   mg_stop(context_);

@@ -51,6 +51,8 @@ class HttpServer {
   void stop();
 
   const MetricsHandler& handler() const { return handler_; }
+  // The port it listens on (the one the system chose, for port 0); 0 when not started.
+  uint16_t port() const;
 
  private:
   mg_context* context_ = nullptr;
