@@ -256,8 +256,14 @@ TEST_F(ServeTest, EightScrapersForThirtySecondsAt500Processes) {
   EXPECT_EQ(incomplete, 0u);
   EXPECT_GT(complete, 30u);
   EXPECT_LE(descriptorsAfter, descriptorsBefore);
-  EXPECT_LE(residentEnd, residentWarm + std::max<uint64_t>(2048, residentWarm / 10))
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // The sanitizers' allocators hold freed memory back on purpose (quarantine, shadow).
+  (void)residentWarm;
+  (void)residentEnd;
+#else
+  EXPECT_LE(residentEnd, residentWarm + std::max<uint64_t>(1024, residentWarm / 20))
       << "resident memory grew under a steady load";
+#endif
   EXPECT_EQ(serve->stop(), 0) << serve->output();
 }
 

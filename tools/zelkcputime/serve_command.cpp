@@ -1,6 +1,7 @@
 // serve: a Prometheus exporter. Tracking runs in this process, as with start; the counts are read
 // at each scrape and never cleared, since other consumers share the maps and counters must only
 // grow (a reset by someone else shows as a counter reset, which Prometheus handles).
+#include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -60,6 +61,9 @@ int runServe(const Options& options) {
   pthread_sigmask(SIG_BLOCK, &stops, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
+  // Each of the server's workers would otherwise grow an allocator arena of its own to the
+  // size of an exposition; scrapes share one collection anyway.
+  mallopt(M_ARENA_MAX, 2);
   MetricsExporter exporter({}, {}, perFrequency ? &*perFrequency : nullptr);
   std::atomic<bool> tracking{false};
   HttpServer server;
