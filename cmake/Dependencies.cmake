@@ -10,6 +10,9 @@ find_library(ZELK_LIBLOG log PATHS ${ZELK_ANDROID_LIBDIR} NO_DEFAULT_PATH REQUIR
 find_path(ZELK_BCC_INCLUDE_DIR bcc/libbpf.h REQUIRED)
 find_library(ZELK_LIBBCC_BPF bcc_bpf REQUIRED)
 find_library(ZELK_LIBBPF bpf REQUIRED)
+# zelkcputime serve's HTTP server.
+find_path(ZELK_CIVETWEB_INCLUDE_DIR civetweb.h REQUIRED)
+find_library(ZELK_LIBCIVETWEB civetweb REQUIRED)
 
 add_library(zelk::android_base UNKNOWN IMPORTED)
 set_target_properties(zelk::android_base PROPERTIES
@@ -26,6 +29,10 @@ set_target_properties(zelk::bcc_bpf PROPERTIES
   INTERFACE_INCLUDE_DIRECTORIES ${ZELK_BCC_INCLUDE_DIR})
 add_library(zelk::libbpf UNKNOWN IMPORTED)
 set_target_properties(zelk::libbpf PROPERTIES IMPORTED_LOCATION ${ZELK_LIBBPF})
+add_library(zelk::civetweb UNKNOWN IMPORTED)
+set_target_properties(zelk::civetweb PROPERTIES
+  IMPORTED_LOCATION ${ZELK_LIBCIVETWEB}
+  INTERFACE_INCLUDE_DIRECTORIES ${ZELK_CIVETWEB_INCLUDE_DIR})
 
 # The power profile's XML parser, the platform's own.
 find_package(tinyxml2 REQUIRED)

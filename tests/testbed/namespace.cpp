@@ -1,8 +1,12 @@
 #include "namespace.h"
 
 #include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -15,6 +19,17 @@ namespace zelk::testbed {
 namespace {
 
 std::string failure(const char* what) { return std::string(what) + ": " + strerror(errno); }
+
+std::string enterPrivateNetwork() {
+  if (unshare(CLONE_NEWNET) != 0) return failure("unshare(CLONE_NEWNET)");
+  const android::base::unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ifreq request = {};
+  strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+  if (fd.get() < 0 || ioctl(fd.get(), SIOCGIFFLAGS, &request) != 0) return failure("reading lo");
+  request.ifr_flags |= IFF_UP;
+  if (ioctl(fd.get(), SIOCSIFFLAGS, &request) != 0) return failure("bringing lo up");
+  return "";
+}
 
 }  // namespace
 
@@ -35,6 +50,7 @@ std::string enterPrivateNamespace(const NamespaceOptions& options) {
   if (options.tracefs && mount("tracefs", "/sys/kernel/tracing", "tracefs", 0, nullptr) != 0) {
     return failure("mounting tracefs");
   }
+  if (options.network) return enterPrivateNetwork();
   return "";
 }
 

@@ -1,6 +1,7 @@
 // A private mount namespace per test process: fresh bpffs on /sys/fs/bpf, a tmpfs over the
-// cpufreq directory, optionally tracefs. The production paths stay fixed; only the mounts differ.
-// And cpufreq policy trees under that tmpfs, in the kernel's own file format.
+// cpufreq directory, optionally tracefs and a private network. The production paths stay fixed;
+// only the mounts differ. And cpufreq policy trees under that tmpfs, in the kernel's own file
+// format.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,6 +14,9 @@ namespace zelk::testbed {
 
 struct NamespaceOptions {
   bool tracefs = false;  // mount tracefs on /sys/kernel/tracing (for attaching programs)
+  // A network namespace of its own with only loopback, up: servers on fixed ports meet no other
+  // test's, and nothing they send leaves the machine.
+  bool network = false;
 };
 
 // Empty string on success, else what failed.

@@ -20,6 +20,7 @@ int runShow(const Options& options);
 int runReset(const Options& options);
 int runDemo(const Options& options);
 int runTop(const Options& options);
+int runServe(const Options& options);
 
 // Prints "zelkcputime: <message>" to stderr and returns kExitFailure.
 int fail(const std::string& message);

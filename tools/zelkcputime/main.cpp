@@ -47,6 +47,9 @@ constexpr const char kUsage[] =
     "                          frequency, bands and power per task; keys c/p/f sort by CPU,\n"
     "                          power, frequency, k kernel threads, space freezes, q quits\n"
     "  reset processes | kthreads | total | topbg | process NAME [--flag] | kthread NAME\n"
+    "  serve [--listen ADDR:PORT] [--per-frequency REGEX]\n"
+    "                          load if needed, track, and serve Prometheus metrics on\n"
+    "                          http://ADDR:PORT/metrics (default 127.0.0.1:10410) until stopped\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
     "  --limit N               at most N rows per table (0: all; default 20 in tables, 10 in\n"
@@ -75,6 +78,7 @@ const Command kCommands[] = {
      runTop,
      {"--interval", "--iterations", "--batch", "--kthreads", "--model", "--voltage", "--limit",
       "--sample", "--sample-ms"}},
+    {"serve", runServe, {"--listen", "--model", "--per-frequency"}},
 };
 
 }  // namespace

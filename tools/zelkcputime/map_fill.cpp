@@ -77,13 +77,23 @@ uint64_t overflowNs(Overflow which) {
 
 }  // namespace
 
+std::vector<MapFill> measureMaps() {
+  std::vector<MapFill> maps;
+  for (const CountedMap& map : kMaps) {
+    if (std::optional<MapFill> measured = measure(map.name)) maps.push_back(std::move(*measured));
+  }
+  return maps;
+}
+
 Fill readFill() {
   Fill fill;
-  for (const CountedMap& map : kMaps) {
-    std::optional<MapFill> measured = measure(map.name);
-    if (!measured) continue;
-    if (map.overflow != Overflow::kNone) measured->overflowNs = overflowNs(map.overflow);
-    fill.maps.push_back(std::move(*measured));
+  fill.maps = measureMaps();
+  for (MapFill& map : fill.maps) {
+    for (const CountedMap& counted : kMaps) {
+      if (map.name == counted.name && counted.overflow != Overflow::kNone) {
+        map.overflowNs = overflowNs(counted.overflow);
+      }
+    }
   }
   fill.counts = lib::getOverflowCounts();
   return fill;

@@ -27,6 +27,9 @@ struct Fill {
 // Reads the pinned maps' entries and sizes, and the overflow through the library.
 Fill readFill();
 
+// The entries and sizes alone, without the overflow time (which takes more queries).
+std::vector<MapFill> measureMaps();
+
 // The maps above `percent` full, as warning lines.
 std::vector<std::string> fillWarnings(const Fill& fill, uint64_t percent = 90);
 

@@ -104,6 +104,12 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
         }
         options.voltage = volts;
       }
+    } else if (name == "--listen" || name == "--per-frequency") {
+      if (i + 1 >= args.size()) {
+        parsed.error = name + " takes a value";
+        return parsed;
+      }
+      (name == "--listen" ? options.listen : options.perFrequency) = args[++i];
     } else if (name == "--json" || name == "--csv") {
       if (options.given.count(name == "--json" ? "--csv" : "--json") != 0) {
         parsed.error = "--json and --csv exclude each other";

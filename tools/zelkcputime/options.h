@@ -24,6 +24,7 @@ struct Options {
   bool sample = false;     // sample the current frequency of every policy, not only tableless
   unsigned sampleMs = 20;  // the sampler's period
   loader::MapSizes sizes;  // of load; 0: the machine's default
+  std::string listen, perFrequency;  // of serve, as given
   bool verbose = false;
   bool help = false;
   std::string model;              // --model PATH: a power model
@@ -41,9 +42,9 @@ struct ParsedOptions {
 
 // Options: --json, --csv, --limit N, --seconds N (1 to 3600), --sample, --sample-ms N (1 to
 // 1000), --flag, --replace, --names N, --kthreads N, --pids N, --model PATH, --voltage V (volts,
-// a positive decimal), --interval S (0.1 to 3600 s), --iterations N, --batch, -v/--verbose,
-// -h/--help; "--" ends the options, so that a task named like one can be given. After `top`,
-// --kthreads takes no value.
+// a positive decimal), --interval S (0.1 to 3600 s), --iterations N, --batch, --listen
+// ADDR:PORT, --per-frequency REGEX, -v/--verbose, -h/--help; "--" ends the options, so that a
+// task named like one can be given. After `top`, --kthreads takes no value.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 
 }  // namespace zelk::cli

@@ -1,0 +1,295 @@
+// The metrics view as functions: the format an Accept header picks, label values for any bytes,
+// the exposition of a known snapshot, and the exporter's retries, 503 and shared collections.
+#include "exposition.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "metrics_exporter.h"
+
+namespace zelk::cli {
+namespace {
+
+namespace lib = com::zelkora;
+
+TEST(NegotiateFormat, OpenMetricsOnlyWhenRankedFirst) {
+  struct Case {
+    const char* accept;
+    ExpositionFormat format;
+  };
+  const Case cases[] = {
+      // Prometheus 2.42's own header.
+      {"application/openmetrics-text;version=1.0.0,application/openmetrics-text;version=0.0.1;"
+       "q=0.75,text/plain;version=0.0.4;q=0.5,*/*;q=0.1",
+       ExpositionFormat::kOpenMetrics},
+      {"application/openmetrics-text", ExpositionFormat::kOpenMetrics},
+      {"Application/OpenMetrics-Text; Version=\"1.0.0\"", ExpositionFormat::kOpenMetrics},
+      {"text/plain;version=0.0.4;q=0.9, application/openmetrics-text;q=0.8",
+       ExpositionFormat::kText},
+      {"text/plain;q=0.2, application/openmetrics-text;q=0.3", ExpositionFormat::kOpenMetrics},
+      {"application/openmetrics-text;version=0.0.1", ExpositionFormat::kText},
+      {"application/openmetrics-text;version=2.0.0,text/plain", ExpositionFormat::kText},
+      {"application/openmetrics-text;q=0", ExpositionFormat::kText},
+      {"application/openmetrics-text;q=abc", ExpositionFormat::kText},
+      {"", ExpositionFormat::kText},
+      {"*/*", ExpositionFormat::kText},
+      {",,;;=,", ExpositionFormat::kText},
+  };
+  for (const Case& c : cases) EXPECT_EQ(negotiateFormat(c.accept), c.format) << c.accept;
+  EXPECT_STREQ(contentType(ExpositionFormat::kText), "text/plain; version=0.0.4; charset=utf-8");
+  EXPECT_STREQ(contentType(ExpositionFormat::kOpenMetrics),
+               "application/openmetrics-text; version=1.0.0; charset=utf-8");
+}
+
+TEST(LabelValue, EscapesAndReplacesWhatTheFormatsForbid) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"kworker/0:1", R"("kworker/0:1")"},
+      {"a\"b", R"("a\"b")"},
+      {"back\\slash", R"("back\\slash")"},
+      {"new\nline", R"("new\nline")"},
+      {"tab\tcr\r", "\"tab\tcr\r\""},
+      {"caf\xc3\xa9", "\"caf\xc3\xa9\""},
+      {"\xff", "\"\xef\xbf\xbd\""},
+      {"\xc3\x28", "\"\xef\xbf\xbd(\""},                             // a lead byte without its tail
+      {"\xed\xa0\x80", "\"\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\""},  // a surrogate
+      {"\xe2\x82", "\"\xef\xbf\xbd\xef\xbf\xbd\""},                  // cut short at the end
+      {"", "\"\""},
+  };
+  for (const auto& [name, quoted] : cases) EXPECT_EQ(labelValue(name), quoted) << name;
+}
+
+// Two policies, the first listing 300 MHz twice (as a boost list may repeat one).
+Snapshot knownSnapshot() {
+  Snapshot s;
+  s.parts = kAllParts;
+  s.freqs = {{300000, 300000, 600000}, {1000000}};
+  s.total = {{1, 2, 1000000000}, {500000000}};
+  s.processes[{"app", 1}] = {{1000000000, 0, 500000000}, {0}};
+  s.processes[{"app", 0}] = {{0, 0, 0}, {250000000}};
+  s.kthreads[{"kworker/0:1", 1}] = {{3, 0, 0}, {0}};
+  s.top[{"app", 0}] = 2000000000;
+  s.bg[{"app", 0}] = 1500000000;
+  return s;
+}
+
+ExpositionInput knownInput(const Snapshot& snapshot, const std::regex* perFrequency) {
+  ExpositionInput input;
+  input.snapshot = &snapshot;
+  input.maps = {{"process_time_in_state_map", 3, 4096, std::nullopt}};
+  input.overflow = lib::OverflowCounts{0, 7, 0};
+  input.perFrequency = perFrequency;
+  input.stats = {1500000, 2, 1};
+  return input;
+}
+
+TEST(RenderExposition, TextFormatOfAKnownSnapshot) {
+  const Snapshot snapshot = knownSnapshot();
+  const std::regex app("app");
+  EXPECT_EQ(
+      renderExposition(knownInput(snapshot, &app), ExpositionFormat::kText),
+      R"(# HELP zelk_cpu_seconds_total CPU time of the whole system at each frequency of each cpufreq policy.
+# TYPE zelk_cpu_seconds_total counter
+zelk_cpu_seconds_total{policy="0",freq_khz="300000"} 0.000000003
+zelk_cpu_seconds_total{policy="0",freq_khz="600000"} 1
+zelk_cpu_seconds_total{policy="1",freq_khz="1000000"} 0.5
+# HELP zelk_process_cpu_seconds_total CPU time of the processes of each name, over all frequencies.
+# TYPE zelk_process_cpu_seconds_total counter
+zelk_process_cpu_seconds_total{comm="app",foreground="false"} 0.25
+zelk_process_cpu_seconds_total{comm="app",foreground="true"} 1.5
+# HELP zelk_process_cpu_cycles_total CPU time times frequency of the processes of each name: rate(cycles) / rate(seconds) is their average frequency in Hz.
+# TYPE zelk_process_cpu_cycles_total counter
+zelk_process_cpu_cycles_total{comm="app",foreground="false"} 250000000
+zelk_process_cpu_cycles_total{comm="app",foreground="true"} 600000000
+# HELP zelk_process_cpu_frequency_seconds_total CPU time of the processes of each name selected by --per-frequency, at each frequency.
+# TYPE zelk_process_cpu_frequency_seconds_total counter
+zelk_process_cpu_frequency_seconds_total{comm="app",foreground="false",policy="0",freq_khz="300000"} 0
+zelk_process_cpu_frequency_seconds_total{comm="app",foreground="false",policy="0",freq_khz="600000"} 0
+zelk_process_cpu_frequency_seconds_total{comm="app",foreground="false",policy="1",freq_khz="1000000"} 0.25
+zelk_process_cpu_frequency_seconds_total{comm="app",foreground="true",policy="0",freq_khz="300000"} 1
+zelk_process_cpu_frequency_seconds_total{comm="app",foreground="true",policy="0",freq_khz="600000"} 0.5
+zelk_process_cpu_frequency_seconds_total{comm="app",foreground="true",policy="1",freq_khz="1000000"} 0
+# HELP zelk_kthread_cpu_seconds_total CPU time of the kernel threads of each name, over all frequencies.
+# TYPE zelk_kthread_cpu_seconds_total counter
+zelk_kthread_cpu_seconds_total{comm="kworker/0:1"} 0.000000003
+# HELP zelk_kthread_cpu_cycles_total CPU time times frequency of the kernel threads of each name.
+# TYPE zelk_kthread_cpu_cycles_total counter
+zelk_kthread_cpu_cycles_total{comm="kworker/0:1"} 0.9
+# HELP zelk_foreground_seconds_total Time that tasks of each name spent in the foreground (not CPU time).
+# TYPE zelk_foreground_seconds_total counter
+zelk_foreground_seconds_total{comm="app"} 2
+# HELP zelk_background_seconds_total Time that tasks of each name spent in the background (not CPU time).
+# TYPE zelk_background_seconds_total counter
+zelk_background_seconds_total{comm="app"} 1.5
+# HELP zelk_cpu_frequency_info The frequencies of each cpufreq policy that the counts use.
+# TYPE zelk_cpu_frequency_info gauge
+zelk_cpu_frequency_info{policy="0",freq_khz="300000"} 1
+zelk_cpu_frequency_info{policy="0",freq_khz="600000"} 1
+zelk_cpu_frequency_info{policy="1",freq_khz="1000000"} 1
+# HELP zelk_map_entries Entries in each counting and pid map of the kernel object.
+# TYPE zelk_map_entries gauge
+zelk_map_entries{map="process_time_in_state_map"} 3
+# HELP zelk_map_capacity Entries that each counting and pid map can hold.
+# TYPE zelk_map_capacity gauge
+zelk_map_capacity{map="process_time_in_state_map"} 4096
+# HELP zelk_untracked_processes_total New processes that the full pid maps could not hold since the load.
+# TYPE zelk_untracked_processes_total counter
+zelk_untracked_processes_total 0
+# HELP zelk_overflowed_updates_total Time updates added to a full map's overflow entry since the load.
+# TYPE zelk_overflowed_updates_total counter
+zelk_overflowed_updates_total 7
+# HELP zelk_lost_updates_total Time updates lost since the load: a full map whose overflow entry a reset had just deleted.
+# TYPE zelk_lost_updates_total counter
+zelk_lost_updates_total 0
+# HELP zelk_exporter_query_failures_total Library queries that failed and were tried again, or ended a scrape.
+# TYPE zelk_exporter_query_failures_total counter
+zelk_exporter_query_failures_total 2
+# HELP zelk_exporter_failed_scrapes_total Scrapes answered 503 because a query kept failing.
+# TYPE zelk_exporter_failed_scrapes_total counter
+zelk_exporter_failed_scrapes_total 1
+# HELP zelk_exporter_scrape_duration_seconds Time this exposition took to read the library's tables and the maps.
+# TYPE zelk_exporter_scrape_duration_seconds gauge
+zelk_exporter_scrape_duration_seconds 0.0015
+)");
+}
+
+TEST(RenderExposition, OpenMetricsNamesFamiliesByTheirBaseAndEnds) {
+  const Snapshot snapshot = knownSnapshot();
+  const std::string om =
+      renderExposition(knownInput(snapshot, nullptr), ExpositionFormat::kOpenMetrics);
+  EXPECT_EQ(
+      om.rfind("# TYPE zelk_cpu_seconds counter\n# UNIT zelk_cpu_seconds seconds\n"
+               "# HELP zelk_cpu_seconds CPU time of the whole system at each frequency of each "
+               "cpufreq policy.\nzelk_cpu_seconds_total{policy=\"0\",freq_khz=\"300000\"} "
+               "0.000000003\n",
+               0),
+      0u)
+      << om;
+  EXPECT_NE(om.find("# TYPE zelk_process_cpu_cycles counter\n# HELP zelk_process_cpu_cycles "),
+            std::string::npos)
+      << "cycles have no unit line";
+  EXPECT_NE(om.find("# TYPE zelk_cpu_frequency info\n# HELP zelk_cpu_frequency The frequencies"),
+            std::string::npos);
+  EXPECT_NE(om.find("\nzelk_cpu_frequency_info{policy=\"1\",freq_khz=\"1000000\"} 1\n"),
+            std::string::npos);
+  EXPECT_NE(om.find("# TYPE zelk_map_entries gauge\n# HELP zelk_map_entries "), std::string::npos);
+  EXPECT_EQ(om.find("frequency_seconds"), std::string::npos) << "nothing selected";
+  const std::string end = "zelk_exporter_scrape_duration_seconds 0.0015\n# EOF\n";
+  ASSERT_GE(om.size(), end.size());
+  EXPECT_EQ(om.substr(om.size() - end.size()), end);
+}
+
+TEST(RenderExposition, NamesThatBecomeEqualAddUpAndLargeSumsStayExact) {
+  Snapshot s;
+  s.freqs = {{4000000}};
+  s.total = {{1}};
+  // Both names show as "a\uFFFD": one series, or the scrape would be rejected as a duplicate.
+  s.processes[{"a\xff", 0}] = {{1000000000}};
+  s.processes[{"a\xfe", 0}] = {{2000000000}};
+  // A year at 4 GHz: ns × kHz is past 64 bits.
+  s.kthreads[{"k", 1}] = {{31536000000000000ull}};
+  ExpositionInput input;
+  input.snapshot = &s;
+  const std::string text = renderExposition(input, ExpositionFormat::kText);
+  EXPECT_NE(
+      text.find("zelk_process_cpu_seconds_total{comm=\"a\xef\xbf\xbd\",foreground=\"false\"} 3\n"),
+      std::string::npos)
+      << text;
+  EXPECT_EQ(text.find("\xff"), std::string::npos);
+  EXPECT_NE(text.find("zelk_kthread_cpu_cycles_total{comm=\"k\"} 126144000000000000\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("zelk_kthread_cpu_seconds_total{comm=\"k\"} 31536000\n"), std::string::npos);
+  EXPECT_EQ(text.find("zelk_untracked_processes"), std::string::npos) << "no overflow counters";
+}
+
+// Fake library queries: each answers from `s` after failing its first `failures` calls.
+struct FakeLibrary {
+  Snapshot s = knownSnapshot();
+  std::atomic<int> processFailures{0};
+  std::atomic<int> processCalls{0};
+  std::chrono::milliseconds processDelay{0};
+
+  CollectSources sources() {
+    CollectSources sources;
+    sources.queries.freqs = [this] { return std::optional<FreqTable>(s.freqs); };
+    sources.queries.total = [this] { return std::optional<Times>(s.total); };
+    sources.queries.processes = [this]() -> std::optional<lib::TimeInStateTable> {
+      ++processCalls;
+      std::this_thread::sleep_for(processDelay);
+      if (processFailures > 0) {
+        --processFailures;
+        return std::nullopt;
+      }
+      return s.processes;
+    };
+    sources.queries.kthreads = [this] { return std::optional<lib::TimeInStateTable>(s.kthreads); };
+    sources.queries.top = [this] { return std::optional<lib::TimeTable>(s.top); };
+    sources.queries.bg = [this] { return std::optional<lib::TimeTable>(s.bg); };
+    sources.maps = [] { return std::vector<MapFill>{}; };
+    sources.overflow = [] { return std::optional<lib::OverflowCounts>(); };
+    return sources;
+  }
+};
+
+SnapshotRequest quickRetries() {
+  SnapshotRequest request;
+  request.attempts = 3;
+  request.pause = std::chrono::milliseconds(1);
+  return request;
+}
+
+TEST(MetricsExporter, RetriesAFailedWalkThenAnswersInFullOr503) {
+  FakeLibrary fake;
+  MetricsExporter exporter(fake.sources(), quickRetries());
+  fake.processFailures = 2;  // as when another process deletes keys under the walk
+  HttpResponse response = exporter.scrape("");
+  EXPECT_EQ(response.status, 200);
+  EXPECT_NE(response.body.find("zelk_process_cpu_seconds_total{comm=\"app\",foreground=\"true\"}"),
+            std::string::npos);
+  EXPECT_NE(response.body.find("\nzelk_exporter_query_failures_total 2\n"), std::string::npos);
+
+  fake.processFailures = 3;  // every try
+  response = exporter.scrape("application/openmetrics-text");
+  EXPECT_EQ(response.status, 503);
+  EXPECT_EQ(response.contentType, "text/plain; charset=utf-8");
+  EXPECT_EQ(response.body,
+            "zelkcputime: the counts could not be read: getProcessCpuFreqTimes failed 3 times "
+            "(run with -v for the library's messages)\n");
+
+  response = exporter.scrape("application/openmetrics-text");
+  EXPECT_EQ(response.status, 200);
+  EXPECT_EQ(response.contentType, "application/openmetrics-text; version=1.0.0; charset=utf-8");
+  EXPECT_NE(response.body.find("\nzelk_exporter_failed_scrapes_total 1\n"), std::string::npos);
+  EXPECT_NE(response.body.find("\nzelk_exporter_query_failures_total 5\n"), std::string::npos);
+}
+
+TEST(MetricsExporter, ConcurrentScrapersShareACollectionNoOlderThanTheirRequest) {
+  FakeLibrary fake;
+  fake.processDelay = std::chrono::milliseconds(100);
+  MetricsExporter exporter(fake.sources(), quickRetries());
+  std::vector<std::thread> scrapers;
+  std::atomic<int> stale{0}, answered{0};
+  for (int i = 0; i < 6; ++i) {
+    scrapers.emplace_back([&] {
+      const auto arrival = MetricsExporter::Clock::now();
+      const auto collected = exporter.collect(arrival);
+      if (collected->startedAt < arrival) ++stale;
+      if (collected->snapshot) ++answered;
+    });
+  }
+  for (std::thread& scraper : scrapers) scraper.join();
+  EXPECT_EQ(stale, 0);
+  EXPECT_EQ(answered, 6);
+  // The first collection, and at most one more for all who came while it ran.
+  const int calls = fake.processCalls;
+  EXPECT_LE(calls, 2);
+  // One who comes later gets a new one.
+  exporter.collect(MetricsExporter::Clock::now());
+  EXPECT_EQ(fake.processCalls, calls + 1) << "a later scrape was answered from an older one";
+}
+
+}  // namespace
+}  // namespace zelk::cli

@@ -1,0 +1,272 @@
+#include "serve_bed.h"
+
+#include <android-base/file.h>
+#include <arpa/inet.h>
+#include <civetweb.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <regex>
+#include <thread>
+
+namespace zelk::testbed {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+milliseconds left(Clock::time_point deadline) {
+  return std::max(milliseconds(0),
+                  std::chrono::duration_cast<milliseconds>(deadline - Clock::now()));
+}
+
+std::string urlEncoded(const std::string& text) {
+  std::string out;
+  for (const unsigned char c : text) {
+    if (isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+      out += static_cast<char>(c);
+    } else {
+      char escaped[4];
+      snprintf(escaped, sizeof(escaped), "%%%02X", c);
+      out += escaped;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+Background::Background(const std::string& path, const std::vector<std::string>& args) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return;
+  // Built before the fork: the child only calls async-signal-safe functions.
+  std::vector<char*> argv = {const_cast<char*>(path.c_str())};
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  pid_ = fork();
+  if (pid_ == 0) {
+    if (dup2(fds[1], 1) < 0 || dup2(fds[1], 2) < 0) _exit(126);
+    execv(path.c_str(), argv.data());
+    _exit(127);
+  }
+  close(fds[1]);
+  fd_ = fds[0];
+}
+
+Background::~Background() {
+  if (pid_ > 0) stop(milliseconds(5000));
+  if (fd_ >= 0) close(fd_);
+}
+
+void Background::drain(milliseconds timeout) {
+  pollfd p = {fd_, POLLIN, 0};
+  if (fd_ < 0 || poll(&p, 1, static_cast<int>(timeout.count())) <= 0) return;
+  char buffer[4096];
+  const ssize_t n = read(fd_, buffer, sizeof(buffer));
+  if (n > 0) {
+    output_.append(buffer, static_cast<size_t>(n));
+  } else {
+    close(fd_);  // the program ended
+    fd_ = -1;
+  }
+}
+
+bool Background::waitFor(const std::string& text, milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (output_.find(text) == std::string::npos) {
+    if (fd_ < 0 || Clock::now() >= deadline) return false;
+    drain(left(deadline));
+  }
+  return true;
+}
+
+const std::string& Background::output() {
+  while (fd_ >= 0) {
+    const size_t before = output_.size();
+    drain(milliseconds(0));
+    if (output_.size() == before) break;
+  }
+  return output_;
+}
+
+int Background::stop(milliseconds timeout) {
+  if (pid_ <= 0) return -1;
+  kill(pid_, SIGTERM);
+  const auto deadline = Clock::now() + timeout;
+  int status = 0;
+  pid_t done = 0;
+  while ((done = waitpid(pid_, &status, WNOHANG)) == 0 && Clock::now() < deadline) {
+    drain(milliseconds(20));
+  }
+  if (done == 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &status, 0);
+    status = -1;
+  }
+  pid_ = -1;
+  output();
+  return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+HttpReply httpRequest(uint16_t port, const std::string& method, const std::string& path,
+                      const std::string& accept) {
+  static std::once_flag initialised;
+  std::call_once(initialised, [] { mg_init_library(0); });
+  char error[256] = "";
+  const std::string acceptLine = accept.empty() ? "" : "Accept: " + accept + "\r\n";
+  mg_connection* connection =
+      mg_download("127.0.0.1", port, 0, error, sizeof(error),
+                  "%s %s HTTP/1.1\r\nHost: 127.0.0.1\r\n%sConnection: close\r\n\r\n",
+                  method.c_str(), path.c_str(), acceptLine.c_str());
+  HttpReply reply;
+  if (connection == nullptr) return reply;
+  const mg_response_info* info = mg_get_response_info(connection);
+  reply.status = info->status_code;
+  reply.contentLength = info->content_length;
+  for (int i = 0; i < info->num_headers; ++i) {
+    if (strcasecmp(info->http_headers[i].name, "Content-Type") == 0) {
+      reply.contentType = info->http_headers[i].value;
+    }
+  }
+  char buffer[16384];
+  for (int n; (n = mg_read(connection, buffer, sizeof(buffer))) > 0;) {
+    reply.body.append(buffer, static_cast<size_t>(n));
+  }
+  mg_close_connection(connection);
+  return reply;
+}
+
+namespace {
+
+int connectLoopback(uint16_t port) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+std::string rawTrickle(uint16_t port, const std::string& bytes, milliseconds interval,
+                       milliseconds timeout) {
+  const int fd = connectLoopback(port);
+  std::string reply;
+  const auto deadline = Clock::now() + timeout;
+  for (size_t i = 0; fd >= 0 && Clock::now() < deadline; ++i) {
+    if (i < bytes.size() && send(fd, &bytes[i], 1, MSG_NOSIGNAL) != 1) break;
+    pollfd p = {fd, POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(interval.count())) > 0) {
+      char buffer[4096];
+      const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+      if (n > 0) reply.append(buffer, static_cast<size_t>(n));
+      break;
+    }
+  }
+  if (fd >= 0) close(fd);
+  return reply;
+}
+
+std::string rawExchange(uint16_t port, const std::string& bytes, milliseconds timeout,
+                        milliseconds* closedAfter) {
+  const int fd = connectLoopback(port);
+  std::string reply;
+  const auto start = Clock::now();
+  if (fd >= 0) {
+    // A server that closes early resets the rest: what it answered first still counts.
+    send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    const auto deadline = start + timeout;
+    char buffer[4096];
+    for (;;) {
+      pollfd p = {fd, POLLIN, 0};
+      if (poll(&p, 1, static_cast<int>(left(deadline).count())) <= 0) break;
+      const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+      if (n <= 0) break;
+      reply.append(buffer, static_cast<size_t>(n));
+    }
+  }
+  if (closedAfter != nullptr) {
+    *closedAfter = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+  }
+  if (fd >= 0) close(fd);
+  return reply;
+}
+
+std::string installedProgram(const std::string& name) {
+  const std::string path = "/usr/bin/" + name;
+  return access(path.c_str(), X_OK) == 0 ? path : "";
+}
+
+std::string Prometheus::start(const std::string& config, uint16_t port) {
+  const std::string program = installedProgram("prometheus");
+  if (program.empty()) return "Debian's prometheus package is not installed";
+  char dir[] = "/tmp/zelk-prometheus-XXXXXX";
+  if (mkdtemp(dir) == nullptr) return std::string("mkdtemp: ") + strerror(errno);
+  dir_ = dir;
+  if (!android::base::WriteStringToFile(config, dir_ + "/prometheus.yml")) {
+    return "cannot write the configuration";
+  }
+  port_ = port;
+  server_.emplace(program,
+                  std::vector<std::string>{"--config.file=" + dir_ + "/prometheus.yml",
+                                           "--storage.tsdb.path=" + dir_ + "/data",
+                                           "--web.listen-address=127.0.0.1:" + std::to_string(port),
+                                           "--log.level=warn"});
+  const auto deadline = Clock::now() + milliseconds(30000);
+  while (Clock::now() < deadline) {
+    if (httpRequest(port, "GET", "/-/ready").status == 200) return "";
+    std::this_thread::sleep_for(milliseconds(100));
+  }
+  return "prometheus did not become ready: " + server_->output();
+}
+
+Prometheus::~Prometheus() {
+  server_.reset();
+  if (!dir_.empty()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(dir_, ignored);
+  }
+}
+
+std::optional<double> Prometheus::query(const std::string& expression) const {
+  const HttpReply reply =
+      httpRequest(port_, "GET", "/api/v1/query?query=" + urlEncoded(expression));
+  static const std::regex value(R"re("value":\[[0-9.e+]+,"([^"]+)"\])re");
+  std::smatch match;
+  if (reply.status != 200 || !std::regex_search(reply.body, match, value)) return std::nullopt;
+  return std::strtod(match[1].str().c_str(), nullptr);
+}
+
+uint64_t residentKiB(pid_t pid) {
+  std::string status;
+  android::base::ReadFileToString("/proc/" + std::to_string(pid) + "/status", &status);
+  static const std::regex rss(R"(VmRSS:\s+([0-9]+) kB)");
+  std::smatch match;
+  return std::regex_search(status, match, rss) ? std::stoull(match[1]) : 0;
+}
+
+size_t descriptorCount(pid_t pid) {
+  size_t count = 0;
+  std::error_code error;
+  for (auto it = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error);
+       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace zelk::testbed

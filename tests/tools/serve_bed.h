@@ -1,0 +1,88 @@
+// What the exporter's tests need around it: programs that run beside the test (the tool's serve,
+// Prometheus), an HTTP client (civetweb's), raw bytes for requests no client would send, and the
+// Prometheus query API.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zelk::testbed {
+
+using std::chrono::milliseconds;
+
+// A program running beside the test, its output and errors collected from a pipe; ended with
+// SIGTERM (then SIGKILL) when the test is done with it.
+class Background {
+ public:
+  Background(const std::string& path, const std::vector<std::string>& args);
+  ~Background();
+  Background(const Background&) = delete;
+  Background& operator=(const Background&) = delete;
+
+  pid_t pid() const { return pid_; }
+  // Waits until the output holds `text`; false after `timeout` or when the program ended.
+  bool waitFor(const std::string& text, milliseconds timeout);
+  // SIGTERM, then the exit status (-1 when it had to be killed or died of a signal).
+  int stop(milliseconds timeout = milliseconds(10000));
+  // What it has written so far.
+  const std::string& output();
+
+ private:
+  void drain(milliseconds timeout);
+
+  pid_t pid_ = -1;
+  int fd_ = -1;
+  std::string output_;
+};
+
+struct HttpReply {
+  int status = -1;  // -1: no answer
+  std::string contentType;
+  int64_t contentLength = -1;  // -1: none given
+  std::string body;
+};
+
+// One request through civetweb's client, on a connection of its own.
+HttpReply httpRequest(uint16_t port, const std::string& method, const std::string& path,
+                      const std::string& accept = "");
+
+// Sends `bytes` on a new connection to 127.0.0.1:`port` and returns what comes back until the
+// server closes it or `timeout` passes; `*closedAfter` is how long the server took to close.
+std::string rawExchange(uint16_t port, const std::string& bytes, milliseconds timeout,
+                        milliseconds* closedAfter = nullptr);
+
+// Sends `bytes` one at a time, `interval` apart, until the server answers or closes, or
+// `timeout` passes; returns what came back.
+std::string rawTrickle(uint16_t port, const std::string& bytes, milliseconds interval,
+                       milliseconds timeout);
+
+// The path of /usr/bin/`name`, or "" when it is not installed.
+std::string installedProgram(const std::string& name);
+
+// Debian's Prometheus on 127.0.0.1:`port`, with `config` as its configuration and a fresh
+// storage folder.
+class Prometheus {
+ public:
+  // "" once it answers ready, else what failed.
+  std::string start(const std::string& config, uint16_t port);
+  ~Prometheus();
+  // An instant query: the value of the first sample, or nothing.
+  std::optional<double> query(const std::string& expression) const;
+  std::string log() { return server_ ? server_->output() : ""; }
+
+ private:
+  uint16_t port_ = 0;
+  std::string dir_;
+  std::optional<Background> server_;
+};
+
+// Resident memory (VmRSS, KiB) and open descriptors of a process.
+uint64_t residentKiB(pid_t pid);
+size_t descriptorCount(pid_t pid);
+
+}  // namespace zelk::testbed

@@ -1,0 +1,271 @@
+// The built zelkcputime serve in the test's private mount and network namespaces: its command
+// line and address errors, a real Prometheus that scrapes it, and eight scrapers at once.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <regex>
+#include <thread>
+
+#include "child_process.h"
+#include "e2e_bed.h"
+#include "serve_bed.h"
+
+namespace zelk::testbed {
+namespace {
+
+using Args = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char kTotalPin[] = "/sys/fs/bpf/map_zelkCputimeInState_total_cpu_time_in_state_map";
+constexpr uint16_t kPort = 10410;  // the default
+constexpr uint16_t kPrometheusPort = 19090;
+
+ChildResult runTool(const Args& args) { return runProgram(ZELK_TOOL_PATH, args); }
+
+bool contains(const std::string& text, const std::string& pattern) {
+  return std::regex_search(text, std::regex(pattern));
+}
+
+class ServeTest : public KernelTest {
+ protected:
+  NamespaceOptions namespaceOptions() const override { return {.tracefs = true, .network = true}; }
+
+  // The tool serving on the default address once it says so.
+  void startServe(std::optional<Background>* serve) {
+    serve->emplace(ZELK_TOOL_PATH, Args{"serve"});
+    ASSERT_TRUE((*serve)->waitFor("serving http://127.0.0.1:10410/metrics", milliseconds(30000)))
+        << (*serve)->output();
+  }
+};
+
+TEST_F(ServeTest, CommandLineAndAddressErrors) {
+  const std::pair<Args, std::string> usage[] = {
+      {{"serve", "--listen", "127.0.0.1:0"}, "port out of range \\(1 to 65535\\): 0\n"},
+      {{"serve", "--listen", "127.0.0.1:65536"}, "port out of range \\(1 to 65535\\): 65536\n"},
+      {{"serve", "--listen", "localhost:80"}, "--listen takes an IPv4 address"},
+      {{"serve", "--listen"}, "--listen takes a value"},
+      {{"serve", "--per-frequency", "(unclosed"}, "--per-frequency: not a regular expression"},
+      {{"serve", "now"}, "serve takes no argument"},
+      {{"show", "total", "--listen", "127.0.0.1:1"}, "--listen does not apply to show"},
+  };
+  for (const auto& [args, message] : usage) {
+    const ChildResult run = runTool(args);
+    EXPECT_EQ(run.status, 2) << args[1] << ": " << run.output;
+    EXPECT_TRUE(contains(run.output, "^zelkcputime: .*" + message)) << run.output;
+  }
+  ChildResult run = runTool({"serve", "--model", "/nonexistent.json"});
+  EXPECT_EQ(run.status, 1) << run.output;
+  EXPECT_EQ(run.output,
+            "zelkcputime: --model: energy counters are not available in this build yet\n");
+
+  // Someone else has the port: said at once, before anything is loaded.
+  const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(kPort);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(bind(other, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(listen(other, 1), 0);
+  addMachinePolicy({300000, 600000});
+  run = runTool({"serve"});
+  EXPECT_EQ(run.status, 1) << run.output;
+  EXPECT_TRUE(contains(run.output,
+                       "^zelkcputime: cannot listen on 127.0.0.1:10410: .*Address "
+                       "already in use\\)?\n$"))
+      << run.output;
+  struct stat st;
+  EXPECT_NE(stat(kTotalPin, &st), 0) << "loaded although it could not serve";
+  close(other);
+}
+
+double realtimeSeconds() {
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<double>(ts.tv_sec) + ts.tv_nsec / 1e9;
+}
+
+TEST_F(ServeTest, PrometheusStoresWhatSchedstatCounts) {
+  addMachinePolicy({300000, 600000});
+  std::optional<Background> serve;
+  ASSERT_NO_FATAL_FAILURE(startServe(&serve));
+  Prometheus prometheus;
+  const std::string error = prometheus.start(R"(global:
+  scrape_interval: 1s
+  scrape_timeout: 1s
+scrape_configs:
+  - job_name: zelk
+    static_configs: [{targets: ['127.0.0.1:10410']}]
+)",
+                                             kPrometheusPort);
+  if (error.find("not installed") != std::string::npos) ZELK_SKIP_OR_FAIL(error);
+  ASSERT_EQ(error, "");
+
+  // As in the library's own end-to-end tests: the name is taken at the start of a slice, so the
+  // runtime after the first word is what counts under it.
+  Child child([](Child& link) {
+    link.tell(0);
+    link.awaitGo();
+    setName("zelkbusy");
+    spin(milliseconds(1500));
+    link.tell(1);
+    link.awaitGo();
+  });
+  ASSERT_TRUE(child.next().has_value());
+  ASSERT_TRUE(waitUntilBlocked(child.pid()));
+  const uint64_t before = runtimeNs(child.pid()).value_or(0);
+  child.go();
+  ASSERT_TRUE(child.next().has_value());
+  ASSERT_TRUE(waitUntilBlocked(child.pid()));
+  const uint64_t runtime = runtimeNs(child.pid()).value_or(0) - before;
+  const double blockedAt = realtimeSeconds();
+
+  // A sample scraped after the child stopped running, as Prometheus stored it.
+  const std::string series = "zelk_process_cpu_seconds_total{comm=\"zelkbusy\"}";
+  ASSERT_TRUE(waitUntil(
+      [&] { return prometheus.query("max(timestamp(" + series + "))").value_or(0) > blockedAt; },
+      milliseconds(15000)))
+      << prometheus.log();
+  const double stored = prometheus.query("sum(" + series + ")").value_or(0);
+  printf("zelkbusy: Prometheus stored %.6f s, schedstat %.6f s (%+.3f%%)\n", stored, runtime / 1e9,
+         100 * (stored * 1e9 - runtime) / runtime);
+  EXPECT_NEAR(stored * 1e9, static_cast<double>(runtime), 0.02 * runtime);
+  // All its time at the policy's current frequency, 300 MHz.
+  const double hz = prometheus
+                        .query("sum(zelk_process_cpu_cycles_total{comm=\"zelkbusy\"}) / " +
+                               std::string("sum(") + series + ")")
+                        .value_or(0);
+  EXPECT_NEAR(hz, 300e6, 1);
+  EXPECT_EQ(prometheus.query("up{job=\"zelk\"}"), 1.0);
+  EXPECT_EQ(prometheus.query("count(zelk_cpu_frequency_info)"), 2.0);
+  EXPECT_GT(
+      prometheus.query("sum(zelk_map_entries{map=\"process_time_in_state_map\"})").value_or(0), 0);
+  child.go();
+  EXPECT_EQ(serve->stop(), 0) << serve->output();
+  EXPECT_TRUE(contains(serve->output(), "stopped; the counts stay in the maps\n"))
+      << serve->output();
+}
+
+// Short-lived processes with `count` names of their own, so that the process table holds them.
+void runNamedProcesses(int count) {
+  const pid_t filler = fork();
+  if (filler == 0) {
+    for (int i = 0; i < count; ++i) {
+      if (fork() == 0) {
+        char name[16];
+        snprintf(name, sizeof(name), "zelkload%03d", i);
+        setName(name);
+        spin(milliseconds(1));
+        _exit(0);
+      }
+      wait(nullptr);
+    }
+    _exit(0);
+  }
+  waitpid(filler, nullptr, 0);
+}
+
+struct Percentiles {
+  double p50, p99, max;
+};
+
+Percentiles percentiles(std::vector<double> ms) {
+  std::sort(ms.begin(), ms.end());
+  if (ms.empty()) return {0, 0, 0};
+  return {ms[ms.size() / 2], ms[ms.size() * 99 / 100], ms.back()};
+}
+
+TEST_F(ServeTest, EightScrapersForThirtySecondsAt500Processes) {
+  addMachinePolicy({300000, 600000});
+  std::optional<Background> serve;
+  ASSERT_NO_FATAL_FAILURE(startServe(&serve));
+  runNamedProcesses(500);
+  HttpReply reply = httpRequest(kPort, "GET", "/metrics");
+  ASSERT_EQ(reply.status, 200);
+  size_t loaded = 0;
+  for (size_t at = 0; (at = reply.body.find("\nzelk_process_cpu_seconds_total{comm=\"zelkload",
+                                            at)) != std::string::npos;
+       ++at) {
+    ++loaded;
+  }
+  ASSERT_GE(loaded, 500u) << "the process table does not hold the 500 names";
+  for (int i = 0; i < 20; ++i) httpRequest(kPort, "GET", "/metrics");  // warm-up
+  const pid_t pid = serve->pid();
+  // The warm-up's connections closed on the server's side too.
+  std::this_thread::sleep_for(milliseconds(500));
+  const size_t descriptorsBefore = descriptorCount(pid);
+
+  const auto end = Clock::now() + std::chrono::seconds(30);
+  std::atomic<uint64_t> complete{0}, incomplete{0};
+  std::vector<std::vector<double>> latencies(8);
+  std::vector<std::thread> scrapers;
+  for (size_t s = 0; s < latencies.size(); ++s) {
+    scrapers.emplace_back([&, s] {
+      const bool openMetrics = s % 2 == 0;
+      while (Clock::now() < end) {
+        const auto start = Clock::now();
+        const HttpReply r = httpRequest(kPort, "GET", "/metrics",
+                                        openMetrics ? "application/openmetrics-text" : "");
+        latencies[s].push_back(
+            std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+        const std::string last =
+            openMetrics ? "\n# EOF\n" : "\nzelk_exporter_scrape_duration_seconds ";
+        const bool whole = r.status == 200 &&
+                           r.contentLength == static_cast<int64_t>(r.body.size()) &&
+                           r.body.find(last) != std::string::npos && r.body.back() == '\n';
+        ++(whole ? complete : incomplete);
+      }
+    });
+  }
+  // Resident memory every 5 s; the first 10 s warm up (each worker thread's allocator arena
+  // grows to its largest exposition once).
+  std::vector<uint64_t> resident;
+  for (int i = 0; i < 5; ++i) {
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    resident.push_back(residentKiB(pid));
+  }
+  for (std::thread& scraper : scrapers) scraper.join();
+  resident.push_back(residentKiB(pid));
+  const uint64_t residentWarm = resident[1], residentEnd = resident.back();
+  std::string residentSeries;
+  for (const uint64_t kib : resident) residentSeries += " " + std::to_string(kib);
+  // Connections close with their request; give the server a moment to close its side.
+  waitUntil([&] { return descriptorCount(pid) <= descriptorsBefore; }, milliseconds(5000));
+  const size_t descriptorsAfter = descriptorCount(pid);
+
+  std::vector<double> all;
+  for (const auto& l : latencies) all.insert(all.end(), l.begin(), l.end());
+  const Percentiles p = percentiles(all);
+  reply = httpRequest(kPort, "GET", "/metrics");
+  std::smatch duration;
+  std::regex_search(reply.body, duration,
+                    std::regex("\nzelk_exporter_scrape_duration_seconds ([0-9.e-]+)\n"));
+  printf(
+      "%zu process entries: %llu scrapes in 30 s by 8 scrapers (%.1f/s), latency p50 %.1f ms, "
+      "p99 %.1f ms, max %.1f ms; the exporter's own read %s s; RSS every 5 s (KiB):%s; "
+      "descriptors %zu before, %zu after\n",
+      loaded, static_cast<unsigned long long>(complete + incomplete),
+      (complete + incomplete) / 30.0, p.p50, p.p99, p.max, duration[1].str().c_str(),
+      residentSeries.c_str(), descriptorsBefore, descriptorsAfter);
+  EXPECT_EQ(incomplete, 0u);
+  EXPECT_GT(complete, 30u);
+  EXPECT_LE(descriptorsAfter, descriptorsBefore);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // The sanitizers' allocators hold freed memory back on purpose (quarantine, shadow).
+  (void)residentWarm;
+  (void)residentEnd;
+#else
+  EXPECT_LE(residentEnd, residentWarm + std::max<uint64_t>(1024, residentWarm / 20))
+      << "resident memory grew under a steady load";
+#endif
+  EXPECT_EQ(serve->stop(), 0) << serve->output();
+}
+
+}  // namespace
+}  // namespace zelk::testbed
