@@ -293,3 +293,56 @@ TEST(MetricsExporter, ConcurrentScrapersShareACollectionNoOlderThanTheirRequest)
 
 }  // namespace
 }  // namespace zelk::cli
+
+namespace zelk::cli {
+namespace {
+
+// One policy at 1 and 2 GHz: "app" ran 1 s at 1 GHz and 0.5 s at 2 GHz, "k" 0.25 s at 2 GHz.
+Snapshot energySnapshot() {
+  Snapshot s;
+  s.freqs = {{1000000, 2000000}};
+  s.total = {{1000000000, 750000000}};
+  s.processes[{"app", 1}] = {{1000000000, 500000000}};
+  s.kthreads[{"k", 1}] = {{0, 250000000}};
+  return s;
+}
+
+TEST(RenderExposition, EnergyCountersInJoulesOrCoulombsWithTheModel) {
+  const Snapshot s = energySnapshot();
+  lib::PowerModel model;
+  model.freqRates = {{100000.0, 400000.0}};  // µW: 0.1 W and 0.4 W per CPU
+  model.policyRates = {0.0};
+  ExpositionInput input;
+  input.snapshot = &s;
+  input.model = &model;
+  std::string text = renderExposition(input, ExpositionFormat::kText);
+  // 1 s × 0.1 W + 0.5 s × 0.4 W = 0.3 J; 0.25 s × 0.4 W = 0.1 J; the whole system 0.4 J.
+  EXPECT_NE(text.find("\nzelk_process_cpu_joules_total{comm=\"app\",foreground=\"true\"} 0.3\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("\nzelk_kthread_cpu_joules_total{comm=\"k\"} 0.1\n"), std::string::npos);
+  EXPECT_NE(text.find("\nzelk_cpu_joules_total 0.4\n"), std::string::npos);
+  const std::string om = renderExposition(input, ExpositionFormat::kOpenMetrics);
+  EXPECT_NE(
+      om.find("# TYPE zelk_process_cpu_joules counter\n# UNIT zelk_process_cpu_joules joules\n"),
+      std::string::npos)
+      << om;
+
+  // A current-based profile without a voltage: 100 µAh per CPU-second at 1 GHz, so 1 s is
+  // 100 µAh, which is 0.36 C.
+  model.unit = lib::EnergyUnit::kMicroampHours;
+  model.freqRates = {{100.0, 0.0}};
+  text = renderExposition(input, ExpositionFormat::kText);
+  EXPECT_NE(text.find("\nzelk_process_cpu_coulombs_total{comm=\"app\",foreground=\"true\"} 0.36\n"),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(text.find("joules"), std::string::npos);
+
+  // Without a model, no energy family at all.
+  input.model = nullptr;
+  EXPECT_EQ(renderExposition(input, ExpositionFormat::kText).find("zelk_cpu_joules"),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace zelk::cli

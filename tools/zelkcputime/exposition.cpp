@@ -104,8 +104,12 @@ enum class Kind { kCounter, kGauge, kInfo };
 // policy lists twice, give one series rather than a duplicate that the scrape would reject.
 class Family {
  public:
-  Family(const char* name, Kind kind, const char* unit, const char* help, unsigned scale)
-      : name_(name), kind_(kind), unit_(unit), help_(help), scale_(scale) {}
+  Family(std::string name, Kind kind, std::string unit, std::string help, unsigned scale)
+      : name_(std::move(name)),
+        kind_(kind),
+        unit_(std::move(unit)),
+        help_(std::move(help)),
+        scale_(scale) {}
 
   void add(const std::string& labels, Units units) {
     const auto [it, inserted] = index_.try_emplace(labels, samples_.size());
@@ -234,6 +238,60 @@ void addClassTimes(const lib::TimeTable& table, Family* family) {
   for (const auto& [name, ns] : rows) family->add(labels({{"comm", labelValue(name)}}), ns);
 }
 
+// The counters of a power model: joules, coulombs for a current-based profile, or the abstract
+// scale's own unit. The library gives whole µJ or µAh; 1 µAh is 3600 µC.
+struct EnergyFamilies {
+  explicit EnergyFamilies(const lib::PowerModel& model)
+      : unit(model.unit),
+        total(name("zelk_cpu"), Kind::kCounter, unitName(), help("the whole system"), scale()),
+        process(name("zelk_process_cpu"), Kind::kCounter, unitName(),
+                help("the processes of each name"), scale()),
+        kthread(name("zelk_kthread_cpu"), Kind::kCounter, unitName(),
+                help("the kernel threads of each name"), scale()) {}
+
+  std::string name(const std::string& prefix) const {
+    return prefix + (unit == lib::EnergyUnit::kMicrojoules     ? "_joules"
+                     : unit == lib::EnergyUnit::kMicroampHours ? "_coulombs"
+                                                               : "_energy_abstract");
+  }
+  const char* unitName() const {
+    return unit == lib::EnergyUnit::kMicrojoules     ? "joules"
+           : unit == lib::EnergyUnit::kMicroampHours ? "coulombs"
+                                                     : "";
+  }
+  std::string help(const std::string& whose) const {
+    return (unit == lib::EnergyUnit::kMicroampHours ? "Charge drawn by the CPU time of "
+            : unit == lib::EnergyUnit::kAbstract
+                ? "Energy on the Energy Model's abstract scale (relative only) of the CPU time of "
+                : "Energy of the CPU time of ") +
+           whose + ", from the power model.";
+  }
+  unsigned scale() const { return 6; }
+  Units value(const lib::EnergyEstimate& estimate) const {
+    return static_cast<Units>(estimate.energy) *
+           (unit == lib::EnergyUnit::kMicroampHours ? 3600 : 1);
+  }
+
+  void add(const lib::PowerModel& model, const Snapshot& s) {
+    if (const auto estimate = lib::estimateEnergy(model, s.total)) total.add("", value(*estimate));
+    for (const auto& [table, family, processes] :
+         {std::tuple{&s.processes, &process, true}, std::tuple{&s.kthreads, &kthread, false}}) {
+      for (const Task& task : byName(*table)) {
+        const auto estimate = lib::estimateEnergy(model, *task.times);
+        if (!estimate) continue;
+        const std::string comm = labelValue(task.name);
+        family->add(processes ? labels({{"comm", comm},
+                                        {"foreground", quoted(task.flag != 0 ? "true" : "false")}})
+                              : labels({{"comm", comm}}),
+                    value(*estimate));
+      }
+    }
+  }
+
+  lib::EnergyUnit unit;
+  Family total, process, kthread;
+};
+
 }  // namespace
 
 ExpositionFormat negotiateFormat(const std::string& accept) {
@@ -350,7 +408,18 @@ std::string renderExposition(const ExpositionInput& input, ExpositionFormat form
                 "Scrapes answered 503 because a query kept failing.", 0);
   failed.add("", input.stats.failedScrapes);
 
+  std::optional<EnergyFamilies> energy;
+  if (input.model != nullptr) {
+    energy.emplace(*input.model);
+    energy->add(*input.model, s);
+  }
+
   std::string out;
+  if (energy) {
+    for (const Family* family : {&energy->total, &energy->process, &energy->kthread}) {
+      family->render(format, &out);
+    }
+  }
   for (const Family* family :
        {&total, &processSeconds, &processCycles, &processFrequency, &kthreadSeconds, &kthreadCycles,
         &kthreadFrequency, &foreground, &background, &frequencies, &entries, &capacity, &untracked,

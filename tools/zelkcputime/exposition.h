@@ -9,6 +9,7 @@
 
 #include "map_fill.h"
 #include "snapshot.h"
+#include "zelkcpufreqtime_energy.h"
 
 namespace zelk::cli {
 
@@ -30,7 +31,8 @@ struct ExpositionInput {
   const Snapshot* snapshot = nullptr;  // every part
   std::vector<MapFill> maps;           // entries and capacity; overflowNs is not used
   std::optional<com::zelkora::OverflowCounts> overflow;
-  const std::regex* perFrequency = nullptr;  // names whose time is also shown per frequency
+  const std::regex* perFrequency = nullptr;         // names whose time is also shown per frequency
+  const com::zelkora::PowerModel* model = nullptr;  // energy (or charge) counters when given
   ExporterStats stats;
 };
 

@@ -47,7 +47,7 @@ constexpr const char kUsage[] =
     "                          frequency, bands and power per task; keys c/p/f sort by CPU,\n"
     "                          power, frequency, k kernel threads, space freezes, q quits\n"
     "  reset processes | kthreads | total | topbg | process NAME [--flag] | kthread NAME\n"
-    "  serve [--listen ADDR:PORT] [--per-frequency REGEX]\n"
+    "  serve [--listen ADDR:PORT] [--per-frequency REGEX] [--model PATH [--voltage V]]\n"
     "                          load if needed, track, and serve Prometheus metrics on\n"
     "                          http://ADDR:PORT/metrics (default 127.0.0.1:10410) until stopped\n"
     "\n"
@@ -78,7 +78,7 @@ const Command kCommands[] = {
      runTop,
      {"--interval", "--iterations", "--batch", "--kthreads", "--model", "--voltage", "--limit",
       "--sample", "--sample-ms"}},
-    {"serve", runServe, {"--listen", "--model", "--per-frequency"}},
+    {"serve", runServe, {"--listen", "--model", "--voltage", "--per-frequency"}},
 };
 
 }  // namespace

@@ -21,10 +21,12 @@ std::function<std::optional<T>()> counted(std::function<std::optional<T>()> quer
 }  // namespace
 
 MetricsExporter::MetricsExporter(CollectSources sources, SnapshotRequest request,
-                                 const std::regex* perFrequency)
+                                 const std::regex* perFrequency,
+                                 const com::zelkora::PowerModel* model)
     : sources_(std::move(sources)),
       request_(request),
       perFrequency_(perFrequency),
+      model_(model),
       queryFailures_(std::make_shared<std::atomic<uint64_t>>(0)) {
   request_.parts = kAllParts;
   SnapshotQueries& q = sources_.queries;
@@ -92,6 +94,7 @@ HttpResponse MetricsExporter::scrape(const std::string& accept) {
   input.maps = collected->maps;
   input.overflow = collected->overflow;
   input.perFrequency = perFrequency_;
+  input.model = model_;
   input.stats = {collected->collectNs, *queryFailures_, failedScrapes_};
   return {200, contentType(format), renderExposition(input, format)};
 }

@@ -47,8 +47,10 @@ class MetricsExporter {
   using Clock = std::chrono::steady_clock;
 
   // `perFrequency`, when given, outlives the exporter.
+  // `model`, when given, outlives the exporter too.
   explicit MetricsExporter(CollectSources sources = {}, SnapshotRequest request = {},
-                           const std::regex* perFrequency = nullptr);
+                           const std::regex* perFrequency = nullptr,
+                           const com::zelkora::PowerModel* model = nullptr);
 
   // A collection that started at or after `arrival`: the one under way if it started since,
   // else a new one. Concurrent scrapers thus share a walk of the maps, and none is older than
@@ -67,6 +69,7 @@ class MetricsExporter {
   CollectSources sources_;
   SnapshotRequest request_;
   const std::regex* perFrequency_;
+  const com::zelkora::PowerModel* model_;
   // Shared with the counting wrappers of the queries in sources_.
   std::shared_ptr<std::atomic<uint64_t>> queryFailures_;
   std::atomic<uint64_t> failedScrapes_{0};

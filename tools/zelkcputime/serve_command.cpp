@@ -11,6 +11,7 @@
 #include <regex>
 
 #include "commands.h"
+#include "energy_view.h"
 #include "environment.h"
 #include "http_server.h"
 #include "metrics_exporter.h"
@@ -36,9 +37,6 @@ std::string loadIfNeeded() {
 
 int runServe(const Options& options) {
   if (options.words.size() != 1) return usageError("serve takes no argument");
-  if (options.given.count("--model") != 0) {
-    return fail("--model: energy counters are not available in this build yet");
-  }
   ListenAddress address;
   const std::string listen = options.given.count("--listen") != 0 ? options.listen : kDefaultListen;
   if (std::string usage = parseListen(listen, &address); !usage.empty()) return usageError(usage);
@@ -64,18 +62,28 @@ int runServe(const Options& options) {
   // Each of the server's workers would otherwise grow an allocator arena of its own to the
   // size of an exposition; scrapes share one collection anyway.
   mallopt(M_ARENA_MAX, 2);
-  MetricsExporter exporter({}, {}, perFrequency ? &*perFrequency : nullptr);
+  // Read at the first scrape's time, once tracking has started and the policies are known.
+  std::optional<com::zelkora::PowerModel> model;
+  MetricsExporter exporter({}, {}, perFrequency ? &*perFrequency : nullptr, nullptr);
+  std::optional<MetricsExporter> withModel;
   std::atomic<bool> tracking{false};
   HttpServer server;
   // Listening first: a port in use is told before anything is loaded.
   const std::string error = server.start(address, [&](const std::string& accept) -> HttpResponse {
     if (!tracking) return {503, "text/plain; charset=utf-8", "zelkcputime: starting\n"};
-    return exporter.scrape(accept);
+    return (withModel ? *withModel : exporter).scrape(accept);
   });
   if (!error.empty()) return fail(error);
   if (std::string message = loadIfNeeded(); !message.empty()) return fail(message);
   if (!com::zelkora::startTrackingCpuFreqTime()) {
     return fail("the library could not start tracking (its messages above say why)");
+  }
+  if (options.given.count("--model") != 0) {
+    com::zelkora::PowerModelResult loaded = loadModelForTool(options.model, options.voltage);
+    if (!loaded.model) return fail(loaded.error);
+    model = std::move(loaded.model);
+    withModel.emplace(CollectSources{}, SnapshotRequest{}, perFrequency ? &*perFrequency : nullptr,
+                      &*model);
   }
   tracking = true;
   printOut("serving http://" + address.text() + "/metrics; tracking in process " +
