@@ -128,6 +128,9 @@ zelk_background_seconds_total{comm="app"} 1.5
 zelk_cpu_frequency_info{policy="0",freq_khz="300000"} 1
 zelk_cpu_frequency_info{policy="0",freq_khz="600000"} 1
 zelk_cpu_frequency_info{policy="1",freq_khz="1000000"} 1
+# HELP zelk_frequency_source_info Where the counts take the CPU frequency from: each change as it happens, or scaling_cur_freq sampled every period_ms (SAMPLED: a driver without a table).
+# TYPE zelk_frequency_source_info gauge
+zelk_frequency_source_info{source="events"} 1
 # HELP zelk_map_entries Entries in each counting and pid map of the kernel object.
 # TYPE zelk_map_entries gauge
 zelk_map_entries{map="process_time_in_state_map"} 3

@@ -15,6 +15,7 @@
 
 #include "child_process.h"
 #include "e2e_bed.h"
+#include "maps.h"
 #include "serve_bed.h"
 
 namespace zelk::testbed {
@@ -60,11 +61,6 @@ TEST_F(ServeTest, CommandLineAndAddressErrors) {
     EXPECT_EQ(run.status, 2) << args[1] << ": " << run.output;
     EXPECT_TRUE(contains(run.output, "^zelkcputime: .*" + message)) << run.output;
   }
-  ChildResult run = runTool({"serve", "--model", "/nonexistent.json"});
-  EXPECT_EQ(run.status, 1) << run.output;
-  EXPECT_EQ(run.output,
-            "zelkcputime: --model: energy counters are not available in this build yet\n");
-
   // Someone else has the port: said at once, before anything is loaded.
   const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = {};
@@ -74,7 +70,7 @@ TEST_F(ServeTest, CommandLineAndAddressErrors) {
   ASSERT_EQ(bind(other, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
   ASSERT_EQ(listen(other, 1), 0);
   addMachinePolicy({300000, 600000});
-  run = runTool({"serve"});
+  ChildResult run = runTool({"serve"});
   EXPECT_EQ(run.status, 1) << run.output;
   EXPECT_TRUE(contains(run.output,
                        "^zelkcputime: cannot listen on 127.0.0.1:10410: .*Address "
@@ -83,6 +79,42 @@ TEST_F(ServeTest, CommandLineAndAddressErrors) {
   struct stat st;
   EXPECT_NE(stat(kTotalPin, &st), 0) << "loaded although it could not serve";
   close(other);
+
+  // A model that cannot be read: its one line, naming the file, once tracking could start.
+  run = runTool({"serve", "--model", "/nonexistent.csv"});
+  EXPECT_EQ(run.status, 1) << run.output;
+  EXPECT_TRUE(contains(run.output, "zelkcputime: .*/nonexistent.csv")) << run.output;
+}
+
+// On a driver without a frequency table (intel_pstate-like), serve counts as the demo does, on
+// bins at the sampled scaling_cur_freq, and says so in a metric.
+TEST_F(ServeTest, WithoutAFrequencyTableItServesSampledBins) {
+  std::vector<uint64_t> cpus;
+  for (uint32_t cpu = 0; cpu < possibleCpus(); ++cpu) cpus.push_back(cpu);
+  writeCpufreqFile("policy0/related_cpus", kernelList(cpus));
+  writeCpufreqFile("policy0/cpuinfo_min_freq", "800000\n");
+  writeCpufreqFile("policy0/cpuinfo_max_freq", "1000000\n");
+  writeCpufreqFile("policy0/scaling_driver", "amd-pstate\n");
+  writeCpufreqFile("policy0/scaling_cur_freq", "1000000\n");
+  Background serve(ZELK_TOOL_PATH, Args{"serve", "--sample-ms", "10"});
+  ASSERT_TRUE(serve.waitFor("serving http://127.0.0.1:10410/metrics", milliseconds(30000)))
+      << serve.output();
+  EXPECT_TRUE(contains(serve.output(), "SAMPLED every 10 ms")) << serve.output();
+  std::this_thread::sleep_for(milliseconds(500));
+  const HttpReply reply = httpRequest(kPort, "GET", "/metrics");
+  ASSERT_EQ(reply.status, 200) << reply.body;
+  EXPECT_TRUE(contains(reply.body,
+                       "\nzelk_frequency_source_info\\{source=\"sampled\","
+                       "period_ms=\"10\"\\} 1\n"))
+      << reply.body;
+  // Three bins, and the time at the sampled 1 GHz.
+  EXPECT_TRUE(
+      contains(reply.body, "\nzelk_cpu_frequency_info\\{policy=\"0\",freq_khz=\"900000\"\\} 1\n"))
+      << reply.body;
+  EXPECT_TRUE(contains(
+      reply.body, "\nzelk_cpu_seconds_total\\{policy=\"0\",freq_khz=\"1000000\"\\} [0-9.]*[1-9]"))
+      << reply.body;
+  EXPECT_EQ(serve.stop(), 0) << serve.output();
 }
 
 double realtimeSeconds() {

@@ -74,17 +74,6 @@ std::string checkFrequencyTable(const PolicyDir& policy) {
          "scaling_cur_freq, in its own namespace";
 }
 
-std::string checkCpufreq() {
-  const std::vector<PolicyDir> policies = cpufreqPolicies();
-  for (const PolicyDir& policy : policies) {
-    if (std::string message = checkFrequencyTable(policy); !message.empty()) return message;
-  }
-  if (!policies.empty()) return "";
-  return std::string("no cpufreq policies in ") + kCpufreqDir +
-         ": this machine has no cpufreq driver (usual in virtual machines), so it has no CPU "
-         "frequencies to account for; `zelkcputime demo` shows the tool on a synthetic policy";
-}
-
 std::string checkPins() {
   size_t expected = 0;
   const std::vector<std::string> missing = missingPins(&expected);
@@ -95,6 +84,17 @@ std::string checkPins() {
 }
 
 }  // namespace
+
+std::string checkCpufreq() {
+  const std::vector<PolicyDir> policies = cpufreqPolicies();
+  for (const PolicyDir& policy : policies) {
+    if (std::string message = checkFrequencyTable(policy); !message.empty()) return message;
+  }
+  if (!policies.empty()) return "";
+  return std::string("no cpufreq policies in ") + kCpufreqDir +
+         ": this machine has no cpufreq driver (usual in virtual machines), so it has no CPU "
+         "frequencies to account for; `zelkcputime demo` shows the tool on a synthetic policy";
+}
 
 std::string checkReady() {
   for (auto check : {checkRoot, checkCpufreq, checkBpffs, checkPins}) {

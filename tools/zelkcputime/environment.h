@@ -12,6 +12,8 @@ inline constexpr const char kCpufreqDir[] = "/sys/devices/system/cpu/cpufreq";
 // Each returns "" when the need is met, else the message to print.
 std::string checkRoot();   // CAP_SYS_ADMIN, or CAP_BPF with CAP_PERFMON
 std::string checkBpffs();  // a BPF filesystem on /sys/fs/bpf
+// At least one cpufreq policy directory, each with a frequency table.
+std::string checkCpufreq();
 
 // Root, cpufreq, bpffs, pins (cpufreq first: loading cannot fix a machine without
 // frequencies); the first message, or "".

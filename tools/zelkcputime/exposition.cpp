@@ -358,6 +358,15 @@ std::string renderExposition(const ExpositionInput& input, ExpositionFormat form
   Family frequencies("zelk_cpu_frequency", Kind::kInfo, "",
                      "The frequencies of each cpufreq policy that the counts use.", 0);
 
+  Family source("zelk_frequency_source", Kind::kInfo, "",
+                "Where the counts take the CPU frequency from: each change as it happens, or "
+                "scaling_cur_freq sampled every period_ms (SAMPLED: a driver without a table).",
+                0);
+  source.set(input.sampledMs == 0
+                 ? labels({{"source", quoted("events")}})
+                 : labels({{"source", quoted("sampled")},
+                           {"period_ms", quoted(std::to_string(input.sampledMs))}}),
+             1);
   for (size_t p = 0; p < s.freqs.size(); ++p) {
     for (const uint64_t khz : s.freqs[p]) {
       frequencies.set(labels({{"policy", quoted(std::to_string(p))},
@@ -422,8 +431,8 @@ std::string renderExposition(const ExpositionInput& input, ExpositionFormat form
   }
   for (const Family* family :
        {&total, &processSeconds, &processCycles, &processFrequency, &kthreadSeconds, &kthreadCycles,
-        &kthreadFrequency, &foreground, &background, &frequencies, &entries, &capacity, &untracked,
-        &overflowed, &lost, &failures, &failed, &duration}) {
+        &kthreadFrequency, &foreground, &background, &frequencies, &source, &entries, &capacity,
+        &untracked, &overflowed, &lost, &failures, &failed, &duration}) {
     family->render(format, &out);
   }
   if (format == ExpositionFormat::kOpenMetrics) out += "# EOF\n";

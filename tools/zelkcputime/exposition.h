@@ -33,6 +33,7 @@ struct ExpositionInput {
   std::optional<com::zelkora::OverflowCounts> overflow;
   const std::regex* perFrequency = nullptr;         // names whose time is also shown per frequency
   const com::zelkora::PowerModel* model = nullptr;  // energy (or charge) counters when given
+  unsigned sampledMs = 0;  // the sampler's period when frequencies are sampled, not followed
   ExporterStats stats;
 };
 

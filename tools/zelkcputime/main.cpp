@@ -78,7 +78,9 @@ const Command kCommands[] = {
      runTop,
      {"--interval", "--iterations", "--batch", "--kthreads", "--model", "--voltage", "--limit",
       "--sample", "--sample-ms"}},
-    {"serve", runServe, {"--listen", "--model", "--voltage", "--per-frequency"}},
+    {"serve",
+     runServe,
+     {"--listen", "--model", "--voltage", "--per-frequency", "--sample", "--sample-ms"}},
 };
 
 }  // namespace

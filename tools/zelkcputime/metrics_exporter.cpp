@@ -22,11 +22,12 @@ std::function<std::optional<T>()> counted(std::function<std::optional<T>()> quer
 
 MetricsExporter::MetricsExporter(CollectSources sources, SnapshotRequest request,
                                  const std::regex* perFrequency,
-                                 const com::zelkora::PowerModel* model)
+                                 const com::zelkora::PowerModel* model, unsigned sampledMs)
     : sources_(std::move(sources)),
       request_(request),
       perFrequency_(perFrequency),
       model_(model),
+      sampledMs_(sampledMs),
       queryFailures_(std::make_shared<std::atomic<uint64_t>>(0)) {
   request_.parts = kAllParts;
   SnapshotQueries& q = sources_.queries;
@@ -95,6 +96,7 @@ HttpResponse MetricsExporter::scrape(const std::string& accept) {
   input.overflow = collected->overflow;
   input.perFrequency = perFrequency_;
   input.model = model_;
+  input.sampledMs = sampledMs_;
   input.stats = {collected->collectNs, *queryFailures_, failedScrapes_};
   return {200, contentType(format), renderExposition(input, format)};
 }

@@ -50,7 +50,7 @@ class MetricsExporter {
   // `model`, when given, outlives the exporter too.
   explicit MetricsExporter(CollectSources sources = {}, SnapshotRequest request = {},
                            const std::regex* perFrequency = nullptr,
-                           const com::zelkora::PowerModel* model = nullptr);
+                           const com::zelkora::PowerModel* model = nullptr, unsigned sampledMs = 0);
 
   // A collection that started at or after `arrival`: the one under way if it started since,
   // else a new one. Concurrent scrapers thus share a walk of the maps, and none is older than
@@ -70,6 +70,7 @@ class MetricsExporter {
   SnapshotRequest request_;
   const std::regex* perFrequency_;
   const com::zelkora::PowerModel* model_;
+  unsigned sampledMs_;
   // Shared with the counting wrappers of the queries in sources_.
   std::shared_ptr<std::atomic<uint64_t>> queryFailures_;
   std::atomic<uint64_t> failedScrapes_{0};

@@ -11,6 +11,7 @@
 #include <regex>
 
 #include "commands.h"
+#include "demo_setup.h"
 #include "energy_view.h"
 #include "environment.h"
 #include "http_server.h"
@@ -20,6 +21,14 @@
 
 namespace zelk::cli {
 namespace {
+
+// A policy without a frequency table (or --sample): the library cannot count on the machine's
+// own tree, so serve counts as the demo does, in a namespace of its own on sampled frequencies.
+bool needsSampling(const Options& options) {
+  if (options.sample) return !cpufreqPolicies().empty();
+  const std::string problem = checkCpufreq();
+  return !problem.empty() && problem.find("publishes no frequency table") != std::string::npos;
+}
 
 // Loads the kernel object when its pins are missing, as `zelkcputime load` would; then the
 // checks of every command that uses it. "" when ready, else the message.
@@ -62,29 +71,38 @@ int runServe(const Options& options) {
   // Each of the server's workers would otherwise grow an allocator arena of its own to the
   // size of an exposition; scrapes share one collection anyway.
   mallopt(M_ARENA_MAX, 2);
-  // Read at the first scrape's time, once tracking has started and the policies are known.
+  // Made once tracking runs: the model is matched to the policies the library found, and the
+  // frequency source is known.
   std::optional<com::zelkora::PowerModel> model;
-  MetricsExporter exporter({}, {}, perFrequency ? &*perFrequency : nullptr, nullptr);
-  std::optional<MetricsExporter> withModel;
+  std::optional<MetricsExporter> exporter;
   std::atomic<bool> tracking{false};
   HttpServer server;
   // Listening first: a port in use is told before anything is loaded.
   const std::string error = server.start(address, [&](const std::string& accept) -> HttpResponse {
     if (!tracking) return {503, "text/plain; charset=utf-8", "zelkcputime: starting\n"};
-    return (withModel ? *withModel : exporter).scrape(accept);
+    return exporter->scrape(accept);
   });
   if (!error.empty()) return fail(error);
-  if (std::string message = loadIfNeeded(); !message.empty()) return fail(message);
-  if (!com::zelkora::startTrackingCpuFreqTime()) {
-    return fail("the library could not start tracking (its messages above say why)");
+  DemoMachine sampled;
+  if (needsSampling(options)) {
+    if (std::string error = setUpDemo({options.sample, options.sampleMs}, &sampled);
+        !error.empty()) {
+      return fail(error);
+    }
+    fprintf(stderr, "zelkcputime: %s\n", sampled.policies.c_str());
+  } else {
+    if (std::string message = loadIfNeeded(); !message.empty()) return fail(message);
+    if (!com::zelkora::startTrackingCpuFreqTime()) {
+      return fail("the library could not start tracking (its messages above say why)");
+    }
   }
   if (options.given.count("--model") != 0) {
     com::zelkora::PowerModelResult loaded = loadModelForTool(options.model, options.voltage);
     if (!loaded.model) return fail(loaded.error);
     model = std::move(loaded.model);
-    withModel.emplace(CollectSources{}, SnapshotRequest{}, perFrequency ? &*perFrequency : nullptr,
-                      &*model);
   }
+  exporter.emplace(CollectSources{}, SnapshotRequest{}, perFrequency ? &*perFrequency : nullptr,
+                   model ? &*model : nullptr, sampled.sampledMs);
   tracking = true;
   printOut("serving http://" + address.text() + "/metrics; tracking in process " +
            std::to_string(getpid()) + " until SIGINT or SIGTERM\n");
