@@ -82,10 +82,27 @@ void addPolicy(const std::string& name, const std::vector<uint64_t>& freqs,
   }
 }
 
-void addMachinePolicy(const std::vector<uint64_t>& freqs) {
+namespace {
+
+std::vector<uint64_t> machineCpus() {
   std::vector<uint64_t> cpus;
   for (uint32_t cpu = 0; cpu < possibleCpus(); ++cpu) cpus.push_back(cpu);
-  addPolicy("policy0", freqs, cpus);
+  return cpus;
+}
+
+}  // namespace
+
+void addMachinePolicy(const std::vector<uint64_t>& freqs) {
+  addPolicy("policy0", freqs, machineCpus());
+}
+
+void addTablelessMachinePolicy(const std::string& driver, uint64_t minKhz, uint64_t maxKhz,
+                               uint64_t currentKhz) {
+  writeCpufreqFile("policy0/related_cpus", kernelList(machineCpus()));
+  writeCpufreqFile("policy0/cpuinfo_min_freq", std::to_string(minKhz) + "\n");
+  writeCpufreqFile("policy0/cpuinfo_max_freq", std::to_string(maxKhz) + "\n");
+  writeCpufreqFile("policy0/scaling_driver", driver + "\n");
+  writeCpufreqFile("policy0/scaling_cur_freq", std::to_string(currentKhz) + "\n");
 }
 
 }  // namespace zelk::testbed

@@ -50,6 +50,11 @@ void addPolicy(const std::string& name, const std::vector<uint64_t>& freqs,
 // read.
 void addMachinePolicy(const std::vector<uint64_t>& freqs);
 
+// policy0 over every possible CPU as a driver without a frequency table shows it (intel_pstate,
+// amd-pstate): limits, a driver name and a current frequency, no table.
+void addTablelessMachinePolicy(const std::string& driver, uint64_t minKhz, uint64_t maxKhz,
+                               uint64_t currentKhz);
+
 }  // namespace zelk::testbed
 
 // In a test body or SetUp: skip, or fail under CI, with `reason`.

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "child_process.h"
-#include "maps.h"
 #include "namespace.h"
 
 namespace zelk::testbed {
@@ -91,13 +90,7 @@ class SampledFrequencyTest : public KernelTest {
   void SetUp() override {
     KernelTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    std::vector<uint64_t> cpus;
-    for (uint32_t cpu = 0; cpu < possibleCpus(); ++cpu) cpus.push_back(cpu);
-    writeCpufreqFile("policy0/related_cpus", kernelList(cpus));
-    writeCpufreqFile("policy0/cpuinfo_min_freq", "800000\n");
-    writeCpufreqFile("policy0/cpuinfo_max_freq", "3000000\n");
-    writeCpufreqFile("policy0/scaling_driver", "intel_pstate\n");
-    setCurrent(800000);
+    addTablelessMachinePolicy("intel_pstate", 800000, 3000000, 800000);
   }
 };
 

@@ -15,7 +15,6 @@
 
 #include "child_process.h"
 #include "e2e_bed.h"
-#include "maps.h"
 #include "serve_bed.h"
 
 namespace zelk::testbed {
@@ -89,13 +88,7 @@ TEST_F(ServeTest, CommandLineAndAddressErrors) {
 // On a driver without a frequency table (intel_pstate-like), serve counts as the demo does, on
 // bins at the sampled scaling_cur_freq, and says so in a metric.
 TEST_F(ServeTest, WithoutAFrequencyTableItServesSampledBins) {
-  std::vector<uint64_t> cpus;
-  for (uint32_t cpu = 0; cpu < possibleCpus(); ++cpu) cpus.push_back(cpu);
-  writeCpufreqFile("policy0/related_cpus", kernelList(cpus));
-  writeCpufreqFile("policy0/cpuinfo_min_freq", "800000\n");
-  writeCpufreqFile("policy0/cpuinfo_max_freq", "1000000\n");
-  writeCpufreqFile("policy0/scaling_driver", "amd-pstate\n");
-  writeCpufreqFile("policy0/scaling_cur_freq", "1000000\n");
+  addTablelessMachinePolicy("amd-pstate", 800000, 1000000, 1000000);
   Background serve(ZELK_TOOL_PATH, Args{"serve", "--sample-ms", "10"});
   ASSERT_TRUE(serve.waitFor("serving http://127.0.0.1:10410/metrics", milliseconds(30000)))
       << serve.output();
