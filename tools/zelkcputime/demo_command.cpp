@@ -10,6 +10,7 @@
 #include "demo_setup.h"
 #include "energy_view.h"
 #include "json_views.h"
+#include "library_log.h"
 #include "progress_bar.h"
 #include "snapshot.h"
 #include "text_views.h"
@@ -116,10 +117,17 @@ int runDemo(const Options& options) {
   if (options.words.size() != 1) return usageError("demo takes no argument");
   DemoMachine machine;
   const Sampling sampling{options.sample, options.sampleMs};
-  if (std::string error = setUpDemo(sampling, &machine); !error.empty()) return fail(error);
+  // The model is read once the policies are set up; a bad one is then the only thing said.
+  holdLibraryLog();
+  if (std::string error = setUpDemo(sampling, &machine); !error.empty()) {
+    releaseLibraryLog();
+    return fail(error);
+  }
   std::optional<lib::PowerModel> model;
   std::string energyNote, energyError;
-  if (!demoModel(options, &model, &energyNote, &energyError)) return fail(energyError);
+  const bool modelUsable = demoModel(options, &model, &energyNote, &energyError);
+  releaseLibraryLog(/*withNotes=*/modelUsable);
+  if (!modelUsable) return fail(energyError);
   if (options.format == Format::kText) {
     fprintf(stderr, "Tracking started; sampling for %u s.\n", options.seconds);
   }

@@ -16,11 +16,13 @@ std::mutex gMutex;
 bool gVerbose = false;
 bool gHeld = false;
 bool gTriggerNoted = false;
-std::vector<std::string> gHeldLines;
+bool gNotesDropped = false;
+std::vector<std::pair<std::string, bool>> gHeldLines;  // each line, and whether it is a note
 
-void emit(const std::string& line) {
+void emit(const std::string& line, bool note) {
+  if (note && gNotesDropped) return;
   if (gHeld) {
-    gHeldLines.push_back(line);
+    gHeldLines.emplace_back(line, note);
   } else {
     fprintf(stderr, "%s\n", line.c_str());
   }
@@ -32,12 +34,12 @@ void toStderr(const __android_logger_data* data, const char* message) {
     const std::string own = expectedConditionText(message);
     if (!own.empty()) {
       // Once: the library retries the trigger on each start.
-      if (!gTriggerNoted) emit(own);
+      if (!gTriggerNoted) emit(own, /*note=*/true);
       gTriggerNoted = true;
       return;
     }
   }
-  emit(std::string(data->tag != nullptr ? data->tag : "log") + ": " + message);
+  emit(std::string(data->tag != nullptr ? data->tag : "log") + ": " + message, /*note=*/false);
 }
 
 }  // namespace
@@ -66,10 +68,13 @@ void holdLibraryLog() {
   gHeld = true;
 }
 
-void releaseLibraryLog() {
+void releaseLibraryLog(bool withNotes) {
   std::lock_guard<std::mutex> lock(gMutex);
   gHeld = false;
-  for (const std::string& line : gHeldLines) fprintf(stderr, "%s\n", line.c_str());
+  gNotesDropped = !withNotes;
+  for (const auto& [line, note] : gHeldLines) {
+    if (withNotes || !note) fprintf(stderr, "%s\n", line.c_str());
+  }
   gHeldLines.clear();
 }
 

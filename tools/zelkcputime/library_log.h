@@ -10,9 +10,11 @@ namespace zelk::cli {
 // expected conditions get one line in the tool's own words instead of the library's.
 void routeLibraryLog(bool verbose);
 
-// While a full-screen view owns the terminal, lines wait; releasing prints them in order.
+// While a full-screen view owns the terminal, lines wait; releasing prints them in order. Without
+// `withNotes`, the notes on expected conditions are dropped, then and later: a command that ends
+// on its user's bad input says that one thing.
 void holdLibraryLog();
-void releaseLibraryLog();
+void releaseLibraryLog(bool withNotes = true);
 
 // The tool's line for a library line that reports an expected condition, or "" for a real error.
 std::string expectedConditionText(const std::string& message);
