@@ -183,9 +183,7 @@ void runNamedProcesses(int count) {
   if (filler == 0) {
     for (int i = 0; i < count; ++i) {
       if (fork() == 0) {
-        char name[16];
-        snprintf(name, sizeof(name), "zelkload%03d", i);
-        setName(name);
+        setName(("zelkload" + std::to_string(i)).c_str());
         spin(milliseconds(1));
         _exit(0);
       }
