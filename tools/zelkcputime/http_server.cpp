@@ -19,13 +19,20 @@ int logMessage(const mg_connection*, const char* message) {
   return 1;  // handled: civetweb writes no log of its own
 }
 
+// Debian's civetweb formats the Date header with gmtime(), whose buffer all threads share: the
+// workers send their headers one at a time.
+std::mutex gHeaderMutex;
+
 void send(mg_connection* connection, int status, const std::string& contentType,
           const std::string& body, bool withBody, const char* allow = nullptr) {
-  mg_response_header_start(connection, status);
-  mg_response_header_add(connection, "Content-Type", contentType.c_str(), -1);
-  mg_response_header_add(connection, "Content-Length", std::to_string(body.size()).c_str(), -1);
-  if (allow != nullptr) mg_response_header_add(connection, "Allow", allow, -1);
-  mg_response_header_send(connection);
+  {
+    std::lock_guard<std::mutex> lock(gHeaderMutex);
+    mg_response_header_start(connection, status);
+    mg_response_header_add(connection, "Content-Type", contentType.c_str(), -1);
+    mg_response_header_add(connection, "Content-Length", std::to_string(body.size()).c_str(), -1);
+    if (allow != nullptr) mg_response_header_add(connection, "Allow", allow, -1);
+    mg_response_header_send(connection);
+  }
   if (withBody) mg_write(connection, body.data(), body.size());
 }
 
