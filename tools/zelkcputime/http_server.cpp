@@ -4,7 +4,7 @@
 #include <civetweb.h>
 
 #include <cstring>
-#include <mutex>
+#include <ctime>
 
 #include "core/decimal.h"
 
@@ -19,20 +19,13 @@ int logMessage(const mg_connection*, const char* message) {
   return 1;  // handled: civetweb writes no log of its own
 }
 
-// Debian's civetweb formats the Date header with gmtime(), whose buffer all threads share: the
-// workers send their headers one at a time.
-std::mutex gHeaderMutex;
-
 void send(mg_connection* connection, int status, const std::string& contentType,
           const std::string& body, bool withBody, const char* allow = nullptr) {
-  {
-    std::lock_guard<std::mutex> lock(gHeaderMutex);
-    mg_response_header_start(connection, status);
-    mg_response_header_add(connection, "Content-Type", contentType.c_str(), -1);
-    mg_response_header_add(connection, "Content-Length", std::to_string(body.size()).c_str(), -1);
-    if (allow != nullptr) mg_response_header_add(connection, "Allow", allow, -1);
-    mg_response_header_send(connection);
-  }
+  mg_response_header_start(connection, status);
+  mg_response_header_add(connection, "Content-Type", contentType.c_str(), -1);
+  mg_response_header_add(connection, "Content-Length", std::to_string(body.size()).c_str(), -1);
+  if (allow != nullptr) mg_response_header_add(connection, "Allow", allow, -1);
+  mg_response_header_send(connection);
   if (withBody) mg_write(connection, body.data(), body.size());
 }
 
@@ -141,3 +134,11 @@ void HttpServer::stop() {
 }
 
 }  // namespace zelk::cli
+
+// Debian's civetweb formats the Date header of every answer, its own error answers included, with
+// gmtime(), whose one buffer all threads share: two workers answering at once race on it. This
+// program's gmtime, which the library's calls reach before libc's, keeps one buffer per thread.
+extern "C" struct tm* gmtime(const time_t* time) {
+  thread_local struct tm result;
+  return gmtime_r(time, &result);
+}
