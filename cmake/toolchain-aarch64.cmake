@@ -24,5 +24,10 @@ foreach(libdir usr/lib/aarch64-linux-gnu usr/lib/aarch64-linux-gnu/android lib/a
   string(APPEND CMAKE_SHARED_LINKER_FLAGS_INIT " -Wl,-rpath-link,${ZELK_ARM64_SYSROOT}/${libdir}")
 endforeach()
 
+# Linker scripts such as ncurses' libncurses.so name their library (libncurses.so.6) without a
+# path; it lives in lib/, which only -L searches.
+string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -L${ZELK_ARM64_SYSROOT}/lib/aarch64-linux-gnu")
+string(APPEND CMAKE_SHARED_LINKER_FLAGS_INIT " -L${ZELK_ARM64_SYSROOT}/lib/aarch64-linux-gnu")
+
 # qemu-user opens absolute paths under -L first, so the library's rpath resolves in the folder.
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L ${ZELK_ARM64_SYSROOT})
