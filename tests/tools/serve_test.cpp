@@ -255,7 +255,9 @@ TEST_F(ServeTest, EightScrapersForThirtySecondsAt500Processes) {
   }
   for (std::thread& scraper : scrapers) scraper.join();
   resident.push_back(residentKiB(pid));
-  const uint64_t residentWarm = resident[1], residentEnd = resident.back();
+  // Flat under the load: its last reading under load against the one after warm-up. The reading
+  // after the scrapers stop is shown, not judged: the allocator keeps what the last burst freed.
+  const uint64_t residentWarm = resident[1], residentEnd = resident[4];
   std::string residentSeries;
   for (const uint64_t kib : resident) residentSeries += " " + std::to_string(kib);
   // Connections close with their request; give the server a moment to close its side.
