@@ -1,6 +1,7 @@
 // The kernel's Energy Model as debugfs shows it: one directory per performance domain, with its
 // CPUs and one directory per performance state holding its frequency and power.
 #include <android-base/file.h>
+#include <android-base/stringprintf.h>
 #include <dirent.h>
 
 #include <cerrno>
@@ -11,6 +12,8 @@
 #include "core/number_file.h"
 #include "core/possible_cpus.h"
 #include "energy/raw_model.h"
+
+using android::base::StringPrintf;
 
 namespace com {
 namespace zelkora {
@@ -110,7 +113,7 @@ RawModelResult parseEnergyModel(const FileTree& files) {
     }
     std::map<uint64_t, std::string> stateOf;  // frequency -> the state that gave it
     for (const auto& [state, stateFiles] : d.states) {
-      const std::string where = name + "/" + state;
+      const std::string where = StringPrintf("%s/%s", name.c_str(), state.c_str());
       const auto frequencyText = stateFiles.find("frequency");
       const auto powerText = stateFiles.find("power");
       if (frequencyText == stateFiles.end()) return failure(where + ": no frequency file");
@@ -126,8 +129,9 @@ RawModelResult parseEnergyModel(const FileTree& files) {
                        quoted(powerText->second));
       }
       if (const auto seen = stateOf.find(khz); seen != stateOf.end()) {
-        return failure(name + ": duplicate frequency " + std::to_string(khz) + " kHz (" +
-                       seen->second + " and " + state + ")");
+        return failure(StringPrintf("%s: duplicate frequency %llu kHz (%s and %s)", name.c_str(),
+                                    static_cast<unsigned long long>(khz), seen->second.c_str(),
+                                    state.c_str()));
       }
       stateOf[khz] = state;
       domain.rates[khz] = *power * toMicrowatts;  // µW is µJ per second
@@ -179,7 +183,7 @@ bool readEnergyModelTree(const std::string& path, FileTree* files, std::string* 
   }
   for (const auto& [domain, isDir] : domains) {
     if (!isDir) continue;
-    const std::string dir = path + "/" + domain;
+    const std::string dir = StringPrintf("%s/%s", path.c_str(), domain.c_str());
     for (const char* name : {"cpus", "flags", "units"}) {
       if (!readIfPresent(dir, name, domain + "/" + name, files, error)) return false;
     }
@@ -190,10 +194,11 @@ bool readEnergyModelTree(const std::string& path, FileTree* files, std::string* 
     }
     for (const auto& [state, stateIsDir] : states) {
       if (!stateIsDir || !isStateName(state)) continue;
-      const std::string key = domain + "/" + state + "/";
+      const std::string key = StringPrintf("%s/%s/", domain.c_str(), state.c_str());
       (*files)[key] = "";
       for (const char* name : {"frequency", "power"}) {
-        if (!readIfPresent(dir + "/" + state, name, key + name, files, error)) return false;
+        const std::string stateDir = StringPrintf("%s/%s", dir.c_str(), state.c_str());
+        if (!readIfPresent(stateDir, name, key + name, files, error)) return false;
       }
     }
   }

@@ -3,6 +3,7 @@
 // (cpu.clusters.cores, cpu.core_speeds.clusterN, cpu.core_power.clusterN,
 // cpu.cluster_power.clusterN) or, in newer profiles, per policy (cpu.scaling_step_power.policyN
 // with one value per frequency of the policy, cpu.scaling_policy_power.policyN); and cpu.active.
+#include <android-base/stringprintf.h>
 #include <tinyxml2.h>
 
 #include <algorithm>
@@ -10,6 +11,8 @@
 
 #include "core/decimal.h"
 #include "energy/raw_model.h"
+
+using android::base::StringPrintf;
 
 namespace com {
 namespace zelkora {
@@ -173,8 +176,8 @@ bool clusterDomains(Profile* profile, double scale, std::vector<RawDomain>* doma
     const Entry* speedsEntry = profile->find(kCoreSpeeds + n);
     const Entry* powerEntry = profile->find(kCorePower + n);
     if (speedsEntry == nullptr || powerEntry == nullptr) {
-      profile->error = std::string("cluster ") + n + " of " + kClusterCores + " has no " +
-                       (speedsEntry == nullptr ? kCoreSpeeds : kCorePower) + n;
+      profile->error = StringPrintf("cluster %s of %s has no %s%s", n.c_str(), kClusterCores,
+                                    speedsEntry == nullptr ? kCoreSpeeds : kCorePower, n.c_str());
       return false;
     }
     std::vector<uint64_t> speeds;
@@ -184,8 +187,9 @@ bool clusterDomains(Profile* profile, double scale, std::vector<RawDomain>* doma
       return false;
     }
     if (speeds.size() != power.size()) {
-      profile->error = at(kCorePower + n, *powerEntry) + ": " + std::to_string(power.size()) +
-                       " values, but " + kCoreSpeeds + n + " has " + std::to_string(speeds.size());
+      profile->error =
+          StringPrintf("%s: %zu values, but %s%s has %zu", at(kCorePower + n, *powerEntry).c_str(),
+                       power.size(), kCoreSpeeds, n.c_str(), speeds.size());
       return false;
     }
     RawDomain domain;

@@ -59,8 +59,8 @@ std::string samplerText(const Options& options, const SamplerStats& stats) {
   snprintf(text, sizeof(text),
            "The frequency sampler woke %llu times in %u s and used %.2f ms of CPU (%llu "
            "readings skipped).\n",
-           static_cast<unsigned long long>(stats.wakeups), options.seconds, stats.cpuNs / 1e6,
-           static_cast<unsigned long long>(stats.skipped));
+           static_cast<unsigned long long>(stats.wakeups), options.seconds,
+           static_cast<double>(stats.cpuNs) / 1e6, static_cast<unsigned long long>(stats.skipped));
   return text;
 }
 

@@ -138,7 +138,7 @@ std::string csv(const EnergyView& v) {
 std::string checkWords(const Options& options) {
   const std::vector<std::string>& w = options.words;
   const std::vector<std::string> views = {"total", "processes", "kthreads", "process", "kthread"};
-  const std::string usage =
+  std::string usage =
       "show energy takes nothing, or one of total, processes, kthreads, process NAME, kthread "
       "NAME";
   if (w.size() == 2) return options.flag ? "--flag applies to show energy process" : "";

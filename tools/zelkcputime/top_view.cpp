@@ -1,6 +1,7 @@
 #include "top_view.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <numeric>
@@ -47,9 +48,10 @@ std::string bandBar(const FreqTable& freqs, const Times& times, size_t width) {
   double rest[kBands];
   size_t given = 0;
   for (size_t b = 0; b < kBands; ++b) {
-    const double exact = static_cast<double>(inBand[b]) * width / static_cast<double>(all);
+    const double exact =
+        static_cast<double>(inBand[b]) * static_cast<double>(width) / static_cast<double>(all);
     cells[b] = static_cast<size_t>(exact);
-    rest[b] = exact - cells[b];
+    rest[b] = exact - static_cast<double>(cells[b]);
     given += cells[b];
   }
   while (given < width) {
@@ -191,12 +193,17 @@ std::vector<std::string> topHeader(const SnapshotDiff& diff, const TopContext& c
     std::string bar;
     for (size_t f = 0; f < diff.total[p].size(); ++f) {
       const size_t cells =
-          capacityNs > 0 ? static_cast<size_t>(diff.total[p][f] * barWidth / capacityNs + 0.5) : 0;
+          capacityNs > 0
+              ? static_cast<size_t>(std::lround(static_cast<double>(diff.total[p][f]) *
+                                                static_cast<double>(barWidth) / capacityNs))
+              : 0;
       bar += std::string(cells, kBandChars[bandOf(f, diff.freqs[p].size())]);
     }
     bar = padRight(cut(bar, barWidth), barWidth);
     const std::string busy =
-        policyCpus > 0 && capacityNs > 0 ? fixed(100 * policyNs / capacityNs, 1) + "% busy" : "";
+        policyCpus > 0 && capacityNs > 0
+            ? fixed(100 * static_cast<double>(policyNs) / capacityNs, 1) + "% busy"
+            : "";
     const uint64_t avg = averageKhz({diff.freqs[p]}, {diff.total[p]});
     lines.push_back(cut("policy " + std::to_string(p) + " [" + bar + "] " + padLeft(busy, 11) +
                             "  avg " + (avg > 0 ? formatMhz(avg) + " MHz" : "-"),
