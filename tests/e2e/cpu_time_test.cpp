@@ -18,31 +18,6 @@ using namespace com::zelkora;
 
 using CpuTimeTest = TrackingTest;
 
-// A foreground child that, for each phase, tells the test and spins for that long on its go; it
-// then tells once more and blocks. Time is counted at switch-out under the name the task has
-// then, so it takes `name` at the start of a slice: what is counted under it is its runtime
-// after its first word.
-Child spinner(const char* name, std::vector<int> phaseMs) {
-  return Child([=](Child& link) {
-    setOomScoreAdj(0);
-    for (size_t i = 0; i < phaseMs.size(); ++i) {
-      link.tell(i);
-      link.awaitGo();
-      if (i == 0) setName(name);
-      spin(milliseconds(phaseMs[i]));
-    }
-    link.tell(phaseMs.size());
-    link.awaitGo();
-  });
-}
-
-// The child's runtime once it has told the test and switched out.
-uint64_t runtimeAtWord(Child& child) {
-  EXPECT_TRUE(child.next().has_value()) << "the child did not tell";
-  EXPECT_TRUE(waitUntilBlocked(child.pid()));
-  return runtimeNs(child.pid()).value_or(0);
-}
-
 // The object counts a CPU's wall time between switches, schedstat the task's own clock, which
 // leaves out interrupts and time the hypervisor took; under load here they differ by up to 1.4%.
 void expectWithin2Percent(const std::string& what, uint64_t counted, uint64_t runtime) {

@@ -14,23 +14,11 @@ using EnergyTest = TrackingTest;
 constexpr uint64_t kPowerUw = 750000;  // at 300000 kHz, the frequency the bed sets as current
 
 TEST_F(EnergyTest, ToolEnergyIsRuntimeTimesPowerAtTheCurrentFrequency) {
-  Child child([](Child& link) {
-    setOomScoreAdj(0);
-    link.tell(0);
-    link.awaitGo();
-    setName("zelkenergy");
-    spin(milliseconds(800));
-    link.tell(1);
-    link.awaitGo();
-  });
   // Counted under the new name from the slice after the first word, as in the time tests.
-  ASSERT_TRUE(child.next().has_value());
-  ASSERT_TRUE(waitUntilBlocked(child.pid()));
-  const uint64_t before = runtimeNs(child.pid()).value_or(0);
+  Child child = spinner("zelkenergy", {800});
+  const uint64_t before = runtimeAtWord(child);
   child.go();
-  ASSERT_TRUE(child.next().has_value());
-  ASSERT_TRUE(waitUntilBlocked(child.pid()));
-  const uint64_t runtime = runtimeNs(child.pid()).value_or(0) - before;
+  const uint64_t runtime = runtimeAtWord(child) - before;
 
   // Only the first frequency has a power: the time at the others is reported, not guessed.
   const std::string model = "/tmp/zelk-energy-test-model.csv";

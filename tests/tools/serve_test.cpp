@@ -134,21 +134,10 @@ scrape_configs:
 
   // As in the library's own end-to-end tests: the name is taken at the start of a slice, so the
   // runtime after the first word is what counts under it.
-  Child child([](Child& link) {
-    link.tell(0);
-    link.awaitGo();
-    setName("zelkbusy");
-    spin(milliseconds(1500));
-    link.tell(1);
-    link.awaitGo();
-  });
-  ASSERT_TRUE(child.next().has_value());
-  ASSERT_TRUE(waitUntilBlocked(child.pid()));
-  const uint64_t before = runtimeNs(child.pid()).value_or(0);
+  Child child = spinner("zelkbusy", {1500});
+  const uint64_t before = runtimeAtWord(child);
   child.go();
-  ASSERT_TRUE(child.next().has_value());
-  ASSERT_TRUE(waitUntilBlocked(child.pid()));
-  const uint64_t runtime = runtimeNs(child.pid()).value_or(0) - before;
+  const uint64_t runtime = runtimeAtWord(child) - before;
   const double blockedAt = realtimeSeconds();
 
   // A sample scraped after the child stopped running, as Prometheus stored it.
