@@ -11,34 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "background.h"
+
 namespace zelk::testbed {
 
 using std::chrono::milliseconds;
-
-// A program running beside the test, its output and errors collected from a pipe; ended with
-// SIGTERM (then SIGKILL) when the test is done with it.
-class Background {
- public:
-  Background(const std::string& path, const std::vector<std::string>& args);
-  ~Background();
-  Background(const Background&) = delete;
-  Background& operator=(const Background&) = delete;
-
-  pid_t pid() const { return pid_; }
-  // Waits until the output holds `text`; false after `timeout` or when the program ended.
-  bool waitFor(const std::string& text, milliseconds timeout);
-  // SIGTERM, then the exit status (-1 when it had to be killed or died of a signal).
-  int stop(milliseconds timeout = milliseconds(10000));
-  // What it has written so far.
-  const std::string& output();
-
- private:
-  void drain(milliseconds timeout);
-
-  pid_t pid_ = -1;
-  int fd_ = -1;
-  std::string output_;
-};
 
 struct HttpReply {
   int status = -1;  // -1: no answer

@@ -1,6 +1,5 @@
 // zelkcputime top in the test bed: its batch frames against busy children and a reset made by
 // another process, and its screen under tmux.
-#include <android-base/file.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/prctl.h>
@@ -15,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "background.h"
 #include "child_process.h"
 #include "namespace.h"
 
@@ -120,30 +120,19 @@ TEST_F(TopBatchTest, ResetByAnotherProcessGivesSaneRows) {
   ASSERT_EQ(runProgram(ZELK_TOOL_PATH, {"load"}).status, 0);
   const pid_t child = busyChild("zelktopreset", milliseconds(6000));
   ASSERT_GT(child, 0);
-  int out[2];
-  ASSERT_EQ(pipe(out), 0);
-  const pid_t top = fork();
-  ASSERT_GE(top, 0);
-  if (top == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    execl(ZELK_TOOL_PATH, ZELK_TOOL_PATH, "top", "--batch", "--interval", "1", "--iterations", "4",
-          nullptr);
-    _exit(127);
-  }
-  close(out[1]);
+  Background top(ZELK_TOOL_PATH, {"top", "--batch", "--interval", "1", "--iterations", "4"},
+                 /*withStderr=*/false);
+  ASSERT_GT(top.pid(), 0);
   std::this_thread::sleep_for(milliseconds(2200));  // after its first frames
   for (const char* what : {"processes", "total"}) {
     EXPECT_EQ(runProgram(ZELK_TOOL_PATH, {"reset", what}).status, 0) << what;
   }
-  std::string output;
-  android::base::ReadFdToString(out[0], &output);
-  close(out[0]);
-  int status = 0;
-  waitpid(top, &status, 0);
+  const int status = top.wait(milliseconds(10000));
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   runProgram(ZELK_TOOL_PATH, {"unload"});
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
+  const std::string& output = top.output();
+  ASSERT_EQ(status, 0) << output;
   const std::vector<std::string> frames = framesOf(output);
   ASSERT_EQ(frames.size(), 4u) << output;
   bool resetSeen = false;
@@ -163,16 +152,8 @@ TEST_F(TopBatchTest, ResetByAnotherProcessGivesSaneRows) {
 TEST_F(TopBatchTest, OwnCostAtFiveHundredEntriesIsUnderOnePercent) {
   ASSERT_EQ(runProgram(ZELK_TOOL_PATH, {"load"}).status, 0);
   // top tracks in its own process: the named children run while it does.
-  int out[2];
-  ASSERT_EQ(pipe(out), 0);
-  const pid_t top = fork();
-  ASSERT_GE(top, 0);
-  if (top == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    execl(ZELK_TOOL_PATH, ZELK_TOOL_PATH, "top", "--batch", "--iterations", "4", nullptr);
-    _exit(127);
-  }
-  close(out[1]);
+  Background top(ZELK_TOOL_PATH, {"top", "--batch", "--iterations", "4"}, /*withStderr=*/false);
+  ASSERT_GT(top.pid(), 0);
   std::this_thread::sleep_for(milliseconds(500));
   for (int i = 0; i < 500; ++i) {
     const pid_t named = fork();
@@ -185,14 +166,11 @@ TEST_F(TopBatchTest, OwnCostAtFiveHundredEntriesIsUnderOnePercent) {
     }
     waitpid(named, nullptr, 0);
   }
-  std::string output;
-  android::base::ReadFdToString(out[0], &output);
-  close(out[0]);
-  int status = 0;
-  waitpid(top, &status, 0);
+  const int status = top.wait(milliseconds(20000));
   const ChildResult rows = runProgram(ZELK_TOOL_PATH, {"show", "processes", "--csv"});
   runProgram(ZELK_TOOL_PATH, {"unload"});
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
+  const std::string& output = top.output();
+  ASSERT_EQ(status, 0) << output;
   const size_t entries =
       static_cast<size_t>(std::count(rows.output.begin(), rows.output.end(), '\n'));
   EXPECT_GE(entries, 500u) << rows.output.substr(0, 500);
