@@ -71,6 +71,10 @@ int runServe(const Options& options) {
   // Each of the server's workers would otherwise grow an allocator arena of its own to the
   // size of an exposition; scrapes share one collection anyway.
   mallopt(M_ARENA_MAX, 2);
+  // Expositions and their parts above 64 KiB get pages of their own, given back when freed; glibc
+  // would otherwise raise this threshold after the first such free and keep them in the heap,
+  // which concurrent scrapes then fragment, so that resident memory crept up for minutes.
+  mallopt(M_MMAP_THRESHOLD, 64 * 1024);
   // Made once tracking runs: the model is matched to the policies the library found, and the
   // frequency source is known.
   std::optional<com::zelkora::PowerModel> model;
