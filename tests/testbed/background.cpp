@@ -14,12 +14,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-milliseconds left(Clock::time_point deadline) {
+}  // namespace
+
+milliseconds timeLeft(Clock::time_point deadline) {
   return std::max(milliseconds(0),
                   std::chrono::duration_cast<milliseconds>(deadline - Clock::now()));
 }
-
-}  // namespace
 
 Background::Background(const std::string& path, const std::vector<std::string>& args,
                        bool withStderr) {
@@ -61,7 +61,7 @@ bool Background::waitFor(const std::string& text, milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (output_.find(text) == std::string::npos) {
     if (fd_ < 0 || Clock::now() >= deadline) return false;
-    drain(left(deadline));
+    drain(timeLeft(deadline));
   }
   return true;
 }

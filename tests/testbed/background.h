@@ -9,6 +9,9 @@
 
 namespace zelk::testbed {
 
+// The time until `deadline`, none once it has passed.
+std::chrono::milliseconds timeLeft(std::chrono::steady_clock::time_point deadline);
+
 // Ended with SIGTERM (then SIGKILL) when the test is done with it.
 class Background {
  public:

@@ -24,11 +24,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-milliseconds left(Clock::time_point deadline) {
-  return std::max(milliseconds(0),
-                  std::chrono::duration_cast<milliseconds>(deadline - Clock::now()));
-}
-
 std::string urlEncoded(const std::string& text) {
   std::string out;
   for (const unsigned char c : text) {
@@ -121,7 +116,7 @@ std::string rawExchange(uint16_t port, const std::string& bytes, milliseconds ti
     char buffer[4096];
     for (;;) {
       pollfd p = {fd, POLLIN, 0};
-      if (poll(&p, 1, static_cast<int>(left(deadline).count())) <= 0) break;
+      if (poll(&p, 1, static_cast<int>(timeLeft(deadline).count())) <= 0) break;
       const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
       if (n <= 0) break;
       reply.append(buffer, static_cast<size_t>(n));
