@@ -1,5 +1,6 @@
+#include <charconv>
 #include <cmath>
-#include <cstdlib>
+#include <system_error>
 
 #include "energy/raw_model.h"
 
@@ -17,7 +18,7 @@ std::optional<double> parsePowerNumber(const std::string& text, bool* negative) 
     minus = true;
     token.erase(0, 1);
   }
-  // Plain decimals only: strtod alone would also take hex, exponents, "inf" and "nan".
+  // Plain decimals only: from_chars alone would also take "inf" and "nan".
   const size_t dot = token.find('.');
   const std::string whole = token.substr(0, dot);
   const std::string fraction = dot == std::string::npos ? "" : token.substr(dot + 1);
@@ -26,8 +27,12 @@ std::optional<double> parsePowerNumber(const std::string& text, bool* negative) 
   };
   if (whole.empty() && fraction.empty()) return std::nullopt;
   if (!digitsOnly(whole) || !digitsOnly(fraction)) return std::nullopt;
-  const double value = strtod(token.c_str(), nullptr);
-  if (!std::isfinite(value)) return std::nullopt;
+  // from_chars, not strtod: a program that embeds the library may set a locale whose decimal
+  // separator is a comma, where strtod stops at the dot.
+  double value = 0;
+  const char* last = token.data() + token.size();
+  const auto [stop, error] = std::from_chars(token.data(), last, value, std::chars_format::fixed);
+  if (error != std::errc() || stop != last || !std::isfinite(value)) return std::nullopt;
   if (minus && value != 0) {
     if (negative != nullptr) *negative = true;
     return std::nullopt;

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <clocale>
 #include <cmath>
 #include <filesystem>
 
 #include "energy/raw_model.h"
+#include "namespace.h"
 #include "zelkcpufreqtime_energy.h"
 
 namespace com::zelkora {
@@ -425,22 +427,32 @@ TEST_F(PowerModelTest, BadInputIsOneLineNamingTheFile) {
   EXPECT_EQ(loadError(missing), missing + ": No such file or directory");
 }
 
-TEST(PowerNumberTest, PlainNonNegativeDecimalsOnly) {
+// The same in a program that set a German locale, whose decimal separator is a comma: a
+// locale-following parser read 0.75 there as 0 and 1500.5 as 1500.
+TEST(PowerNumberTest, PlainNonNegativeDecimalsOnlyInAnyLocale) {
+  const std::string kHuge = "1" + std::string(400, '0');  // beyond a double
   const struct {
-    const char* text;
+    std::string text;
     std::optional<double> value;
     bool negative;
   } cases[] = {
-      {"17", 17, false},  {" 0.5\n", 0.5, false}, {".25", 0.25, false}, {"3.", 3, false},
-      {"-0", 0, false},   {"-2", {}, true},       {"", {}, false},      {".", {}, false},
-      {"1e3", {}, false}, {"0x10", {}, false},    {"inf", {}, false},   {"nan", {}, false},
-      {"1 2", {}, false}, {"+1", {}, false},      {"1.2.3", {}, false},
+      {"17", 17, false},    {" 0.5\n", 0.5, false}, {".25", 0.25, false},      {"3.", 3, false},
+      {"-0", 0, false},     {"0.75", 0.75, false},  {"1500.5", 1500.5, false}, {"-2", {}, true},
+      {"", {}, false},      {".", {}, false},       {"1e3", {}, false},        {"0x10", {}, false},
+      {"inf", {}, false},   {"nan", {}, false},     {"1 2", {}, false},        {"+1", {}, false},
+      {"1.2.3", {}, false}, {"1,5", {}, false},     {kHuge, {}, false},
   };
-  for (const auto& c : cases) {
-    bool negative = true;
-    EXPECT_EQ(parsePowerNumber(c.text, &negative), c.value) << '"' << c.text << '"';
-    EXPECT_EQ(negative, c.negative) << '"' << c.text << '"';
+  for (const char* locale : {"C", "de_DE.UTF-8"}) {
+    if (setlocale(LC_NUMERIC, locale) == nullptr) {
+      ZELK_SKIP_OR_FAIL(std::string("no locale ") + locale + " (scripts/install-deps makes it)");
+    }
+    for (const auto& c : cases) {
+      bool negative = true;
+      EXPECT_EQ(parsePowerNumber(c.text, &negative), c.value) << '"' << c.text << "\" " << locale;
+      EXPECT_EQ(negative, c.negative) << '"' << c.text << "\" " << locale;
+    }
   }
+  setlocale(LC_NUMERIC, "C");
 }
 
 }  // namespace
