@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <clocale>
 #include <thread>
 #include <vector>
 
 #include "metrics_exporter.h"
+#include "namespace.h"
 
 namespace zelk::cli {
 namespace {
@@ -34,11 +36,24 @@ TEST(NegotiateFormat, OpenMetricsOnlyWhenRankedFirst) {
       {"application/openmetrics-text;version=2.0.0,text/plain", ExpositionFormat::kText},
       {"application/openmetrics-text;q=0", ExpositionFormat::kText},
       {"application/openmetrics-text;q=abc", ExpositionFormat::kText},
+      // Not a quality (0 to 1, plain decimals): as not acceptable.
+      {"application/openmetrics-text;q=nan", ExpositionFormat::kText},
+      {"application/openmetrics-text;q=0x1", ExpositionFormat::kText},
+      {"text/plain;q=2,application/openmetrics-text;q=0.5", ExpositionFormat::kOpenMetrics},
       {"", ExpositionFormat::kText},
       {"*/*", ExpositionFormat::kText},
       {",,;;=,", ExpositionFormat::kText},
   };
-  for (const Case& c : cases) EXPECT_EQ(negotiateFormat(c.accept), c.format) << c.accept;
+  // Alike under a locale that writes 0.5 as 0,5.
+  for (const char* locale : {"C", "de_DE.UTF-8"}) {
+    if (setlocale(LC_NUMERIC, locale) == nullptr) {
+      ZELK_SKIP_OR_FAIL(std::string("no locale ") + locale + " (scripts/install-deps makes it)");
+    }
+    for (const Case& c : cases) {
+      EXPECT_EQ(negotiateFormat(c.accept), c.format) << c.accept << " " << locale;
+    }
+  }
+  setlocale(LC_NUMERIC, "C");
   EXPECT_STREQ(contentType(ExpositionFormat::kText), "text/plain; version=0.0.4; charset=utf-8");
   EXPECT_STREQ(contentType(ExpositionFormat::kOpenMetrics),
                "application/openmetrics-text; version=1.0.0; charset=utf-8");

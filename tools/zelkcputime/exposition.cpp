@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
+#include <charconv>
+#include <system_error>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -36,6 +37,16 @@ struct MediaRange {
   double q = 1;
 };
 
+// A q-value, 0 to 1 in plain decimals; anything else as 0, not acceptable. from_chars, not
+// strtod, so that the answer does not depend on the locale.
+double quality(const std::string& text) {
+  if (text.empty() || text.front() < '0' || text.front() > '9') return 0;  // no sign, inf or nan
+  double q = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, q, std::chars_format::fixed);
+  return error == std::errc() && stop == end && q <= 1 ? q : 0;
+}
+
 std::vector<MediaRange> parseAccept(const std::string& accept) {
   std::vector<MediaRange> ranges;
   size_t start = 0;
@@ -63,11 +74,7 @@ std::vector<MediaRange> parseAccept(const std::string& accept) {
         value = value.substr(1, value.size() - 2);
       }
       if (key == "version") range.version = value;
-      if (key == "q") {
-        char* rest = nullptr;
-        range.q = std::strtod(value.c_str(), &rest);
-        if (rest == value.c_str() || *rest != '\0') range.q = 0;
-      }
+      if (key == "q") range.q = quality(value);
     }
     if (!range.type.empty()) ranges.push_back(range);
   }
