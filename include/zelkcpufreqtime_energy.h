@@ -74,6 +74,9 @@ struct EnergyEstimate {
   EnergyUnit unit = EnergyUnit::kMicrojoules;
   uint64_t energy = 0;        // in `unit`, rounded; saturates at the largest uint64_t
   uint64_t unmodelledNs = 0;  // time at frequencies that the model has no power for
+  // `energy` before rounding, for rates over short times, where a whole unit is a coarse step
+  // (1 µAh in 2 s is 1.8 mA). A double, good to 15 significant digits.
+  double exactEnergy = 0;
 };
 
 using EnergyTable = std::unordered_map<process_key_char_t, EnergyEstimate, process_key_char_hash,

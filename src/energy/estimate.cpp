@@ -41,6 +41,7 @@ std::optional<EnergyEstimate> estimateEnergy(const PowerModel& model,
              (static_cast<long double>(*rate) + model.policyRates[p] + model.activeRate);
     }
   }
+  estimate.exactEnergy = static_cast<double>(sum / 1e9L);
   const long double energy = std::round(sum / 1e9L);
   constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
   estimate.energy = energy >= static_cast<long double>(kMax) ? kMax : static_cast<uint64_t>(energy);

@@ -229,6 +229,10 @@ TEST_F(PowerModelTest, PowerProfileClustersGiveChargeOrEnergyWithAVoltage) {
   // 3.6 s at 300000 kHz on cluster 0: (50 core + 2 cluster + 10 active) mA × 3.6 s = 62 µAh.
   const TimeInStateVector times = timesAt({{0, 300000, 3600 * kSecond / 1000}});
   EXPECT_EQ(estimate(charge, times).energy, 62u);
+  // 1 s: 17.2 µAh, given whole and as it is.
+  const EnergyEstimate second = estimate(charge, timesAt({{0, 300000, kSecond}}));
+  EXPECT_EQ(second.energy, 17u);
+  EXPECT_NEAR(second.exactEnergy, 62 / 3.6, 1e-9);
   // 36 s at 2803200 on cluster 1: (400 + 6.5 + 10) mA × 36 s = 4165 µAh; the little frequency
   // 403200 kHz is not in the profile.
   const EnergyEstimate both =

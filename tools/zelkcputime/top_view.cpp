@@ -69,7 +69,8 @@ std::optional<double> powerOf(const TopContext& context, const Times& times, dou
   if (context.model == nullptr || elapsedS <= 0) return std::nullopt;
   const auto estimate = lib::estimateEnergy(*context.model, times);
   if (!estimate) return std::nullopt;
-  const double perSecond = static_cast<double>(estimate->energy) / elapsedS;
+  // Unrounded: a whole µAh over an interval of seconds is a step of more than a mA.
+  const double perSecond = estimate->exactEnergy / elapsedS;
   // uJ/s is uW; uAh/s times 3600 is uA.
   return context.model->unit == lib::EnergyUnit::kMicroampHours ? perSecond * 3.6
                                                                 : perSecond / 1000;
