@@ -59,19 +59,30 @@ static __always_inline void zelk_add_total(__u32 slot, __u64 delta) {
   zelk_add_to_slot(value, slot, delta);
 }
 
-/* A task's entry, made when missing; the overflow entry of its class when the map is full. */
-static __always_inline void zelk_add_task_time(void* map, const struct zelk_process_key* key,
-                                               __u32 slot, __u64 delta) {
+/* Makes sure that the overflow entry `overflow` is in `map`, inserting `empty` (zeros). */
+static __always_inline void zelk_ensure_overflow(void* map, const struct zelk_process_key* overflow,
+                                                 const struct zelk_time_in_state* empty) {
+  if (!bpf_map_lookup_elem(map, overflow)) bpf_map_update_elem(map, overflow, empty, BPF_NOEXIST);
+}
+
+/* A task's entry, made when missing; the overflow entry of its class when the map is full. The
+ * overflow entries go in before any name, since a full map could not take them either; in the
+ * process map both classes' go in together, since a map filled with one class's names (nearly
+ * every process of a server is foreground, of a phone background) could not take the other's
+ * later. */
+static __always_inline void zelk_add_task_time(void* map, bool classes,
+                                               const struct zelk_process_key* key, __u32 slot,
+                                               __u64 delta) {
   struct zelk_time_in_state* value = bpf_map_lookup_elem(map, key);
 
   if (!value) {
-    struct zelk_process_key overflow = {.flag = key->flag};
+    struct zelk_process_key overflow = {.flag = !key->flag};
     struct zelk_time_in_state empty = {};
 
-    /* The overflow entry first: a full map could not take it either. */
     zelk_overflow_name(overflow.comm);
-    if (!bpf_map_lookup_elem(map, &overflow))
-      bpf_map_update_elem(map, &overflow, &empty, BPF_NOEXIST);
+    if (classes) zelk_ensure_overflow(map, &overflow, &empty);
+    overflow.flag = key->flag;
+    zelk_ensure_overflow(map, &overflow, &empty);
     bpf_map_update_elem(map, key, &empty, BPF_NOEXIST);
     value = bpf_map_lookup_elem(map, key);
     if (!value) value = zelk_overflow_entry(map, &overflow);
@@ -106,9 +117,9 @@ int sched_switch(struct trace_event_raw_sched_switch* ctx) {
 
   /* The tracepoint fires before the context switch: current is still prev. */
   if (zelk_running_task_key(&key))
-    zelk_add_task_time(&kthread_time_in_state_map, &key, slot, delta);
+    zelk_add_task_time(&kthread_time_in_state_map, /*classes=*/false, &key, slot, delta);
   else
-    zelk_add_task_time(&process_time_in_state_map, &key, slot, delta);
+    zelk_add_task_time(&process_time_in_state_map, /*classes=*/true, &key, slot, delta);
   return 0;
 }
 
