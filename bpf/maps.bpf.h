@@ -1,4 +1,5 @@
-/* The maps of zelkCputimeInState: the thirteen that the library uses, and overflow_count_map.
+/* The maps of zelkCputimeInState: the thirteen that the library uses, overflow_count_map and
+ * pid_lock_map.
  *
  * All hash maps are preallocated: the programs run inside the scheduler, where older kernels
  * must not allocate. The loader sets the name, kernel-thread and pid sizes for the machine
@@ -110,6 +111,15 @@ struct {
   __type(key, __u32);
   __type(value, zelk_u64);
 } overflow_count_map SEC(".maps");
+
+/* The pids whose period a program is closing right now (process_periods.bpf.h): one entry per
+ * running program at most, so one per CPU. Not one of the library's thirteen either. */
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, ZELK_CPU_ENTRIES);
+  __type(key, zelk_pid_key);
+  __type(value, zelk_u32);
+} pid_lock_map SEC(".maps");
 
 /* An array, read at every switch: a lookup costs a bounds check, where a hash lookup cost about
  * 30 ns here. A policy that was never written reads index 0, which counts nothing. */

@@ -15,6 +15,30 @@
 #include "overflow.bpf.h"
 #include "task.bpf.h"
 
+/* Programs on two CPUs can change one process at once: another process writes its oom_score_adj
+ * while it renames itself or while its last thread exits. Each would read the same period start
+ * and count the period up to its own moment, so the period would be counted twice; and a write
+ * after the exit would bring a dead pid back. The kernel serializes the adj writes (one mutex)
+ * and a task's renames (its task lock), and a process whose last thread is exiting renames
+ * nothing, but the other pairs meet. So whatever reads or changes a tracked process's entries
+ * holds its pid in pid_lock_map. A holder runs a few map operations with preemption off; a
+ * waiter tries a bounded number of times (the verifier wants a bound, and the scheduler must not
+ * wait long) and then goes ahead unlocked. */
+#define ZELK_PID_LOCK_TRIES 1024
+
+static __always_inline bool zelk_lock_pid(__u32 pid) {
+  __u32 one = 1;
+
+  for (int i = 0; i < ZELK_PID_LOCK_TRIES; ++i) {
+    if (bpf_map_update_elem(&pid_lock_map, &pid, &one, BPF_NOEXIST) == 0) return true;
+  }
+  return false;
+}
+
+static __always_inline void zelk_unlock_pid(__u32 pid, bool locked) {
+  if (locked) bpf_map_delete_elem(&pid_lock_map, &pid);
+}
+
 static __always_inline void zelk_add_period(void* totals, const struct zelk_task_name* name,
                                             __u64 duration) {
   struct zelk_task_name overflow;
@@ -35,7 +59,7 @@ static __always_inline void zelk_add_period(void* totals, const struct zelk_task
   __sync_fetch_and_add(total, duration);
 }
 
-/* Adds the period of `pid` in the class of `adj` that ends at `now`. */
+/* Adds the period of `pid` in the class of `adj` that ends at `now`. The caller holds the pid. */
 static __always_inline void zelk_close_period(__u32 pid, short adj, __u64 now) {
   struct zelk_task_name name;
   struct zelk_task_name* stored = bpf_map_lookup_elem(&pid_to_comm_map, &pid);
@@ -62,23 +86,30 @@ static __always_inline void zelk_forget_process(__u32 pid) {
   bpf_map_delete_elem(&pid_to_comm_map, &pid);
 }
 
-/* A process that the full pid maps cannot hold is counted, and whatever its pid held before is
- * dropped, so that its periods are never added under another process's name. */
-static __always_inline void zelk_track_process(__u32 pid, const struct zelk_task_name* name,
+/* Tracks `pid` from `now`; false when the full pid maps cannot hold it. Whatever its pid held
+ * before is then dropped, so that its periods are never added under another process's name. The
+ * caller holds the pid. */
+static __always_inline bool zelk_track_process(__u32 pid, const struct zelk_task_name* name,
                                                short adj, __u64 now) {
   if (bpf_map_update_elem(&pid_to_comm_map, &pid, name, BPF_ANY) == 0 &&
       bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_ANY) == 0 &&
       bpf_map_update_elem(&pid_to_adj_map, &pid, &adj, BPF_ANY) == 0)
-    return;
+    return true;
   zelk_forget_process(pid);
-  zelk_count(ZELK_UNTRACKED_PROCESSES);
+  return false;
 }
 
 /* A tracked process has ended: its last period closes now and its entries go. */
 static __always_inline void zelk_end_process(__u32 pid, __u64 now) {
   short* adj = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
+  bool locked;
 
   if (!adj) return;
-  zelk_close_period(pid, *adj, now);
-  zelk_forget_process(pid);
+  locked = zelk_lock_pid(pid);
+  adj = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
+  if (adj) {
+    zelk_close_period(pid, *adj, now);
+    zelk_forget_process(pid);
+  }
+  zelk_unlock_pid(pid, locked);
 }

@@ -80,8 +80,9 @@ ZELK_RECORD_ASSERT(sizeof(zelk_pid_key) == 4 && sizeof(zelk_adj_value) == 2 &&
 /* The overflow entry of a counting map: where the object counts what a full map cannot take a
  * new entry for, so that nothing is lost. Its name is 16 bytes without a NUL, which no task can
  * take: the kernel keeps every task name NUL-terminated within 16 bytes. The process map has one
- * per class (flag 0 and 1), the kernel-thread map one with flag 1, the top and background maps
- * one each. Clears delete it with the rest, and the object adds it again when needed. */
+ * per class (flag 0 and 1), made together, the kernel-thread map one with flag 1, the top and
+ * background maps one each. Clears delete them with the rest, and the object adds them again
+ * before the next new name. */
 #define ZELK_OVERFLOW_COMM "<map overflowed>"
 ZELK_RECORD_ASSERT(sizeof(ZELK_OVERFLOW_COMM) == ZELK_COMM_LEN + 1, "16 bytes and no NUL");
 /* The same bytes as two little-endian words, for the programs: a string constant would put a
@@ -101,12 +102,13 @@ static_assert(zelk_overflow_words_match(), "the words spell the overflow name");
 
 /* Counters of overflow_count_map, a per-CPU array: one per index, summed over CPUs. */
 enum zelk_overflow_counter {
-  /* New processes that the pid maps could not hold: their foreground and background periods
-   * are not counted (their CPU time is). */
+  /* New processes that the pid maps could not hold, each counted once, at its fork: their
+   * foreground and background periods are not counted (their CPU time is). */
   ZELK_UNTRACKED_PROCESSES = 0,
   /* Time updates added to an overflow entry because their map was full. */
   ZELK_OVERFLOWED_UPDATES = 1,
-  /* Time updates lost: a full map that had no overflow entry either (a clear raced the add). */
+  /* Time updates lost: a full map that had no overflow entry either (a clear deleted it between
+   * the program making sure of it and adding to it, or a reset deleted it by name). */
   ZELK_LOST_UPDATES = 2,
   ZELK_OVERFLOW_COUNTERS = 3,
 };

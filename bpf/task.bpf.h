@@ -107,18 +107,44 @@ static __always_inline bool zelk_running_process_ended(__u32* tgid) {
   return true;
 }
 
-/* The newest child of `parent` when it is the process leader `pid`, else NULL. A new process
- * is linked at the tail of its parent's children before sched_process_fork fires; a new thread
- * never is. */
-static __always_inline struct task_struct* zelk_newest_child(struct task_struct* parent,
-                                                             __u32 pid) {
-  struct list_head* head = &parent->children;
-  struct list_head* tail = BPF_CORE_READ(parent, children.prev);
-  struct task_struct* child;
+/* Steps taken back from the tail of a task list in search of a new task. It is linked at the tail
+ * before sched_process_fork fires, but others can be linked behind it meanwhile: orphans
+ * reparented to a subreaper (systemd, init) that is forking, or a sibling thread's new thread. */
+#define ZELK_LIST_STEPS 16
 
-  if (!tail || tail == head) return NULL;
-  child = (void*)tail - bpf_core_field_offset(struct task_struct, sibling);
-  if ((__u32)BPF_CORE_READ(child, pid) != pid || (__u32)BPF_CORE_READ(child, tgid) != pid)
-    return NULL;
+/* The task `pid` in the list at `head`, in which tasks are linked by the field at `link`; NULL
+ * when not among its last ZELK_LIST_STEPS. */
+static __always_inline struct task_struct* zelk_find_in_list(struct list_head* head, __u64 link,
+                                                             __u32 pid) {
+  struct list_head* node = BPF_CORE_READ(head, prev);
+
+  for (int i = 0; i < ZELK_LIST_STEPS; ++i) {
+    struct task_struct* task;
+
+    if (!node || node == head) return NULL;
+    task = (void*)node - link;
+    if ((__u32)BPF_CORE_READ(task, pid) == pid) return task;
+    node = BPF_CORE_READ(node, prev);
+  }
+  return NULL;
+}
+
+/* The new process `pid` among the children of `parent`, else NULL. A new process is linked into
+ * its parent's children; a new thread never is. */
+static __always_inline struct task_struct* zelk_find_child(struct task_struct* parent, __u32 pid) {
+  struct task_struct* child =
+      zelk_find_in_list(&parent->children, bpf_core_field_offset(struct task_struct, sibling), pid);
+
+  if (!child || (__u32)BPF_CORE_READ(child, tgid) != pid) return NULL;
   return child;
+}
+
+/* Whether `pid` is a new thread of `parent`'s process: threads are linked into their process's
+ * thread list, processes are not. */
+static __always_inline bool zelk_is_new_thread(struct task_struct* parent, __u32 pid) {
+  struct signal_struct* signal = BPF_CORE_READ(parent, signal);
+
+  if (!signal) return false;
+  return zelk_find_in_list(&signal->thread_head,
+                           bpf_core_field_offset(struct task_struct, thread_node), pid) != NULL;
 }

@@ -151,23 +151,34 @@ int oom_score_adj_update(struct trace_event_raw_oom_score_adj_update* ctx) {
   short adj = ctx->oom_score_adj;
   struct zelk_task_name name = {};
   __u64 now = bpf_ktime_get_ns();
+  bool locked, tracked;
   short* old;
 
   /* A thread writing through /proc/thread-self speaks for its process. */
   if (pid == (__u32)id) pid = id >> 32;
+  /* The kernel serializes adj writes, so no other program changes the value meanwhile. */
+  old = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
+  if (old && *old == adj) return 0;
+  tracked = old != NULL;
+  if (!tracked) {
+    if (pid == id >> 32)
+      zelk_read_process_name(name.comm, (struct task_struct*)bpf_get_current_task());
+    else
+      zelk_read_name(name.comm, ctx->comm);
+  }
+  locked = zelk_lock_pid(pid);
   old = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
   if (old) {
-    if (*old == adj) return 0;
     zelk_close_period(pid, *old, now);
-    bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_ANY);
-    *old = adj;
-    return 0;
-  }
-  if (pid == id >> 32)
-    zelk_read_process_name(name.comm, (struct task_struct*)bpf_get_current_task());
-  else
-    zelk_read_name(name.comm, ctx->comm);
-  zelk_track_process(pid, &name, adj, now);
+    /* BPF_EXIST: a process that has ended meanwhile stays forgotten. */
+    bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_EXIST);
+    bpf_map_update_elem(&pid_to_adj_map, &pid, &adj, BPF_EXIST);
+  } else if (!tracked) {
+    /* An untracked process (one the full pid maps could not hold at its fork, or one older than
+     * the tracking) is picked up; it was counted when it was new, so a failure counts nothing. */
+    zelk_track_process(pid, &name, adj, now);
+  } /* else it ended meanwhile */
+  zelk_unlock_pid(pid, locked);
   return 0;
 }
 
@@ -178,39 +189,54 @@ int task_rename(struct trace_event_raw_task_rename* ctx) {
   __u64 now = bpf_ktime_get_ns();
   __u32 pid = (__u32)id;
   short* adj;
+  bool locked;
 
   /* Newer kernels dropped the pid: the renamed task is then always current. */
   if (bpf_core_field_exists(ctx->pid)) pid = ctx->pid;
+  /* A renamed thread does not rename its process; an untracked process is picked up when its
+   * leader is renamed (exec, for one). */
+  if (pid != id >> 32 && !bpf_map_lookup_elem(&pid_to_adj_map, &pid)) return 0;
   zelk_read_name(name.comm, ctx->newcomm);
+  locked = zelk_lock_pid(pid);
   adj = bpf_map_lookup_elem(&pid_to_adj_map, &pid);
   if (adj) {
     zelk_close_period(pid, *adj, now);
-    bpf_map_update_elem(&pid_to_comm_map, &pid, &name, BPF_ANY);
-    bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_ANY);
-    return 0;
+    bpf_map_update_elem(&pid_to_comm_map, &pid, &name, BPF_EXIST);
+    bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_EXIST);
+  } else if (pid == id >> 32) {
+    /* Counted when it was new, as above. */
+    zelk_track_process(pid, &name, zelk_task_adj((struct task_struct*)bpf_get_current_task()),
+                       now);
   }
-  /* An untracked process is picked up when its leader is renamed (exec, for one); a renamed
-   * thread does not rename its process. */
-  if (pid != id >> 32) return 0;
-  zelk_track_process(pid, &name, zelk_task_adj((struct task_struct*)bpf_get_current_task()), now);
+  zelk_unlock_pid(pid, locked);
   return 0;
 }
 
 /* Runs in the parent. Threads share their process's entries; only new processes get their own,
- * with the name and oom_score_adj (so the class) they inherited. */
+ * with the name and oom_score_adj (so the class) they inherited. This is where a process is new,
+ * so where one that the pid maps cannot hold is counted: once. */
 SEC("tracepoint/sched/sched_process_fork")
 int sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   struct task_struct* parent = (struct task_struct*)bpf_get_current_task();
   struct zelk_task_name name = {};
   __u32 pid = ctx->child_pid;
   struct task_struct* child;
+  bool locked;
 
-  child = zelk_newest_child(parent, pid);
+  child = zelk_find_child(parent, pid);
   if (!child) /* CLONE_PARENT links it to the parent's parent */
-    child = zelk_newest_child(BPF_CORE_READ(parent, real_parent), pid);
-  if (!child) return 0;
+    child = zelk_find_child(BPF_CORE_READ(parent, real_parent), pid);
+  if (!child) {
+    /* A new thread, or a process that the walks above could not reach. */
+    if (!zelk_is_new_thread(parent, pid)) zelk_count(ZELK_UNTRACKED_PROCESSES);
+    return 0;
+  }
+  locked = zelk_lock_pid(pid);
+  /* Read under the lock: an adj write that comes first is then seen here. */
   zelk_read_name(name.comm, child->comm);
-  zelk_track_process(pid, &name, zelk_task_adj(child), bpf_ktime_get_ns());
+  if (!zelk_track_process(pid, &name, zelk_task_adj(child), bpf_ktime_get_ns()))
+    zelk_count(ZELK_UNTRACKED_PROCESSES);
+  zelk_unlock_pid(pid, locked);
   return 0;
 }
 

@@ -141,7 +141,7 @@ TEST_F(OverflowTest, TopTimeOfNamesBeyondTheMapGoesToItsOverflowEntry) {
   EXPECT_LT(namedTime(getProcessTopTimes(), true), namedTime(top, true));
 }
 
-TEST_F(PidOverflowTest, ProcessesBeyondThePidMapsAreCountedAndCreditNoOtherName) {
+TEST_F(PidOverflowTest, ProcessesBeyondThePidMapsAreCountedOnceAndCreditNoOtherName) {
   setOomScoreAdj(0);
   ASSERT_TRUE(clearTopAndBgTimes());
   const uint64_t untrackedBefore =
@@ -181,6 +181,22 @@ TEST_F(PidOverflowTest, ProcessesBeyondThePidMapsAreCountedAndCreditNoOtherName)
     EXPECT_LT(ns, 20 * kMs + bound + 50 * kMs) << key.comm;
   }
   EXPECT_LE(childNames, kPids);
+
+  // An untracked process is counted when it is new, not again at each oom_score_adj write or
+  // rename that tries to pick it up while the maps are still full.
+  const uint64_t beforeRetries = getOverflowCounts().value_or(OverflowCounts{}).untrackedProcesses;
+  Child retrying([](Child&) {
+    for (int i = 0; i < 100; ++i) {
+      setOomScoreAdj(i % 2 == 0 ? 100 : 0);
+      setName(i % 2 == 0 ? "zelkofrb" : "zelkofra");
+    }
+  });
+  ASSERT_EQ(retrying.wait(), 0);
+  const uint64_t retried =
+      getOverflowCounts().value_or(OverflowCounts{}).untrackedProcesses - beforeRetries;
+  // The process itself, and whatever else the machine started meanwhile.
+  EXPECT_GE(retried, 1u);
+  EXPECT_LT(retried, 20u) << "counted per attempt";
 }
 
 }  // namespace

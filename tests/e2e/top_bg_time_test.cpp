@@ -2,6 +2,9 @@
 // oom_score_adj writes, renames, forks and exits, and read through the library.
 #include <android-base/unique_fd.h>
 #include <bpf/bpf.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
@@ -115,6 +118,104 @@ TEST_F(TopBgTimeTest, RenameMovesLaterTimeToTheNewName) {
     EXPECT_NEAR(top(name), 300 * kMs, 60 * kMs) << name;
     EXPECT_GT(sum(getCpuFreqTimesFromProcess(name, /*flag=*/true)), 10 * kMs) << name;
   }
+}
+
+// A rename and an oom_score_adj write of the same process, on two CPUs at once, each close the
+// period that began at the process's last change: it must be counted once. The two events are
+// brought together at offsets swept across a few microseconds, so that some of them overlap.
+TEST_F(TopBgTimeTest, RacingRenameAndAdjWriteCountThePeriodOnce) {
+  constexpr int kTrials = 120;
+  constexpr milliseconds kPeriod(10);
+  auto* go =
+      static_cast<std::atomic<int>*>(mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                                          MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(go, MAP_FAILED);
+  new (go) std::atomic<int>(-1);
+  const auto pinTo = [](int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    return sched_setaffinity(0, sizeof(set), &set) == 0;
+  };
+  const auto offsetNs = [](int trial) { return (trial % 41 - 20) * 200; };  // -4 to +4 us
+  const auto busyFor = [](int ns) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::nanoseconds(ns);
+    while (std::chrono::steady_clock::now() < end) {
+    }
+  };
+
+  const uint64_t forked = monotonicNs();
+  Child child([&](Child& link) {
+    if (!pinTo(1)) _exit(3);
+    setOomScoreAdj(0);
+    setName("zelkrcA");
+    link.tell(0);
+    for (int trial = 0; trial < kTrials; ++trial) {
+      while (go->load() < trial) {
+      }
+      busyFor(std::max(0, -offsetNs(trial)));
+      setName(trial % 2 == 0 ? "zelkrcB" : "zelkrcA");
+    }
+  });
+  ASSERT_TRUE(child.next().has_value());
+  ASSERT_TRUE(pinTo(0));
+  const android::base::unique_fd adj(open(
+      ("/proc/" + std::to_string(child.pid()) + "/oom_score_adj").c_str(), O_WRONLY | O_CLOEXEC));
+  ASSERT_GE(adj.get(), 0);
+  for (int trial = 0; trial < kTrials; ++trial) {
+    sleepFor(kPeriod);
+    const char* value = trial % 2 == 0 ? "900" : "0";
+    go->store(trial);
+    busyFor(std::max(0, offsetNs(trial)));
+    ASSERT_GT(pwrite(adj.get(), value, strlen(value), 0), 0) << strerror(errno);
+  }
+  ASSERT_EQ(child.wait(), 0);
+  const uint64_t lived = monotonicNs() - forked;
+  munmap(go, sizeof(std::atomic<int>));
+  uint64_t counted = 0;
+  for (const char* name : {"zelkrcA", "zelkrcB"}) counted += top(name) + bg(name);
+  printf("lived at most %.3f ms, counted %.3f ms under its names\n", lived / 1e6, counted / 1e6);
+  EXPECT_LE(counted, lived) << "a period was counted twice";
+  EXPECT_GE(counted, kTrials * kPeriod.count() * kMs);
+}
+
+// A subreaper (init, systemd) forks while orphans are reparented to it, each linked behind its
+// newest child: every new process must still be tracked.
+TEST_F(TopBgTimeTest, ProcessesForkedWhileOrphansArriveAreTracked) {
+  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  const pid_t orphans = fork();
+  ASSERT_GE(orphans, 0);
+  if (orphans == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) {
+      const pid_t parent = fork();
+      if (parent == 0) {
+        if (fork() == 0) _exit(0);  // reparented to the test when its parent exits
+        _exit(0);
+      }
+      if (parent > 0) waitpid(parent, nullptr, 0);
+    }
+  }
+  const android::base::unique_fd comms(bpf_obj_get(pinPath(MapId::PidComm).c_str()));
+  constexpr int kForks = 3000;
+  int untracked = 0;
+  for (int i = 0; i < kForks; ++i) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      pause();
+      _exit(0);
+    }
+    ASSERT_GT(pid, 0) << strerror(errno);
+    char comm[16];
+    if (bpf_map_lookup_elem(comms.get(), &pid, comm) != 0) ++untracked;
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {  // the orphans
+    }
+  }
+  kill(orphans, SIGKILL);
+  waitpid(orphans, nullptr, 0);
+  EXPECT_EQ(untracked, 0) << "of " << kForks;
 }
 
 TEST_F(TopBgTimeTest, ForkedProcessTakesItsParentsClass) {
