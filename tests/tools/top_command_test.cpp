@@ -1,14 +1,18 @@
 // zelkcputime top in the test bed: its batch frames against busy children and a reset made by
 // another process, and its screen under tmux.
+#include <android-base/file.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <regex>
 #include <string>
 #include <thread>
@@ -16,6 +20,7 @@
 
 #include "background.h"
 #include "child_process.h"
+#include "maps.h"
 #include "namespace.h"
 
 namespace zelk::testbed {
@@ -112,6 +117,41 @@ TEST_F(TopBatchTest, BusyChildShowsAtFullCpuThenLeavesTheRows) {
   }
   EXPECT_LT(cpuOf(frames.back(), "zelktopbusy"), 0) << frames.back();
   EXPECT_LT(cpuOf(frames[frames.size() - 2], "zelktopbusy"), 0) << frames[frames.size() - 2];
+}
+
+// CPU 1 offline, as /sys/devices/system/cpu/online says with a file bound over it here, while
+// the policy's related_cpus still lists it. A spinner keeps a CPU busy: the system and the
+// policy are busy out of the one online CPU, not out of both.
+TEST_F(TopBatchTest, CpuUseIsOutOfTheOnlineCpus) {
+  if (possibleCpus() < 2) GTEST_SKIP() << "needs two possible CPUs";
+  char list[] = "/tmp/zelk-online-XXXXXX";
+  const int fd = mkstemp(list);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  ASSERT_TRUE(android::base::WriteStringToFile("0\n", list));
+  ASSERT_EQ(mount(list, "/sys/devices/system/cpu/online", nullptr, MS_BIND, nullptr), 0)
+      << strerror(errno);
+  unlink(list);
+  const pid_t child = busyChild("zelktoponline", milliseconds(3500));
+  ASSERT_GT(child, 0);
+  const ChildResult run =
+      runProgram(ZELK_TOOL_PATH, {"top", "--batch", "--interval", "1", "--iterations", "3"},
+                 nullptr, /*withStderr=*/false);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  ASSERT_EQ(run.status, 0) << run.output;
+  const std::vector<std::string> frames = framesOf(run.output);
+  ASSERT_EQ(frames.size(), 3u) << run.output;
+  for (const std::string& frame : frames) {
+    std::smatch system, policy;
+    ASSERT_TRUE(std::regex_search(frame, system, std::regex("system CPU (\\S+)% of (\\d+) CPU")))
+        << frame;
+    EXPECT_EQ(system[2].str(), "1") << frame;
+    EXPECT_GE(std::stod(system[1].str()), 90) << frame;
+    ASSERT_TRUE(std::regex_search(frame, policy, std::regex("policy 0 \\[.*\\] +(\\S+)% busy")))
+        << frame;
+    EXPECT_GE(std::stod(policy[1].str()), 90) << frame;
+  }
 }
 
 // The object loaded by `load` is shared: a `reset` by another process between two frames shows as

@@ -1,15 +1,18 @@
 // top: the live view. Keeps the previous snapshot and shows the difference: the maps are shared
 // with other consumers and are never reset here.
+#include <android-base/file.h>
 #include <curses.h>
 #include <signal.h>
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <sstream>
 #include <thread>
 
 #include "commands.h"
+#include "core/possible_cpus.h"
 #include "demo_setup.h"
 #include "energy_view.h"
 #include "environment.h"
@@ -62,18 +65,42 @@ class SelfCost {
 };
 
 // related_cpus lists CPUs separated by blanks ("0 1 2 3").
-unsigned cpuCount(const std::string& relatedCpus) {
+std::vector<uint32_t> relatedCpuList(const std::string& relatedCpus) {
   std::istringstream words(relatedCpus);
-  unsigned count = 0;
-  for (unsigned cpu = 0; words >> cpu;) ++count;
-  return count;
+  std::vector<uint32_t> cpus;
+  for (uint32_t cpu = 0; words >> cpu;) cpus.push_back(cpu);
+  return cpus;
+}
+
+// No value when unreadable.
+std::optional<std::vector<uint32_t>> onlineCpus() {
+  std::string text;
+  if (!android::base::ReadFileToString("/sys/devices/system/cpu/online", &text)) return {};
+  return lib::parseCpuList(text);
 }
 
 struct Source {
   DemoMachine machine;
   std::optional<lib::PowerModel> model;
-  TopContext context;
+  std::vector<std::vector<uint32_t>> relatedCpus;  // per policy
+  TopContext context;                              // policyCpus as of the last frame
 };
+
+// Per policy, its CPUs that are online. related_cpus keeps listing a CPU taken offline, whose
+// capacity is gone; read again for each frame, as CPUs go offline and come back while the view
+// runs (a CPU that changed within the interval counts as it is at its end). Without the online
+// list, every related CPU.
+void countOnlineCpus(Source* source) {
+  const std::optional<std::vector<uint32_t>> online = onlineCpus();
+  source->context.policyCpus.clear();
+  for (const std::vector<uint32_t>& related : source->relatedCpus) {
+    unsigned count = 0;
+    for (const uint32_t cpu : related) {
+      if (!online || std::find(online->begin(), online->end(), cpu) != online->end()) ++count;
+    }
+    source->context.policyCpus.push_back(count);
+  }
+}
 
 // The object already pinned (by `load`) is used as it is; else it is loaded in a private
 // namespace, as the demo does, with the sampled source where the machine needs it.
@@ -92,7 +119,7 @@ std::string setUp(const Options& options, Source* source) {
   if (!demoModel(options, &source->model, &note, &error)) return error;
   source->context.policies = source->machine.policies;
   for (const PolicyDir& policy : cpufreqPolicies()) {
-    source->context.policyCpus.push_back(cpuCount(policy.relatedCpus));
+    source->relatedCpus.push_back(relatedCpuList(policy.relatedCpus));
   }
   source->context.model = source->model ? &*source->model : nullptr;
   return "";
@@ -129,7 +156,7 @@ Clock::duration intervalOf(const Options& options) {
       std::chrono::duration<double>(options.interval));
 }
 
-int runBatch(const Options& options, const Source& source, Snapshot previous) {
+int runBatch(const Options& options, Source* source, Snapshot previous) {
   const SelfCost cost;
   TopSettings settings;
   settings.kthreads = options.kthreadView;
@@ -143,9 +170,10 @@ int runBatch(const Options& options, const Source& source, Snapshot previous) {
       fprintf(stderr, "zelkcputime: no frame this time: %s\n", error.c_str());
       continue;
     }
+    countOnlineCpus(source);
     std::string text = frame > 0 ? "\n" : "";
     for (const std::string& line :
-         topFrame(*diff, source.context, settings, cost.percent(), kBatchWidth, options.limit)) {
+         topFrame(*diff, source->context, settings, cost.percent(), kBatchWidth, options.limit)) {
       text += line + "\n";
     }
     printOut(text);
@@ -212,7 +240,7 @@ void draw(const std::optional<SnapshotDiff>& diff, const Source& source,
   refresh();
 }
 
-int runInteractive(const Options& options, const Source& source, Snapshot previous) {
+int runInteractive(const Options& options, Source* source, Snapshot previous) {
   const Screen screen;
   const SelfCost cost;
   TopSettings settings;
@@ -221,7 +249,7 @@ int runInteractive(const Options& options, const Source& source, Snapshot previo
   std::string problem;
   auto next = Clock::now() + intervalOf(options);
   while (gStopSignal == 0) {
-    draw(diff, source, settings, cost.percent(), options, problem);
+    draw(diff, *source, settings, cost.percent(), options, problem);
     const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
     timeout(static_cast<int>(std::max<int64_t>(0, wait.count())));
     const int key = getch();
@@ -251,6 +279,7 @@ int runInteractive(const Options& options, const Source& source, Snapshot previo
     // after it covers all the time since.
     if (settings.frozen) continue;
     problem = advance(&previous, &diff);
+    if (problem.empty()) countOnlineCpus(source);
   }
   return gStopSignal != 0 ? 128 + gStopSignal : kExitOk;
 }
@@ -267,9 +296,9 @@ int runTop(const Options& options) {
   if (std::string error = setUp(options, &source); !error.empty()) return fail(error);
   TakenSnapshot first = take();
   if (!first.snapshot) return fail(first.error);
-  if (options.batch) return runBatch(options, source, std::move(*first.snapshot));
+  if (options.batch) return runBatch(options, &source, std::move(*first.snapshot));
   try {
-    return runInteractive(options, source, std::move(*first.snapshot));
+    return runInteractive(options, &source, std::move(*first.snapshot));
   } catch (const std::exception& error) {
     return fail(error.what());  // after the screen's destructor gave the terminal back
   }

@@ -173,13 +173,14 @@ std::vector<std::string> topHeader(const SnapshotDiff& diff, const TopContext& c
   if (localtime_r(&now, &local) != nullptr) strftime(clock, sizeof(clock), "%H:%M:%S", &local);
 
   std::vector<std::string> lines;
-  std::string first =
-      std::string("zelkcputime top - ") + clock + "  interval " + fixed(elapsedS, 2) +
-      " s  system CPU " +
-      (cpus > 0 && elapsedS > 0
-           ? fixed(100 * busyS / elapsedS / cpus, 1) + "% of " + std::to_string(cpus) + " CPUs"
-           : fixed(elapsedS > 0 ? 100 * busyS / elapsedS : 0, 1) + "% of one CPU") +
-      "  self " + fixed(selfCpuPercent, 2) + "%";
+  const std::string share =
+      cpus > 0 && elapsedS > 0
+          ? fixed(100 * busyS / elapsedS / cpus, 1) + "% of " + std::to_string(cpus) +
+                (cpus == 1 ? " CPU" : " CPUs")
+          : fixed(elapsedS > 0 ? 100 * busyS / elapsedS : 0, 1) + "% of one CPU";
+  std::string first = std::string("zelkcputime top - ") + clock + "  interval " +
+                      fixed(elapsedS, 2) + " s  system CPU " + share + "  self " +
+                      fixed(selfCpuPercent, 2) + "%";
   if (diff.totalChange == RowChange::kReset) first += "  (total reset meanwhile)";
   lines.push_back(cut(first, width));
   lines.push_back(cut("CPU frequencies: " + context.policies, width));

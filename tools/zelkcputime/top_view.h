@@ -21,10 +21,10 @@ struct TopSettings {
   bool frozen = false;
 };
 
-// What does not change between frames.
+// What a frame is shown with, besides its difference.
 struct TopContext {
   std::string policies;              // which policies the counts use, from the demo's setup
-  std::vector<unsigned> policyCpus;  // CPUs per policy; 0 where unknown
+  std::vector<unsigned> policyCpus;  // online CPUs per policy; 0 where unknown or none
   const com::zelkora::PowerModel* model = nullptr;
 };
 
