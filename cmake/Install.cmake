@@ -7,6 +7,7 @@ install(TARGETS zelkcpufreqtime EXPORT zelkcpufreqtimeTargets
 install(FILES ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime.h
   ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_overflow.h
   ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_energy.h
+  ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_class_time.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT zelkcpufreqtimeTargets NAMESPACE zelkcpufreqtime::
   DESTINATION ${ZELK_CMAKE_DIR})

@@ -10,15 +10,17 @@
 #include "kernel/bpf_syscall.h"
 #include "query/task_key.h"
 #include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_class_time.h"
 
 namespace com {
 namespace zelkora {
 namespace {
 
-// The running period of the live tasks of the class, counted from the later of their last class
-// change and the last clear. False when the query must fail; a pid walk that breaks off after
-// its first pid just ends here.
-bool addLivePeriods(TimeTable& table, bool isTop, uint64_t now) REQUIRES_SHARED(gTopBgTimeLock) {
+// Calls `add(name, live)` for each live task of the class with its running period, counted from
+// the later of its last class change and the last clear. False when the query must fail; a pid
+// walk that breaks off after its first pid just ends here.
+template <typename AddLive>
+bool forEachLivePeriod(bool isTop, uint64_t now, AddLive add) REQUIRES_SHARED(gTopBgTimeLock) {
   const int adjFd = gProAdjFd.get();
   pid_key_t pid;
   if (mapGetNextKey(adjFd, nullptr, &pid) != 0) return errno == ENOENT;
@@ -26,7 +28,6 @@ bool addLivePeriods(TimeTable& table, bool isTop, uint64_t now) REQUIRES_SHARED(
   // Without a clear time there is nothing to count from.
   if (mapLookupElem(gClearTimeFd.get(), &gTopBgClearKey, &clearTime) != 0) return true;
 
-  process_key_char_t taskKey{std::string(), 0};
   for (;;) {
     task_name_value_t name;
     if (mapLookupElem(gProCommFd.get(), &pid, &name) != 0) return false;
@@ -40,27 +41,22 @@ bool addLivePeriods(TimeTable& table, bool isTop, uint64_t now) REQUIRES_SHARED(
       }
       // A start after `now` (a change recorded after the clock was read, or a clock that could
       // not be read) counts nothing rather than a wrapped, huge period.
-      const uint64_t live = now > start ? now - start : 0;
-      assignTaskName(taskKey.comm, name.comm);
-      // The first task of a name stands for it. The key is copied into a new entry rather than
-      // moved, so that its string keeps its buffer for the next pid.
-      table.try_emplace(taskKey, live);
+      add(name.comm, now > start ? now - start : 0);
     }
     const pid_key_t previous = pid;
     if (mapGetNextKey(adjFd, &previous, &pid) != 0) return true;
   }
 }
 
-bool addStoredTotals(TimeTable& table, int mapFd) REQUIRES_SHARED(gTopBgTimeLock) {
+// Calls `add(name, total)` for each stored total of `mapFd` (the top or the background map).
+template <typename AddStored>
+bool forEachStoredTotal(int mapFd, AddStored add) REQUIRES_SHARED(gTopBgTimeLock) {
   process_info_t key;
   if (mapGetNextKey(mapFd, nullptr, &key) != 0) return errno == ENOENT;
-  process_key_char_t taskKey{std::string(), 0};
   for (;;) {
     time_value_t total;
     if (mapLookupElem(mapFd, &key, &total) != 0) return false;
-    assignTaskName(taskKey.comm, key.comm);
-    const auto [entry, inserted] = table.try_emplace(taskKey, total);
-    if (!inserted) entry->second += total;
+    add(key.comm, total);
     const process_info_t previous = key;
     if (mapGetNextKey(mapFd, &previous, &key) != 0) return errno == ENOENT;
   }
@@ -71,11 +67,45 @@ bool addStoredTotals(TimeTable& table, int mapFd) REQUIRES_SHARED(gTopBgTimeLock
 std::optional<TimeTable> getProcessTime(const android::base::unique_fd& mapFd, bool isTop) {
   if (!ensureGlobals() || mapFd.get() < 0) return std::nullopt;
   TimeTable table;
+  // One key for every name: its string keeps its buffer from one name to the next.
+  process_key_char_t taskKey{std::string(), 0};
   const uint64_t now = getTimeSinceBoot();
   ReaderLock lock(gTopBgTimeLock);
-  if (!addLivePeriods(table, isTop, now) || !addStoredTotals(table, mapFd.get())) {
-    return std::nullopt;
-  }
+  const bool walked =
+      forEachLivePeriod(isTop, now,
+                        [&](const char(&comm)[kCommLen], uint64_t live) {
+                          assignTaskName(taskKey.comm, comm);
+                          // The first task of a name stands for it.
+                          table.try_emplace(taskKey, live);
+                        }) &&
+      forEachStoredTotal(mapFd.get(), [&](const char(&comm)[kCommLen], uint64_t total) {
+        assignTaskName(taskKey.comm, comm);
+        const auto [entry, inserted] = table.try_emplace(taskKey, total);
+        if (!inserted) entry->second += total;
+      });
+  if (!walked) return std::nullopt;
+  return table;
+}
+
+// The same walks, with the parts apart and every live task's period summed.
+std::optional<ClassTimePartsTable> getProcessTimeParts(const android::base::unique_fd& mapFd,
+                                                       bool isTop) {
+  if (!ensureGlobals() || mapFd.get() < 0) return std::nullopt;
+  ClassTimePartsTable table;
+  process_key_char_t taskKey{std::string(), 0};
+  const uint64_t now = getTimeSinceBoot();
+  ReaderLock lock(gTopBgTimeLock);
+  const bool walked =
+      forEachLivePeriod(isTop, now,
+                        [&](const char(&comm)[kCommLen], uint64_t live) {
+                          assignTaskName(taskKey.comm, comm);
+                          table[taskKey].openNs += live;
+                        }) &&
+      forEachStoredTotal(mapFd.get(), [&](const char(&comm)[kCommLen], uint64_t total) {
+        assignTaskName(taskKey.comm, comm);
+        table[taskKey].closedNs += total;
+      });
+  if (!walked) return std::nullopt;
   return table;
 }
 
@@ -88,6 +118,14 @@ std::optional<TimeTable> getProcessTopTimes() {
 
 std::optional<TimeTable> getProcessBgTimes() {
   return getProcessTime(lockFreeFd(gBgTimeFd), false);
+}
+
+std::optional<ClassTimePartsTable> getProcessTopTimeParts() {
+  return getProcessTimeParts(lockFreeFd(gTopTimeFd), true);
+}
+
+std::optional<ClassTimePartsTable> getProcessBgTimeParts() {
+  return getProcessTimeParts(lockFreeFd(gBgTimeFd), false);
 }
 
 }  // namespace zelkora

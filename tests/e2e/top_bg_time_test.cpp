@@ -12,6 +12,7 @@
 
 #include "e2e_bed.h"
 #include "maps.h"
+#include "zelkcpufreqtime_class_time.h"
 
 namespace zelk::testbed {
 namespace {
@@ -216,6 +217,61 @@ TEST_F(TopBgTimeTest, ProcessesForkedWhileOrphansArriveAreTracked) {
   kill(orphans, SIGKILL);
   waitpid(orphans, nullptr, 0);
   EXPECT_EQ(untracked, 0) << "of " << kForks;
+}
+
+// Two tasks of one name in the foreground: the parts query sums both open periods, and its
+// stored part grows only when a period closes, so that it never falls between clears.
+TEST_F(TopBgTimeTest, TimePartsSumEveryOpenPeriodAndKeepTheClosedOnesApart) {
+  const auto partsOf = [](const std::string& name) {
+    const auto table = getProcessTopTimeParts();
+    EXPECT_TRUE(table.has_value());
+    const auto entry = table ? table->find({name, 0}) : ClassTimePartsTable::const_iterator{};
+    return table && entry != table->end() ? entry->second : ClassTimeParts{};
+  };
+  const auto child = [] {
+    return std::make_unique<Child>([](Child& link) {
+      setName("zelkpart");
+      setOomScoreAdj(0);
+      link.tell(0);
+      link.awaitGo();
+      setOomScoreAdj(900);
+      link.tell(0);
+      link.awaitGo();
+    });
+  };
+  const uint64_t firstForked = monotonicNs();
+  auto first = child();
+  ASSERT_TRUE(first->next().has_value());
+  const uint64_t firstTold = monotonicNs();
+  sleepFor(milliseconds(200));
+  const uint64_t secondForked = monotonicNs();
+  auto second = child();
+  ASSERT_TRUE(second->next().has_value());
+  const uint64_t secondTold = monotonicNs();
+  sleepFor(milliseconds(100));
+
+  const uint64_t before = monotonicNs();
+  const ClassTimeParts both = partsOf("zelkpart");
+  const uint64_t after = monotonicNs();
+  EXPECT_EQ(both.closedNs, 0u);
+  EXPECT_GE(both.openNs, (before - firstTold) + (before - secondTold)) << "both tasks' periods";
+  EXPECT_LE(both.openNs, (after - firstForked) + (after - secondForked));
+
+  first->go();  // to the background: its foreground period closes
+  ASSERT_TRUE(first->next().has_value());
+  const uint64_t closedBy = monotonicNs();
+  const ClassTimeParts one = partsOf("zelkpart");
+  EXPECT_GE(one.closedNs, before - firstTold);
+  EXPECT_LE(one.closedNs, closedBy - firstForked);
+  EXPECT_LT(one.openNs, closedBy - secondForked + 1) << "the second task's period only";
+  EXPECT_GE(partsOf("zelkpart").closedNs, one.closedNs);
+  const auto background = getProcessBgTimeParts();
+  ASSERT_TRUE(background.has_value());
+  EXPECT_GT(background->at({"zelkpart", 0}).openNs, 0u);
+  first->go();
+  second->go();
+  ASSERT_TRUE(second->next().has_value());
+  second->go();
 }
 
 TEST_F(TopBgTimeTest, ForkedProcessTakesItsParentsClass) {
