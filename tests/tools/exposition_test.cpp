@@ -85,8 +85,8 @@ Snapshot knownSnapshot() {
   s.processes[{"app", 1}] = {{1000000000, 0, 500000000}, {0}};
   s.processes[{"app", 0}] = {{0, 0, 0}, {250000000}};
   s.kthreads[{"kworker/0:1", 1}] = {{3, 0, 0}, {0}};
-  s.top[{"app", 0}] = 2000000000;
-  s.bg[{"app", 0}] = 1500000000;
+  s.topParts[{"app", 0}] = {2000000000, 250000000};
+  s.bgParts[{"app", 0}] = {1500000000, 0};
   return s;
 }
 
@@ -132,12 +132,18 @@ zelk_kthread_cpu_seconds_total{comm="kworker/0:1"} 0.000000003
 # HELP zelk_kthread_cpu_cycles_total CPU time times frequency of the kernel threads of each name.
 # TYPE zelk_kthread_cpu_cycles_total counter
 zelk_kthread_cpu_cycles_total{comm="kworker/0:1"} 0.9
-# HELP zelk_foreground_seconds_total Time that tasks of each name spent in the foreground (not CPU time).
+# HELP zelk_foreground_seconds_total Time that tasks of each name spent in the foreground (not CPU time), in periods that have ended: a class change, a rename or an exit.
 # TYPE zelk_foreground_seconds_total counter
 zelk_foreground_seconds_total{comm="app"} 2
-# HELP zelk_background_seconds_total Time that tasks of each name spent in the background (not CPU time).
+# HELP zelk_foreground_open_seconds Time that the live tasks of each name in the foreground have spent there since their last change, summed over the tasks.
+# TYPE zelk_foreground_open_seconds gauge
+zelk_foreground_open_seconds{comm="app"} 0.25
+# HELP zelk_background_seconds_total Time that tasks of each name spent in the background (not CPU time), in periods that have ended: a class change, a rename or an exit.
 # TYPE zelk_background_seconds_total counter
 zelk_background_seconds_total{comm="app"} 1.5
+# HELP zelk_background_open_seconds Time that the live tasks of each name in the background have spent there since their last change, summed over the tasks.
+# TYPE zelk_background_open_seconds gauge
+zelk_background_open_seconds{comm="app"} 0
 # HELP zelk_cpu_frequency_info The frequencies of each cpufreq policy that the counts use.
 # TYPE zelk_cpu_frequency_info gauge
 zelk_cpu_frequency_info{policy="0",freq_khz="300000"} 1
@@ -244,8 +250,10 @@ struct FakeLibrary {
       return s.processes;
     };
     sources.queries.kthreads = [this] { return std::optional<lib::TimeInStateTable>(s.kthreads); };
-    sources.queries.top = [this] { return std::optional<lib::TimeTable>(s.top); };
-    sources.queries.bg = [this] { return std::optional<lib::TimeTable>(s.bg); };
+    sources.queries.topParts = [this] {
+      return std::optional<lib::ClassTimePartsTable>(s.topParts);
+    };
+    sources.queries.bgParts = [this] { return std::optional<lib::ClassTimePartsTable>(s.bgParts); };
     sources.maps = [] { return std::vector<MapFill>{}; };
     sources.overflow = [] { return std::optional<lib::OverflowCounts>(); };
     return sources;

@@ -39,8 +39,8 @@ Snapshot hostileSnapshot() {
     s.processes[{name, 0}] = {{ns, 0, ns * 3}};
     s.processes[{name, 1}] = {{ns * 2, ns, 0}};
     s.kthreads[{name, 1}] = {{ns, 0, 0}};
-    s.top[{name, 0}] = ns * 5;
-    s.bg[{name, 0}] = ns * 7;
+    s.topParts[{name, 0}] = {ns * 5, ns};
+    s.bgParts[{name, 0}] = {ns * 7, 0};
     ns += 1000;
   }
   return s;
@@ -52,8 +52,8 @@ CollectSources sourcesOf(const Snapshot& s) {
   sources.queries.total = [s] { return std::optional<Times>(s.total); };
   sources.queries.processes = [s] { return std::optional<lib::TimeInStateTable>(s.processes); };
   sources.queries.kthreads = [s] { return std::optional<lib::TimeInStateTable>(s.kthreads); };
-  sources.queries.top = [s] { return std::optional<lib::TimeTable>(s.top); };
-  sources.queries.bg = [s] { return std::optional<lib::TimeTable>(s.bg); };
+  sources.queries.topParts = [s] { return std::optional<lib::ClassTimePartsTable>(s.topParts); };
+  sources.queries.bgParts = [s] { return std::optional<lib::ClassTimePartsTable>(s.bgParts); };
   sources.maps = [] { return std::vector<MapFill>{{"process_time_in_state_map", 40, 4096, {}}}; };
   sources.overflow = [] { return std::optional<lib::OverflowCounts>({{1, 2, 3}}); };
   return sources;

@@ -1,6 +1,8 @@
 // The built zelkcputime serve in the test's private mount and network namespaces: its command
 // line and address errors, a real Prometheus that scrapes it, and eight scrapers at once.
+#include <android-base/unique_fd.h>
 #include <arpa/inet.h>
+#include <bpf/bpf.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -10,11 +12,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <regex>
 #include <thread>
 
 #include "child_process.h"
 #include "e2e_bed.h"
+#include "maps.h"
 #include "serve_bed.h"
 
 namespace zelk::testbed {
@@ -164,6 +168,84 @@ scrape_configs:
   EXPECT_EQ(serve->stop(), 0) << serve->output();
   EXPECT_TRUE(contains(serve->output(), "stopped; the counts stay in the maps\n"))
       << serve->output();
+}
+
+// One value of a scraped series, or -1.
+double scrapedValue(const std::string& series) {
+  const HttpReply reply = httpRequest(kPort, "GET", "/metrics");
+  std::smatch match;
+  const std::regex line("\n" + series + " ([0-9.e+-]+)\n");
+  if (reply.status != 200 || !std::regex_search(reply.body, match, line)) return -1;
+  return std::stod(match[1]);
+}
+
+// Whether a task of `others` comes before `first` in the walk of the pid map, as the library's
+// top query meets them: the walk in which the first task's open period would stand for the name.
+bool otherComesFirst(pid_t first, const std::vector<std::unique_ptr<Child>>& others) {
+  const android::base::unique_fd fd(bpf_obj_get(pinPath(MapId::PidAdj).c_str()));
+  int32_t pid;
+  for (const void* previous = nullptr; bpf_map_get_next_key(fd.get(), previous, &pid) == 0;
+       previous = &pid) {
+    if (pid == first) return false;
+    for (const auto& other : others) {
+      if (other->pid() == pid) return true;
+    }
+  }
+  return false;
+}
+
+// A counter must never fall, or Prometheus reads a reset: a name's foreground time does not
+// when another task of that name starts and comes first in the pids' walk.
+TEST_F(ServeTest, ForegroundTimeCounterNeverFallsAsTasksOfTheNameComeAndGo) {
+  addMachinePolicy({300000, 600000});
+  std::optional<Background> serve;
+  ASSERT_NO_FATAL_FAILURE(startServe(&serve));
+  // The library's seeding pass deletes the pid entries that it finds made already: the tasks
+  // start after it, which the pressure trigger follows (refused without CAP_SYS_RESOURCE, and
+  // said so; elsewhere the wait just runs out).
+  serve->waitFor("pressure trigger", milliseconds(2000));
+  const auto task = [] {
+    auto child = std::make_unique<Child>([](Child& link) {
+      setName("zelkcls");
+      setOomScoreAdj(0);
+      link.tell(0);
+      link.awaitGo();
+    });
+    EXPECT_TRUE(child->next().has_value());
+    return child;
+  };
+  const std::string counter = "zelk_foreground_seconds_total\\{comm=\"zelkcls\"\\}";
+  const std::string gauge = "zelk_foreground_open_seconds\\{comm=\"zelkcls\"\\}";
+  std::vector<double> counted;
+  const auto scrape = [&] {
+    counted.push_back(scrapedValue(counter));
+    return scrapedValue(gauge);
+  };
+
+  auto first = task();
+  std::this_thread::sleep_for(milliseconds(300));
+  const double openAlone = scrape();
+  EXPECT_GE(openAlone, 0.3);
+  std::vector<std::unique_ptr<Child>> others;
+  while (others.size() < 32 && !otherComesFirst(first->pid(), others)) others.push_back(task());
+  ASSERT_TRUE(otherComesFirst(first->pid(), others)) << "no task came before the first";
+  EXPECT_GE(scrape(), openAlone) << "the open periods of every task of the name";
+  first->go();
+  ASSERT_EQ(first->wait(), 0);
+  scrape();
+  EXPECT_GE(counted.back(), 0.3) << "the first task's period, closed at its exit";
+  for (auto& other : others) {
+    other->go();
+    ASSERT_EQ(other->wait(), 0);
+  }
+  scrape();
+  for (size_t i = 0; i < counted.size(); ++i) {
+    EXPECT_GE(counted[i], 0) << "scrape " << i;
+    if (i > 0) {
+      EXPECT_GE(counted[i], counted[i - 1]) << "scrape " << i;
+    }
+  }
+  EXPECT_EQ(serve->stop(), 0) << serve->output();
 }
 
 // Short-lived processes with `count` names of their own, so that the process table holds them.

@@ -237,12 +237,17 @@ void addTasks(const FreqTable& freqs, const lib::TimeInStateTable& table, bool p
   }
 }
 
-void addClassTimes(const lib::TimeTable& table, Family* family) {
-  std::vector<std::pair<std::string, uint64_t>> rows(table.size());
+// A name's closed periods as a counter, which grows until a reset, and its open ones as a gauge.
+void addClassTimes(const lib::ClassTimePartsTable& table, Family* closed, Family* open) {
+  std::vector<std::pair<std::string, lib::ClassTimeParts>> rows(table.size());
   std::transform(table.begin(), table.end(), rows.begin(),
                  [](const auto& entry) { return std::make_pair(entry.first.comm, entry.second); });
-  std::sort(rows.begin(), rows.end());
-  for (const auto& [name, ns] : rows) family->add(labels({{"comm", labelValue(name)}}), ns);
+  std::sort(rows.begin(), rows.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+  for (const auto& [name, parts] : rows) {
+    closed->add(labels({{"comm", labelValue(name)}}), parts.closedNs);
+    open->add(labels({{"comm", labelValue(name)}}), parts.openNs);
+  }
 }
 
 // The counters of a power model: joules, coulombs for a current-based profile, or the abstract
@@ -359,9 +364,21 @@ std::string renderExposition(const ExpositionInput& input, ExpositionFormat form
                           "--per-frequency, at each frequency.",
                           kNs);
   Family foreground("zelk_foreground_seconds", Kind::kCounter, "seconds",
-                    "Time that tasks of each name spent in the foreground (not CPU time).", kNs);
+                    "Time that tasks of each name spent in the foreground (not CPU time), in "
+                    "periods that have ended: a class change, a rename or an exit.",
+                    kNs);
+  Family foregroundOpen("zelk_foreground_open_seconds", Kind::kGauge, "seconds",
+                        "Time that the live tasks of each name in the foreground have spent there "
+                        "since their last change, summed over the tasks.",
+                        kNs);
   Family background("zelk_background_seconds", Kind::kCounter, "seconds",
-                    "Time that tasks of each name spent in the background (not CPU time).", kNs);
+                    "Time that tasks of each name spent in the background (not CPU time), in "
+                    "periods that have ended: a class change, a rename or an exit.",
+                    kNs);
+  Family backgroundOpen("zelk_background_open_seconds", Kind::kGauge, "seconds",
+                        "Time that the live tasks of each name in the background have spent there "
+                        "since their last change, summed over the tasks.",
+                        kNs);
   Family frequencies("zelk_cpu_frequency", Kind::kInfo, "",
                      "The frequencies of each cpufreq policy that the counts use.", 0);
 
@@ -390,8 +407,8 @@ std::string renderExposition(const ExpositionInput& input, ExpositionFormat form
            &processCycles, &processFrequency);
   addTasks(s.freqs, s.kthreads, /*processes=*/false, input.perFrequency, &kthreadSeconds,
            &kthreadCycles, &kthreadFrequency);
-  addClassTimes(s.top, &foreground);
-  addClassTimes(s.bg, &background);
+  addClassTimes(s.topParts, &foreground, &foregroundOpen);
+  addClassTimes(s.bgParts, &background, &backgroundOpen);
 
   Family entries("zelk_map_entries", Kind::kGauge, "",
                  "Entries in each counting and pid map of the kernel object.", 0);
@@ -437,9 +454,11 @@ std::string renderExposition(const ExpositionInput& input, ExpositionFormat form
     }
   }
   for (const Family* family :
-       {&total, &processSeconds, &processCycles, &processFrequency, &kthreadSeconds, &kthreadCycles,
-        &kthreadFrequency, &foreground, &background, &frequencies, &source, &entries, &capacity,
-        &untracked, &overflowed, &lost, &failures, &failed, &duration}) {
+       {&total,          &processSeconds,   &processCycles, &processFrequency, &kthreadSeconds,
+        &kthreadCycles,  &kthreadFrequency, &foreground,    &foregroundOpen,   &background,
+        &backgroundOpen, &frequencies,      &source,        &entries,          &capacity,
+        &untracked,      &overflowed,       &lost,          &failures,         &failed,
+        &duration}) {
     family->render(format, &out);
   }
   if (format == ExpositionFormat::kOpenMetrics) out += "# EOF\n";

@@ -29,14 +29,14 @@ MetricsExporter::MetricsExporter(CollectSources sources, SnapshotRequest request
       model_(model),
       sampledMs_(sampledMs),
       queryFailures_(std::make_shared<std::atomic<uint64_t>>(0)) {
-  request_.parts = kAllParts;
+  request_.parts = kTotalPart | kProcessesPart | kKthreadsPart | kClassPartsPart;
   SnapshotQueries& q = sources_.queries;
   q.freqs = counted(std::move(q.freqs), queryFailures_);
   q.total = counted(std::move(q.total), queryFailures_);
   q.processes = counted(std::move(q.processes), queryFailures_);
   q.kthreads = counted(std::move(q.kthreads), queryFailures_);
-  q.top = counted(std::move(q.top), queryFailures_);
-  q.bg = counted(std::move(q.bg), queryFailures_);
+  q.topParts = counted(std::move(q.topParts), queryFailures_);
+  q.bgParts = counted(std::move(q.bgParts), queryFailures_);
 }
 
 Collected MetricsExporter::collectNow() {

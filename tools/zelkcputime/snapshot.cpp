@@ -34,7 +34,7 @@ bool read(const std::function<std::optional<T>()>& query, const std::string& fun
 
 TakenSnapshot takeSnapshot(const SnapshotRequest& request, const SnapshotQueries& queries) {
   Snapshot snapshot;
-  snapshot.parts = request.parts & kAllParts;
+  snapshot.parts = request.parts & (kAllParts | kClassPartsPart);
   const auto wants = [&](SnapshotPart part) { return (snapshot.parts & part) != 0; };
   std::string error;
   if (!read(queries.freqs, "getCpuFreqs", request, &snapshot.freqs, &error)) return {{}, error};
@@ -52,7 +52,10 @@ TakenSnapshot takeSnapshot(const SnapshotRequest& request, const SnapshotQueries
        read(queries.kthreads, "getKthreadCpuFreqTimes", request, &snapshot.kthreads, &error)) &&
       (!wants(kTopPart) ||
        read(queries.top, "getProcessTopTimes", request, &snapshot.top, &error)) &&
-      (!wants(kBgPart) || read(queries.bg, "getProcessBgTimes", request, &snapshot.bg, &error));
+      (!wants(kBgPart) || read(queries.bg, "getProcessBgTimes", request, &snapshot.bg, &error)) &&
+      (!wants(kClassPartsPart) ||
+       (read(queries.topParts, "getProcessTopTimeParts", request, &snapshot.topParts, &error) &&
+        read(queries.bgParts, "getProcessBgTimeParts", request, &snapshot.bgParts, &error)));
   if (!ok) return {{}, error};
   snapshot.takenAt = std::chrono::steady_clock::now();
   return {std::move(snapshot), ""};

@@ -8,6 +8,7 @@
 
 #include "bar_chart.h"
 #include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_class_time.h"
 
 namespace zelk::cli {
 
@@ -19,7 +20,10 @@ enum SnapshotPart : unsigned {
   kKthreadsPart = 1u << 2,
   kTopPart = 1u << 3,
   kBgPart = 1u << 4,
-  kAllParts = (1u << 5) - 1,
+  kAllParts = (1u << 5) - 1,  // what the views show
+  // Foreground and background time with the closed periods apart from the open ones: the
+  // exporter's counters, which top and bg cannot be, as they can fall.
+  kClassPartsPart = 1u << 5,
 };
 
 struct Snapshot {
@@ -30,6 +34,8 @@ struct Snapshot {
   com::zelkora::TimeInStateTable kthreads;
   com::zelkora::TimeTable top;
   com::zelkora::TimeTable bg;
+  com::zelkora::ClassTimePartsTable topParts;
+  com::zelkora::ClassTimePartsTable bgParts;
   std::chrono::steady_clock::time_point takenAt;  // when the last table had been read
 };
 
@@ -43,6 +49,10 @@ struct SnapshotQueries {
       com::zelkora::getKthreadCpuFreqTimes;
   std::function<std::optional<com::zelkora::TimeTable>()> top = com::zelkora::getProcessTopTimes;
   std::function<std::optional<com::zelkora::TimeTable>()> bg = com::zelkora::getProcessBgTimes;
+  std::function<std::optional<com::zelkora::ClassTimePartsTable>()> topParts =
+      com::zelkora::getProcessTopTimeParts;
+  std::function<std::optional<com::zelkora::ClassTimePartsTable>()> bgParts =
+      com::zelkora::getProcessBgTimeParts;
 };
 
 struct SnapshotRequest {
