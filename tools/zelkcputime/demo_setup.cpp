@@ -39,19 +39,18 @@ std::string useSyntheticPolicy(DemoMachine* machine) {
   return "";
 }
 
-// Policies without a table get bins; those and, when asked, the others are sampled.
+// Policies without a table get bins; those and, when asked, the others are sampled, each on a
+// private tree whose current frequency the library's start takes.
 std::string useRealPolicies(const Sampling& sampling, std::vector<RealPolicy>* policies,
                             DemoMachine* machine) {
   std::string error;
   *policies = readRealPolicies(sampling.always, &error);
   if (!error.empty()) return error;
   std::string sampled, exact;
-  bool binned = false;
   for (const RealPolicy& policy : *policies) {
     const std::string cpus = " (" + (policy.driver.empty() ? "" : policy.driver + ", ") + "CPUs " +
                              policy.relatedCpus + ")";
     if (!policy.hasTable) {
-      binned = true;
       sampled += " " + policy.name + cpus + " in " + std::to_string(policy.bins.size()) +
                  " bins from " + formatMhz(policy.bins.front()) + " to " +
                  formatMhz(policy.bins.back()) + " MHz;";
@@ -61,13 +60,11 @@ std::string useRealPolicies(const Sampling& sampling, std::vector<RealPolicy>* p
       exact += " " + policy.name + cpus;
     }
   }
-  if (binned) {
-    if (std::string failed = mountBinnedCpufreq(*policies); !failed.empty()) return failed;
-  }
   if (sampled.empty()) {
     machine->policies = "the machine's cpufreq policies:" + exact;
     return "";
   }
+  if (std::string failed = mountSampledCpufreq(*policies); !failed.empty()) return failed;
   machine->sampledMs = sampling.periodMs;
   const std::string period = std::to_string(sampling.periodMs) + " ms";
   machine->policies = "SAMPLED every " + period + ": the time of" + sampled +

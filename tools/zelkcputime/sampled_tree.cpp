@@ -5,9 +5,12 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include "environment.h"
 #include "frequency_bins.h"
@@ -21,11 +24,20 @@ std::string readTrimmed(const std::string& path) {
   return android::base::Trim(text);
 }
 
-bool hasFrequency(const std::string& list) {
+void appendFrequencies(const std::string& list, std::vector<uint64_t>* freqs) {
   for (const std::string& word : android::base::Split(list, " ")) {
-    if (parseKhz(word)) return true;
+    if (const std::optional<uint64_t> khz = parseKhz(word)) freqs->push_back(*khz);
   }
-  return false;
+}
+
+// The frequency of `freqs` (not empty) nearest the policy's real scaling_cur_freq, as that file
+// writes it; the lowest when the real one cannot be read. The sampler writes its own at once.
+std::string nearestCurrent(const RealPolicy& policy, std::vector<uint64_t> freqs) {
+  std::sort(freqs.begin(), freqs.end());
+  char text[32] = {};
+  const ssize_t length = pread(policy.curFreq.get(), text, sizeof(text) - 1, 0);
+  const std::optional<uint64_t> khz = length > 0 ? parseKhz(text) : std::nullopt;
+  return std::to_string(freqs[khz ? nearestBin(freqs, *khz) - 1 : 0]) + "\n";
 }
 
 std::string joined(const std::vector<uint64_t>& khz) {
@@ -44,7 +56,9 @@ std::vector<RealPolicy> readRealPolicies(bool sampleAll, std::string* error) {
     policy.name = dir.name;
     policy.relatedCpus = dir.relatedCpus;
     policy.driver = readTrimmed(base + "scaling_driver");
-    policy.hasTable = hasFrequency(readTrimmed(base + "scaling_available_frequencies"));
+    std::vector<uint64_t> table;
+    appendFrequencies(readTrimmed(base + "scaling_available_frequencies"), &table);
+    policy.hasTable = !table.empty();
     if (!policy.hasTable) {
       const auto minKhz = parseKhz(readTrimmed(base + "cpuinfo_min_freq"));
       const auto maxKhz = parseKhz(readTrimmed(base + "cpuinfo_max_freq"));
@@ -69,7 +83,7 @@ std::vector<RealPolicy> readRealPolicies(bool sampleAll, std::string* error) {
   return policies;
 }
 
-std::string mountBinnedCpufreq(const std::vector<RealPolicy>& policies) {
+std::string mountSampledCpufreq(const std::vector<RealPolicy>& policies) {
   // What the tabled policies hold, read before the tmpfs hides it.
   struct File {
     std::string path;
@@ -78,23 +92,26 @@ std::string mountBinnedCpufreq(const std::vector<RealPolicy>& policies) {
   std::vector<File> files;
   for (const RealPolicy& policy : policies) {
     const std::string base = std::string(kCpufreqDir) + "/" + policy.name + "/";
+    const bool sampled = policy.curFreq.get() >= 0;
     files.push_back({base + "related_cpus", policy.relatedCpus + "\n"});
+    std::vector<uint64_t> freqs = policy.bins;
     if (policy.hasTable) {
-      for (const char* name :
-           {"scaling_available_frequencies", "scaling_boost_frequencies", "scaling_cur_freq"}) {
+      for (const char* name : {"scaling_available_frequencies", "scaling_boost_frequencies"}) {
         std::string content;
-        if (android::base::ReadFileToString(base + name, &content)) {
-          files.push_back({base + name, content});
-        }
+        if (!android::base::ReadFileToString(base + name, &content)) continue;
+        files.push_back({base + name, content});
+        appendFrequencies(content, &freqs);
       }
-      continue;
+      std::string current;
+      if (!sampled && android::base::ReadFileToString(base + "scaling_cur_freq", &current)) {
+        files.push_back({base + "scaling_cur_freq", current});
+      }
+    } else {
+      files.push_back({base + "scaling_available_frequencies", joined(policy.bins)});
     }
-    char text[32] = {};
-    const ssize_t length = pread(policy.curFreq.get(), text, sizeof(text) - 1, 0);
-    const auto khz = length > 0 ? parseKhz(text) : std::nullopt;
-    const uint64_t current = policy.bins[khz ? nearestBin(policy.bins, *khz) - 1 : 0];
-    files.push_back({base + "scaling_available_frequencies", joined(policy.bins)});
-    files.push_back({base + "scaling_cur_freq", std::to_string(current) + "\n"});
+    if (sampled && !freqs.empty()) {
+      files.push_back({base + "scaling_cur_freq", nearestCurrent(policy, std::move(freqs))});
+    }
   }
   if (mount("tmpfs", kCpufreqDir, "tmpfs", 0, "mode=0755") != 0) {
     return std::string("mounting a tmpfs on ") + kCpufreqDir + ": " + strerror(errno);

@@ -1,6 +1,6 @@
 // The machine's cpufreq policies as the tool's own namespace needs them: a policy whose driver
 // publishes no frequency table gets one of bins (frequency_bins.h) in a tmpfs over the cpufreq
-// directory, and its real scaling_cur_freq stays open for the sampler.
+// directory, and the real scaling_cur_freq of every sampled policy stays open for the sampler.
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -25,8 +25,10 @@ struct RealPolicy {
 // every policy when `sampleAll`. "" or what is missing, in `error`.
 std::vector<RealPolicy> readRealPolicies(bool sampleAll, std::string* error);
 
-// Hides the cpufreq directory under a tmpfs holding every policy: those with a table as they
-// are, the others with their bins and the bin nearest their current frequency.
-std::string mountBinnedCpufreq(const std::vector<RealPolicy>& policies);
+// Hides the cpufreq directory under a tmpfs holding every policy: those with a table with it,
+// the others with their bins. A sampled policy's scaling_cur_freq is the entry nearest the real
+// one, which the library's start looks up in the table: on x86 the real one is an APERF/MPERF
+// average, rarely an entry. The others keep theirs.
+std::string mountSampledCpufreq(const std::vector<RealPolicy>& policies);
 
 }  // namespace zelk::cli
