@@ -2,6 +2,9 @@
 // the test's tmpfs plays the real policy tree, and its writes to scaling_cur_freq play the
 // hardware's frequency changes.
 #include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <bpf/bpf.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -15,7 +18,12 @@
 #include <vector>
 
 #include "child_process.h"
+#include "core/map_records.h"
+#include "frequency_sampler.h"
 #include "namespace.h"
+#include "object_loader.h"
+#include "self_status.h"
+#include "zelkcpufreqtime.h"
 
 namespace zelk::testbed {
 namespace {
@@ -184,6 +192,49 @@ TEST_F(SampledTableTest, SampleOptionFollowsAPolicyWithATable) {
   printf("2000 MHz: counted %.1f ms, ran %.1f ms; 1000 MHz: %.1f ms\n", times[1] / 1e6, ran / 1e6,
          times[0] / 1e6);
   EXPECT_NEAR(static_cast<double>(times[1]), ran, 2 * kPeriodMs * 1000000.0);
+}
+
+// The frequency program writes the index too: on a driver that sends events, or an event that
+// matches a bin. A sampled policy's events find no index, and any other writer holds it for a
+// period at most.
+TEST_F(SampledTableTest, TheSamplerIsASampledPolicysOnlySource) {
+  addPolicy("policy0", {1000000, 2000000}, {0});
+  addPolicy("policy1", {500000, 900000}, {1});
+  setCurrent(2000000);
+  const loader::Outcome loaded = loader::load();
+  ASSERT_EQ(loaded.status, loader::Status::kLoaded) << loaded.message;
+  ASSERT_TRUE(com::zelkora::startTrackingCpuFreqTime());
+  const auto freqs = com::zelkora::getCpuFreqs();
+  ASSERT_TRUE(freqs && freqs->size() == 2);
+  std::vector<cli::SampledPolicy> sampled;
+  sampled.push_back(
+      {0, "policy0",
+       android::base::unique_fd(open(
+           (std::string(kCpufreqDir) + "/policy0/scaling_cur_freq").c_str(), O_RDONLY | O_CLOEXEC)),
+       (*freqs)[0]});
+  cli::FrequencySampler sampler(std::move(sampled), milliseconds(kPeriodMs));
+  ASSERT_EQ(sampler.start(), "");
+
+  const android::base::unique_fd toIndex(bpf_obj_get(com::zelkora::kFreqToIdxMapPath));
+  const android::base::unique_fd current(bpf_obj_get(com::zelkora::kPolicyFreqIdxMapPath));
+  ASSERT_GE(toIndex.get(), 0);
+  ASSERT_GE(current.get(), 0);
+  uint32_t index = 0;
+  for (const com::zelkora::freq_key_t key : {com::zelkora::freq_key_t{0, 1000000}, {0, 2000000}}) {
+    EXPECT_NE(bpf_map_lookup_elem(toIndex.get(), &key, &index), 0) << key.freq;
+  }
+  const com::zelkora::freq_key_t unsampled = {1, 900000};
+  EXPECT_EQ(bpf_map_lookup_elem(toIndex.get(), &unsampled, &index), 0);
+  EXPECT_EQ(index, 2u);
+
+  // An event at 1 GHz, written where the frequency program writes it.
+  const uint32_t policy = 0, event = 1;
+  ASSERT_EQ(bpf_map_update_elem(current.get(), &policy, &event, BPF_ANY), 0);
+  EXPECT_TRUE(waitUntil(
+      [&] { return bpf_map_lookup_elem(current.get(), &policy, &index) == 0 && index == 2; },
+      milliseconds(20 * kPeriodMs)))
+      << "index " << index << " after " << 20 * kPeriodMs << " ms";
+  sampler.stop();
 }
 
 }  // namespace

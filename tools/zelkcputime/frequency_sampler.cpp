@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/map_records.h"
 #include "frequency_bins.h"
 #include "object_pins.h"
 
@@ -14,7 +15,7 @@ namespace zelk::cli {
 
 FrequencySampler::FrequencySampler(std::vector<SampledPolicy> policies,
                                    std::chrono::milliseconds period)
-    : policies_(std::move(policies)), written_(policies_.size(), 0), period_(period) {}
+    : policies_(std::move(policies)), period_(period) {}
 
 FrequencySampler::~FrequencySampler() { stop(); }
 
@@ -22,8 +23,26 @@ std::string FrequencySampler::start() {
   const std::string path = loader::mapPinPath("policy_freq_idx_map");
   map_.reset(bpf_obj_get(path.c_str()));
   if (map_.get() < 0) return "cannot open " + path + ": " + strerror(errno);
+  if (std::string error = silenceFrequencyEvents(); !error.empty()) return error;
   sampleOnce();  // at once, so that counting starts at the right frequency
   thread_ = std::thread([this] { run(); });
+  return "";
+}
+
+std::string FrequencySampler::silenceFrequencyEvents() {
+  const std::string path = loader::mapPinPath("freq_to_idx_map");
+  const android::base::unique_fd map(bpf_obj_get(path.c_str()));
+  if (map.get() < 0) return "cannot open " + path + ": " + strerror(errno);
+  for (const SampledPolicy& policy : policies_) {
+    for (uint64_t khz : policy.freqs) {
+      const com::zelkora::freq_key_t key = {policy.ordinal, static_cast<uint32_t>(khz)};
+      // A frequency listed twice is gone after its first delete.
+      if (bpf_map_delete_elem(map.get(), &key) != 0 && errno != ENOENT) {
+        return "cannot take " + policy.name + "'s frequencies out of " + path + ": " +
+               strerror(errno);
+      }
+    }
+  }
   return "";
 }
 
@@ -55,8 +74,7 @@ void FrequencySampler::run() {
 }
 
 void FrequencySampler::sampleOnce() {
-  for (size_t i = 0; i < policies_.size(); ++i) {
-    const SampledPolicy& policy = policies_[i];
+  for (const SampledPolicy& policy : policies_) {
     char text[32];
     const ssize_t length = pread(policy.curFreq.get(), text, sizeof(text) - 1, 0);
     const std::optional<uint64_t> khz =
@@ -67,12 +85,8 @@ void FrequencySampler::sampleOnce() {
     }
     ++stats_.samples;
     const uint32_t index = nearestBin(policy.freqs, *khz);
-    if (index == written_[i]) continue;
     const uint32_t key = policy.ordinal;
-    if (bpf_map_update_elem(map_.get(), &key, &index, BPF_ANY) == 0) {
-      written_[i] = index;
-      ++stats_.writes;
-    }
+    if (bpf_map_update_elem(map_.get(), &key, &index, BPF_ANY) == 0) ++stats_.writes;
   }
 }
 

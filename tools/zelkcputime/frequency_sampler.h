@@ -3,6 +3,12 @@
 // nearest frequency's index into the kernel object's current-frequency map, where the frequency
 // program would. On x86, scaling_cur_freq is the average frequency delivered since its last
 // read, so time counts at what the CPU ran at, averaged over the period.
+//
+// A sampled policy has one source: the sampler takes its frequencies out of the frequency-to-index
+// map of the object (the tool's own copy, loaded in its namespace), so that the frequency program,
+// which leaves the index alone for a frequency it does not find there, never overrides a sample
+// (drivers that do send events, or an event that matches a bin). The index is also written at every
+// sample, not only on a change, so that no other writer holds it for longer than a period.
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -28,7 +34,7 @@ struct SamplerStats {
   uint64_t wakeups = 0;
   uint64_t samples = 0;  // readings that selected a frequency
   uint64_t skipped = 0;  // readings that could not be read or parsed
-  uint64_t writes = 0;   // map updates: only when the nearest frequency changed
+  uint64_t writes = 0;   // map updates, one per sample
   uint64_t cpuNs = 0;    // the thread's own CPU time
 };
 
@@ -39,7 +45,8 @@ class FrequencySampler {
   FrequencySampler(const FrequencySampler&) = delete;
   FrequencySampler& operator=(const FrequencySampler&) = delete;
 
-  // Opens the pinned current-frequency map and starts the thread; "" or what failed.
+  // Opens the pinned current-frequency map, takes the policies' frequencies out of the
+  // frequency-to-index map and starts the thread; "" or what failed.
   std::string start();
   // Ends the thread; the counts then stay as they were.
   SamplerStats stop();
@@ -47,11 +54,11 @@ class FrequencySampler {
   std::chrono::milliseconds period() const { return period_; }
 
  private:
+  std::string silenceFrequencyEvents();
   void run();
   void sampleOnce();
 
   std::vector<SampledPolicy> policies_;
-  std::vector<uint32_t> written_;  // per policy: the index last written, 0 for none
   std::chrono::milliseconds period_;
   android::base::unique_fd map_;
   std::mutex mutex_;
