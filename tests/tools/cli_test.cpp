@@ -2,12 +2,12 @@
 // (the CSV views show through the built tool), and the command line.
 #include <gtest/gtest.h>
 
-#include "csv_writer.h"
-#include "json_views.h"
-#include "options.h"
-#include "task_rows.h"
-#include "text_views.h"
-#include "units.h"
+#include "commands/options.h"
+#include "model/task_rows.h"
+#include "views/csv_writer.h"
+#include "views/json_views.h"
+#include "views/text_views.h"
+#include "views/units.h"
 
 namespace zelk::cli {
 namespace {

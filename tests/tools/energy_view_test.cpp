@@ -1,5 +1,5 @@
 // The energy view's rows and table as functions: order, limit, share and the unmodelled column.
-#include "energy_view.h"
+#include "views/energy_view.h"
 
 #include <gtest/gtest.h>
 

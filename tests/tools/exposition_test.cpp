@@ -1,6 +1,6 @@
 // The metrics view as functions: the format an Accept header picks, label values for any bytes,
 // the exposition of a known snapshot, and the exporter's retries, 503 and shared collections.
-#include "exposition.h"
+#include "serve/exposition.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "metrics_exporter.h"
 #include "namespace.h"
+#include "serve/metrics_exporter.h"
 
 namespace zelk::cli {
 namespace {

@@ -1,5 +1,5 @@
 // The bins of a policy without a frequency table, and how a sampled frequency picks one.
-#include "frequency_bins.h"
+#include "machine/frequency_bins.h"
 
 #include <gtest/gtest.h>
 

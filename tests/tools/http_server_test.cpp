@@ -1,6 +1,6 @@
 // The exporter's HTTP server in this process, on a port the system picks: routes, methods,
 // malformed, large and slow requests, and the listen address.
-#include "http_server.h"
+#include "serve/http_server.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

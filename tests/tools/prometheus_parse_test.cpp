@@ -8,10 +8,10 @@
 #include <thread>
 
 #include "child_process.h"
-#include "http_server.h"
-#include "metrics_exporter.h"
 #include "namespace.h"
 #include "self_status.h"
+#include "serve/http_server.h"
+#include "serve/metrics_exporter.h"
 #include "serve_bed.h"
 
 namespace zelk::testbed {

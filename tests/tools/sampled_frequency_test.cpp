@@ -19,7 +19,7 @@
 
 #include "child_process.h"
 #include "core/map_records.h"
-#include "frequency_sampler.h"
+#include "machine/frequency_sampler.h"
 #include "namespace.h"
 #include "object_loader.h"
 #include "self_status.h"

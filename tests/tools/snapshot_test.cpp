@@ -1,12 +1,12 @@
 // The tool's snapshot without a kernel: what two snapshots say was counted in between, and how
 // taking one gets past a failing walk without ever returning part of one.
-#include "snapshot.h"
+#include "model/snapshot.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 
-#include "snapshot_diff.h"
+#include "model/snapshot_diff.h"
 
 namespace zelk::cli {
 namespace {

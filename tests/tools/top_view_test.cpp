@@ -1,5 +1,5 @@
 // The live view's rows from a difference of two snapshots, without a kernel.
-#include "top_view.h"
+#include "views/top_view.h"
 
 #include <gtest/gtest.h>
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "library_log.h"
-#include "options.h"
+#include "commands/commands.h"
+#include "commands/library_log.h"
+#include "commands/options.h"
 
 namespace {
 

@@ -1,0 +1,81 @@
+#include "commands/library_log.h"
+
+#include <android/log.h>
+
+#include <cstdio>
+#include <mutex>
+#include <vector>
+
+namespace zelk::cli {
+namespace {
+
+constexpr char kTriggerFailed[] = "Failed to write trigger, reason: ";
+
+// Lines come from the library's background thread too.
+std::mutex gMutex;
+bool gVerbose = false;
+bool gHeld = false;
+bool gTriggerNoted = false;
+bool gNotesDropped = false;
+std::vector<std::pair<std::string, bool>> gHeldLines;  // each line, and whether it is a note
+
+void emit(const std::string& line, bool note) {
+  if (note && gNotesDropped) return;
+  if (gHeld) {
+    gHeldLines.emplace_back(line, note);
+  } else {
+    fprintf(stderr, "%s\n", line.c_str());
+  }
+}
+
+void toStderr(const __android_logger_data* data, const char* message) {
+  std::lock_guard<std::mutex> lock(gMutex);
+  if (!gVerbose) {
+    const std::string own = expectedConditionText(message);
+    if (!own.empty()) {
+      // Once: the library retries the trigger on each start.
+      if (!gTriggerNoted) emit(own, /*note=*/true);
+      gTriggerNoted = true;
+      return;
+    }
+  }
+  emit(std::string(data->tag != nullptr ? data->tag : "log") + ": " + message, /*note=*/false);
+}
+
+}  // namespace
+
+std::string expectedConditionText(const std::string& message) {
+  const size_t at = message.find(kTriggerFailed);
+  if (at == std::string::npos) return "";
+  std::string reason = message.substr(at + sizeof(kTriggerFailed) - 1);
+  if (!reason.empty() && reason.back() == '.') reason.pop_back();
+  return "zelkcputime: note: the kernel refused a CPU pressure trigger (" + reason +
+         "; setting one needs CAP_SYS_RESOURCE), so the library's pressure events are off; "
+         "counting is unaffected (-v shows the library's line)";
+}
+
+void routeLibraryLog(bool verbose) {
+  {
+    std::lock_guard<std::mutex> lock(gMutex);
+    gVerbose = verbose;
+  }
+  __android_log_set_logger(toStderr);
+  __android_log_set_minimum_priority(verbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_ERROR);
+}
+
+void holdLibraryLog() {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gHeld = true;
+}
+
+void releaseLibraryLog(bool withNotes) {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gHeld = false;
+  gNotesDropped = !withNotes;
+  for (const auto& [line, note] : gHeldLines) {
+    if (withNotes || !note) fprintf(stderr, "%s\n", line.c_str());
+  }
+  gHeldLines.clear();
+}
+
+}  // namespace zelk::cli

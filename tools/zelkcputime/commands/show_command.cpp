@@ -1,0 +1,138 @@
+// show: every number comes from one snapshot of the tables the view shows.
+#include <functional>
+
+#include "commands/commands.h"
+#include "machine/environment.h"
+#include "model/snapshot.h"
+#include "views/csv_views.h"
+#include "views/energy_view.h"
+#include "views/json_views.h"
+#include "views/text_table.h"
+#include "views/text_views.h"
+
+namespace zelk::cli {
+namespace {
+
+constexpr size_t kDefaultTextRows = 20;
+
+struct Request {
+  const Options& options;
+  const Snapshot& snapshot;
+  const FreqTable& freqs;
+  size_t limit;
+};
+
+int emit(const Options& options, const std::function<std::string()>& text,
+         const std::function<void(JsonWriter&)>& json, const std::function<std::string()>& csv) {
+  if (options.format == Format::kJson) {
+    JsonWriter writer;
+    writer.beginObject();
+    json(writer);
+    printOut(writer.endObject().text() + "\n");
+  } else if (options.format == Format::kCsv) {
+    printOut(kCsvHeader + csv());
+  } else {
+    printOut(text());
+  }
+  return kExitOk;
+}
+
+int showFreqs(const Request& r) {
+  return emit(
+      r.options, [&] { return textFreqs(r.freqs); },
+      [&](JsonWriter& json) { json.key("freqs_khz").numbers(r.freqs); },
+      [&] { return csvFreqs(r.freqs); });
+}
+
+int showTotal(const Request& r) {
+  const Times& times = r.snapshot.total;
+  return emit(
+      r.options, [&] { return textTotal(r.freqs, times); },
+      [&](JsonWriter& json) {
+        json.key("freqs_khz").numbers(r.freqs).key("total");
+        writeTimes(json, times);
+      },
+      [&] { return csvTotal(r.freqs, times); });
+}
+
+int showTable(const Request& r, bool kthreads) {
+  const std::vector<TaskTimes> rows =
+      sortedTasks(kthreads ? r.snapshot.kthreads : r.snapshot.processes, r.limit);
+  return emit(
+      r.options, [&] { return textTaskTable(r.freqs, rows, /*withFlag=*/!kthreads); },
+      [&](JsonWriter& json) {
+        json.key("freqs_khz").numbers(r.freqs).key(kthreads ? "kthreads" : "processes");
+        writeTasks(json, rows);
+      },
+      [&] { return csvTasks(kthreads ? "kthread" : "process", r.freqs, rows); });
+}
+
+int showTask(const Request& r, bool kthread, const std::string& name) {
+  const uint64_t flag = kthread || r.options.flag ? 1 : 0;
+  const TakenTask taken = takeTask(kthread, name, flag != 0);
+  if (!taken.times) return fail(taken.error);
+  const TaskTimes task{name, flag, *taken.times, sumTimes(*taken.times)};
+  const std::string title =
+      kthread ? "kernel thread " + printableName(name)
+              : "process " + printableName(name) + (flag != 0 ? " (foreground)" : " (background)");
+  return emit(
+      r.options, [&] { return textTask(title, r.freqs, task.times); },
+      [&](JsonWriter& json) {
+        json.key("freqs_khz").numbers(r.freqs).key(kthread ? "kthread" : "process");
+        writeTask(json, task);
+      },
+      [&] { return csvTasks(kthread ? "kthread" : "process", r.freqs, {task}); });
+}
+
+int showClassTimes(const Request& r, bool top) {
+  const std::vector<NamedTime> rows =
+      sortedNamedTimes(top ? r.snapshot.top : r.snapshot.bg, r.limit);
+  const char* name = top ? "top" : "bg";
+  return emit(
+      r.options, [&] { return textNamedTimes(top ? "foreground s" : "background s", rows); },
+      [&](JsonWriter& json) {
+        json.key(name);
+        writeNamedTimes(json, rows);
+      },
+      [&] { return csvNamedTimes(name, rows); });
+}
+
+// The tables `view` shows; "freqs" and the single-task views need only the frequency table.
+unsigned partsOf(const std::string& view) {
+  if (view == "total") return kTotalPart;
+  if (view == "processes") return kProcessesPart;
+  if (view == "kthreads") return kKthreadsPart;
+  if (view == "top") return kTopPart;
+  if (view == "bg") return kBgPart;
+  return 0;
+}
+
+}  // namespace
+
+int runShow(const Options& options) {
+  if (options.words.size() > 1 && options.words[1] == "energy") return runShowEnergy(options);
+  if (!options.model.empty() || options.voltage)
+    return usageError("--model and --voltage apply to show energy");
+  const std::string usage = checkViewWords(
+      options, {"total", "processes", "kthreads", "process", "kthread", "top", "bg", "freqs"});
+  if (!usage.empty()) return usageError(usage);
+  const std::string& view = options.words[1];
+  if (std::string message = checkReady(); !message.empty()) return fail(message);
+
+  SnapshotRequest snapshotRequest;
+  snapshotRequest.parts = partsOf(view);
+  const TakenSnapshot taken = takeSnapshot(snapshotRequest);
+  if (!taken.snapshot) return fail(taken.error);
+  const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
+  const Request request{options, *taken.snapshot, taken.snapshot->freqs,
+                        textDefault ? kDefaultTextRows : options.limit};
+  if (view == "freqs") return showFreqs(request);
+  if (view == "total") return showTotal(request);
+  if (view == "processes" || view == "kthreads") return showTable(request, view == "kthreads");
+  if (view == "process" || view == "kthread") {
+    return showTask(request, view == "kthread", options.words[2]);
+  }
+  return showClassTimes(request, view == "top");
+}
+
+}  // namespace zelk::cli

@@ -1,0 +1,93 @@
+#include "machine/frequency_sampler.h"
+
+#include <bpf/bpf.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "core/map_records.h"
+#include "machine/frequency_bins.h"
+#include "object_pins.h"
+
+namespace zelk::cli {
+
+FrequencySampler::FrequencySampler(std::vector<SampledPolicy> policies,
+                                   std::chrono::milliseconds period)
+    : policies_(std::move(policies)), period_(period) {}
+
+FrequencySampler::~FrequencySampler() { stop(); }
+
+std::string FrequencySampler::start() {
+  const std::string path = loader::mapPinPath("policy_freq_idx_map");
+  map_.reset(bpf_obj_get(path.c_str()));
+  if (map_.get() < 0) return "cannot open " + path + ": " + strerror(errno);
+  if (std::string error = silenceFrequencyEvents(); !error.empty()) return error;
+  sampleOnce();  // at once, so that counting starts at the right frequency
+  thread_ = std::thread([this] { run(); });
+  return "";
+}
+
+std::string FrequencySampler::silenceFrequencyEvents() {
+  const std::string path = loader::mapPinPath("freq_to_idx_map");
+  const android::base::unique_fd map(bpf_obj_get(path.c_str()));
+  if (map.get() < 0) return "cannot open " + path + ": " + strerror(errno);
+  for (const SampledPolicy& policy : policies_) {
+    for (uint64_t khz : policy.freqs) {
+      const com::zelkora::freq_key_t key = {policy.ordinal, static_cast<uint32_t>(khz)};
+      // A frequency listed twice is gone after its first delete.
+      if (bpf_map_delete_elem(map.get(), &key) != 0 && errno != ENOENT) {
+        return "cannot take " + policy.name + "'s frequencies out of " + path + ": " +
+               strerror(errno);
+      }
+    }
+  }
+  return "";
+}
+
+SamplerStats FrequencySampler::stop() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  if (thread_.joinable()) thread_.join();
+  return stats_;
+}
+
+void FrequencySampler::run() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  auto next = std::chrono::steady_clock::now() + period_;
+  while (!wake_.wait_until(lock, next, [this] { return stopping_; })) {
+    ++stats_.wakeups;
+    sampleOnce();
+    // On a fixed grid, so that a slow read does not stretch the period.
+    next += period_;
+    const auto now = std::chrono::steady_clock::now();
+    if (next < now) next = now + period_;
+  }
+  timespec cpu;
+  if (clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu) == 0) {
+    stats_.cpuNs = static_cast<uint64_t>(cpu.tv_sec) * 1000000000 + cpu.tv_nsec;
+  }
+}
+
+void FrequencySampler::sampleOnce() {
+  for (const SampledPolicy& policy : policies_) {
+    char text[32];
+    const ssize_t length = pread(policy.curFreq.get(), text, sizeof(text) - 1, 0);
+    const std::optional<uint64_t> khz =
+        length > 0 ? parseKhz(std::string(text, static_cast<size_t>(length))) : std::nullopt;
+    if (!khz || policy.freqs.empty()) {
+      ++stats_.skipped;  // the last index stays in force
+      continue;
+    }
+    ++stats_.samples;
+    const uint32_t index = nearestBin(policy.freqs, *khz);
+    const uint32_t key = policy.ordinal;
+    if (bpf_map_update_elem(map_.get(), &key, &index, BPF_ANY) == 0) ++stats_.writes;
+  }
+}
+
+}  // namespace zelk::cli

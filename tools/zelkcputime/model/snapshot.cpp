@@ -1,0 +1,79 @@
+#include "model/snapshot.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace zelk::cli {
+namespace {
+
+namespace lib = com::zelkora;
+
+std::string failedMessage(const std::string& function, unsigned attempts) {
+  const std::string times = attempts > 1 ? " " + std::to_string(attempts) + " times" : "";
+  return function + " failed" + times + " (run with -v for the library's messages)";
+}
+
+// Tries `query` as the request says; false, with the error set, when every try failed.
+template <typename T>
+bool read(const std::function<std::optional<T>()>& query, const std::string& function,
+          const SnapshotRequest& request, T* out, std::string* error) {
+  const unsigned attempts = std::max(1u, request.attempts);
+  for (unsigned attempt = 1;; ++attempt) {
+    if (std::optional<T> value = query()) {
+      *out = std::move(*value);
+      return true;
+    }
+    if (attempt == attempts) break;
+    std::this_thread::sleep_for(request.pause);
+  }
+  *error = failedMessage(function, attempts);
+  return false;
+}
+
+}  // namespace
+
+TakenSnapshot takeSnapshot(const SnapshotRequest& request, const SnapshotQueries& queries) {
+  Snapshot snapshot;
+  snapshot.parts = request.parts & (kAllParts | kClassPartsPart);
+  const auto wants = [&](SnapshotPart part) { return (snapshot.parts & part) != 0; };
+  std::string error;
+  if (!read(queries.freqs, "getCpuFreqs", request, &snapshot.freqs, &error)) return {{}, error};
+  if (wants(kTotalPart) &&
+      !read(queries.total, "getTotalCpuFreqTimes", request, &snapshot.total, &error)) {
+    // The query also comes back empty when the map holds no entry at all.
+    return {{},
+            "getTotalCpuFreqTimes returned nothing: nothing has been counted since the load "
+            "or the last reset (is `zelkcputime start` running?), or the map could not be read"};
+  }
+  const bool ok =
+      (!wants(kProcessesPart) ||
+       read(queries.processes, "getProcessCpuFreqTimes", request, &snapshot.processes, &error)) &&
+      (!wants(kKthreadsPart) ||
+       read(queries.kthreads, "getKthreadCpuFreqTimes", request, &snapshot.kthreads, &error)) &&
+      (!wants(kTopPart) ||
+       read(queries.top, "getProcessTopTimes", request, &snapshot.top, &error)) &&
+      (!wants(kBgPart) || read(queries.bg, "getProcessBgTimes", request, &snapshot.bg, &error)) &&
+      (!wants(kClassPartsPart) ||
+       (read(queries.topParts, "getProcessTopTimeParts", request, &snapshot.topParts, &error) &&
+        read(queries.bgParts, "getProcessBgTimeParts", request, &snapshot.bgParts, &error)));
+  if (!ok) return {{}, error};
+  snapshot.takenAt = std::chrono::steady_clock::now();
+  return {std::move(snapshot), ""};
+}
+
+TakenTask takeTask(bool kthread, const std::string& name, bool flag) {
+  auto times =
+      kthread ? lib::getCpuFreqTimesFromKthread(name) : lib::getCpuFreqTimesFromProcess(name, flag);
+  if (times) return {std::move(times), ""};
+  // The single-task queries also fail on a map without any entry: say so when that is why.
+  const auto all = kthread ? lib::getKthreadCpuFreqTimes() : lib::getProcessCpuFreqTimes();
+  if (all && all->empty()) {
+    return {{},
+            std::string("no ") + (kthread ? "kernel thread" : "process") +
+                " has been counted yet: is `zelkcputime start` running?"};
+  }
+  return {{},
+          failedMessage(kthread ? "getCpuFreqTimesFromKthread" : "getCpuFreqTimesFromProcess", 1)};
+}
+
+}  // namespace zelk::cli

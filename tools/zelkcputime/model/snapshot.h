@@ -1,0 +1,84 @@
+// One instant of the library's tables, read in one place for every view that shows them.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "views/bar_chart.h"
+#include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_class_time.h"
+
+namespace zelk::cli {
+
+// The tables a snapshot may hold; the frequency table is always read. A view asks only for what
+// it shows, so that `show total` does not walk every map.
+enum SnapshotPart : unsigned {
+  kTotalPart = 1u << 0,
+  kProcessesPart = 1u << 1,
+  kKthreadsPart = 1u << 2,
+  kTopPart = 1u << 3,
+  kBgPart = 1u << 4,
+  kAllParts = (1u << 5) - 1,  // what the views show
+  // Foreground and background time with the closed periods apart from the open ones: the
+  // exporter's counters, which top and bg cannot be, as they can fall.
+  kClassPartsPart = 1u << 5,
+};
+
+struct Snapshot {
+  unsigned parts = 0;  // the SnapshotParts read; the tables of the others stay empty
+  FreqTable freqs;
+  Times total;
+  com::zelkora::TimeInStateTable processes;
+  com::zelkora::TimeInStateTable kthreads;
+  com::zelkora::TimeTable top;
+  com::zelkora::TimeTable bg;
+  com::zelkora::ClassTimePartsTable topParts;
+  com::zelkora::ClassTimePartsTable bgParts;
+  std::chrono::steady_clock::time_point takenAt;  // when the last table had been read
+};
+
+// The library's queries; tests replace them to see the retries without a kernel.
+struct SnapshotQueries {
+  std::function<std::optional<FreqTable>()> freqs = com::zelkora::getCpuFreqs;
+  std::function<std::optional<Times>()> total = com::zelkora::getTotalCpuFreqTimes;
+  std::function<std::optional<com::zelkora::TimeInStateTable>()> processes =
+      com::zelkora::getProcessCpuFreqTimes;
+  std::function<std::optional<com::zelkora::TimeInStateTable>()> kthreads =
+      com::zelkora::getKthreadCpuFreqTimes;
+  std::function<std::optional<com::zelkora::TimeTable>()> top = com::zelkora::getProcessTopTimes;
+  std::function<std::optional<com::zelkora::TimeTable>()> bg = com::zelkora::getProcessBgTimes;
+  std::function<std::optional<com::zelkora::ClassTimePartsTable>()> topParts =
+      com::zelkora::getProcessTopTimeParts;
+  std::function<std::optional<com::zelkora::ClassTimePartsTable>()> bgParts =
+      com::zelkora::getProcessBgTimeParts;
+};
+
+struct SnapshotRequest {
+  unsigned parts = kAllParts;
+  // A whole-map walk fails when another process deletes the key it stands on between its steps,
+  // and the total's one key is missing for a moment after a reset: each query is tried this many
+  // times in all, with `pause` between tries.
+  unsigned attempts = 5;
+  std::chrono::milliseconds pause{10};
+};
+
+struct TakenSnapshot {
+  std::optional<Snapshot> snapshot;  // all the parts asked for, or nothing
+  std::string error;                 // without a snapshot: the query that kept failing, and why
+};
+
+TakenSnapshot takeSnapshot(const SnapshotRequest& request = {},
+                           const SnapshotQueries& queries = {});
+
+struct TakenTask {
+  std::optional<Times> times;
+  std::string error;  // without times: the message to print
+};
+
+// One task through the library's single-task query; `flag` applies to processes only. The
+// error says so when it failed because nothing at all has been counted yet.
+TakenTask takeTask(bool kthread, const std::string& name, bool flag);
+
+}  // namespace zelk::cli

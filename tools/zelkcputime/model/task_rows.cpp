@@ -1,0 +1,67 @@
+#include "model/task_rows.h"
+
+#include <algorithm>
+#include <map>
+#include <numeric>
+
+namespace zelk::cli {
+namespace {
+
+template <typename Row, typename Less>
+std::vector<Row> sortedAndCut(std::vector<Row> rows, size_t limit, Less less) {
+  std::sort(rows.begin(), rows.end(), less);
+  if (limit != 0 && rows.size() > limit) rows.resize(limit);
+  return rows;
+}
+
+}  // namespace
+
+uint64_t sumTimes(const Times& times) {
+  uint64_t sum = 0;
+  for (const auto& policy : times) sum = std::accumulate(policy.begin(), policy.end(), sum);
+  return sum;
+}
+
+bool busierTask(const TaskTimes& a, const TaskTimes& b) {
+  if (a.total != b.total) return a.total > b.total;
+  if (a.name != b.name) return a.name < b.name;
+  return a.flag < b.flag;
+}
+
+bool busierNamed(const NamedTime& a, const NamedTime& b) {
+  return a.ns != b.ns ? a.ns > b.ns : a.name < b.name;
+}
+
+std::vector<TaskTimes> sortedTasks(const com::zelkora::TimeInStateTable& table, size_t limit) {
+  std::vector<TaskTimes> rows;
+  rows.reserve(table.size());
+  for (const auto& [key, times] : table) {
+    rows.push_back({key.comm, key.flag, times, sumTimes(times)});
+  }
+  return sortedAndCut(std::move(rows), limit, busierTask);
+}
+
+std::vector<NamedTime> sortedNamedTimes(const com::zelkora::TimeTable& table, size_t limit) {
+  std::vector<NamedTime> rows;
+  rows.reserve(table.size());
+  for (const auto& [key, ns] : table) rows.push_back({key.comm, ns});
+  return sortedAndCut(std::move(rows), limit, busierNamed);
+}
+
+std::vector<ClassTimes> joinedClassTimes(const com::zelkora::TimeTable& top,
+                                         const com::zelkora::TimeTable& bg, size_t limit) {
+  std::map<std::string, ClassTimes> byName;
+  for (const auto& [key, ns] : top)
+    byName.try_emplace(key.comm, ClassTimes{key.comm, 0, 0}).first->second.topNs += ns;
+  for (const auto& [key, ns] : bg)
+    byName.try_emplace(key.comm, ClassTimes{key.comm, 0, 0}).first->second.bgNs += ns;
+  std::vector<ClassTimes> rows;
+  rows.reserve(byName.size());
+  for (auto& [name, row] : byName) rows.push_back(std::move(row));
+  return sortedAndCut(std::move(rows), limit, [](const ClassTimes& a, const ClassTimes& b) {
+    const uint64_t sumA = a.topNs + a.bgNs, sumB = b.topNs + b.bgNs;
+    return sumA != sumB ? sumA > sumB : a.name < b.name;
+  });
+}
+
+}  // namespace zelk::cli

@@ -1,0 +1,48 @@
+// The library's result tables as rows for display: sorted by time, busiest first.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "views/bar_chart.h"
+#include "zelkcpufreqtime.h"
+
+namespace zelk::cli {
+
+struct TaskTimes {
+  std::string name;
+  uint64_t flag;
+  Times times;     // ns per policy and frequency, as the library returns them
+  uint64_t total;  // the sum of `times`
+};
+
+struct NamedTime {
+  std::string name;
+  uint64_t ns;
+};
+
+uint64_t sumTimes(const Times& times);
+
+// The order of the rows: total time descending, then name, then flag, so that equal times print
+// in a stable order.
+bool busierTask(const TaskTimes& a, const TaskTimes& b);
+bool busierNamed(const NamedTime& a, const NamedTime& b);
+
+// Rows in the order above; the first `limit` rows, or all when `limit` is 0.
+std::vector<TaskTimes> sortedTasks(const com::zelkora::TimeInStateTable& table, size_t limit);
+std::vector<NamedTime> sortedNamedTimes(const com::zelkora::TimeTable& table, size_t limit);
+
+// One task's foreground and background time, for the joined view.
+struct ClassTimes {
+  std::string name;
+  uint64_t topNs;
+  uint64_t bgNs;
+};
+
+// Names of both tables, ordered by top + background descending, then name; `limit` as above.
+std::vector<ClassTimes> joinedClassTimes(const com::zelkora::TimeTable& top,
+                                         const com::zelkora::TimeTable& bg, size_t limit);
+
+}  // namespace zelk::cli
