@@ -1,24 +1,19 @@
-// The metrics view: one snapshot as a Prometheus exposition, in the text format 0.0.4 or in
-// OpenMetrics 1.0, with the names, units and labels of that ecosystem's conventions.
+// One scrape of this system as a Prometheus exposition: collectors, one per concern, each add
+// their metric families from what one collection read, and the encoder renders them all.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "machine/map_fill.h"
 #include "model/snapshot.h"
+#include "serve/encoder.h"
 #include "zelkcpufreqtime_energy.h"
 
 namespace zelk::cli {
-
-enum class ExpositionFormat { kText, kOpenMetrics };
-
-// The format an Accept header asks for: OpenMetrics 1.0 when it ranks
-// application/openmetrics-text (version 1.0.0 or none) above text/plain, else the text format.
-ExpositionFormat negotiateFormat(const std::string& accept);
-const char* contentType(ExpositionFormat format);
 
 // What the exporter says about itself.
 struct ExporterStats {
@@ -37,11 +32,13 @@ struct ExpositionInput {
   ExporterStats stats;
 };
 
+// Adds one concern's families to `families`, in the order they are rendered.
+using Collector = void (*)(const ExpositionInput& input, std::vector<Family>* families);
+
+// Every collector, in the order of the exposition.
+const std::vector<Collector>& collectors();
+
 // Complete, or nothing: the caller renders only a snapshot it has in full.
 std::string renderExposition(const ExpositionInput& input, ExpositionFormat format);
-
-// A task name as a label value between quotes: bytes that are not UTF-8 become U+FFFD, and the
-// backslash, the quote and the line feed are escaped, as both formats require.
-std::string labelValue(const std::string& name);
 
 }  // namespace zelk::cli

@@ -1,0 +1,219 @@
+// The collectors of counted time: the whole system's, the tasks', the classes', and its energy.
+#include <algorithm>
+#include <tuple>
+
+#include "model/task_rows.h"
+#include "serve/collectors.h"
+
+namespace zelk::cli {
+namespace {
+
+namespace lib = com::zelkora;
+
+constexpr unsigned kNs = 9;          // nanoseconds as seconds
+constexpr unsigned kNsTimesKhz = 6;  // ns × kHz as cycles
+
+struct Task {
+  std::string name;
+  uint64_t flag;
+  const Times* times;
+};
+
+// In name order, so that the exposition is the same for the same tables.
+std::vector<Task> byName(const lib::TimeInStateTable& table) {
+  std::vector<Task> tasks;
+  tasks.reserve(table.size());
+  for (const auto& [key, times] : table) tasks.push_back({key.comm, key.flag, &times});
+  std::sort(tasks.begin(), tasks.end(), [](const Task& a, const Task& b) {
+    return a.name != b.name ? a.name < b.name : a.flag < b.flag;
+  });
+  return tasks;
+}
+
+std::string taskLabels(const Task& task, bool processes) {
+  return processes
+             ? labels({{"comm", task.name}, {"foreground", task.flag != 0 ? "true" : "false"}})
+             : labels({{"comm", task.name}});
+}
+
+// Calls `each(policy, khz, ns)` for every entry of `times` that the frequency table names.
+template <typename Each>
+void forEachFrequency(const FreqTable& freqs, const Times& times, Each each) {
+  for (size_t p = 0; p < times.size() && p < freqs.size(); ++p) {
+    for (size_t i = 0; i < times[p].size() && i < freqs[p].size(); ++i) {
+      each(p, freqs[p][i], times[p][i]);
+    }
+  }
+}
+
+Units cyclesOf(const FreqTable& freqs, const Times& times) {
+  Units sum = 0;
+  forEachFrequency(freqs, times,
+                   [&](size_t, uint64_t khz, uint64_t ns) { sum += static_cast<Units>(ns) * khz; });
+  return sum;
+}
+
+// Seconds, cycles and (for the names `perFrequency` selects) seconds per frequency of one table.
+void addTasks(const FreqTable& freqs, const lib::TimeInStateTable& table, bool processes,
+              const std::regex* perFrequency, Family* seconds, Family* cycles,
+              Family* perFrequencySeconds) {
+  for (const Task& task : byName(table)) {
+    const std::string ownLabels = taskLabels(task, processes);
+    seconds->add(ownLabels, sumTimes(*task.times));
+    cycles->add(ownLabels, cyclesOf(freqs, *task.times));
+    if (perFrequency == nullptr || !std::regex_match(task.name, *perFrequency)) continue;
+    forEachFrequency(freqs, *task.times, [&](size_t p, uint64_t khz, uint64_t ns) {
+      const std::string policy = std::to_string(p);
+      const std::string freq = std::to_string(khz);
+      perFrequencySeconds->add(
+          processes ? labels({{"comm", task.name},
+                              {"foreground", task.flag != 0 ? "true" : "false"},
+                              {"policy", policy},
+                              {"freq_khz", freq}})
+                    : labels({{"comm", task.name}, {"policy", policy}, {"freq_khz", freq}}),
+          ns);
+    });
+  }
+}
+
+// A name's closed periods as a counter, which grows until a reset, and its open ones as a gauge.
+void addClassTimes(const lib::ClassTimePartsTable& table, Family* closed, Family* open) {
+  std::vector<std::pair<std::string, lib::ClassTimeParts>> rows(table.size());
+  std::transform(table.begin(), table.end(), rows.begin(),
+                 [](const auto& entry) { return std::make_pair(entry.first.comm, entry.second); });
+  std::sort(rows.begin(), rows.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+  for (const auto& [name, parts] : rows) {
+    closed->add(labels({{"comm", name}}), parts.closedNs);
+    open->add(labels({{"comm", name}}), parts.openNs);
+  }
+}
+
+// The counters of a power model: joules, coulombs for a current-based profile, or the abstract
+// scale's own unit. The library gives whole µJ or µAh; 1 µAh is 3600 µC.
+struct EnergyFamilies {
+  explicit EnergyFamilies(const lib::PowerModel& model)
+      : unit(model.unit),
+        total(name("zelk_cpu"), MetricKind::kCounter, unitName(), help("the whole system"),
+              scale()),
+        process(name("zelk_process_cpu"), MetricKind::kCounter, unitName(),
+                help("the processes of each name"), scale()),
+        kthread(name("zelk_kthread_cpu"), MetricKind::kCounter, unitName(),
+                help("the kernel threads of each name"), scale()) {}
+
+  std::string name(const std::string& prefix) const {
+    return prefix + (unit == lib::EnergyUnit::kMicrojoules     ? "_joules"
+                     : unit == lib::EnergyUnit::kMicroampHours ? "_coulombs"
+                                                               : "_energy_abstract");
+  }
+  const char* unitName() const {
+    return unit == lib::EnergyUnit::kMicrojoules     ? "joules"
+           : unit == lib::EnergyUnit::kMicroampHours ? "coulombs"
+                                                     : "";
+  }
+  std::string help(const std::string& whose) const {
+    return (unit == lib::EnergyUnit::kMicroampHours ? "Charge drawn by the CPU time of "
+            : unit == lib::EnergyUnit::kAbstract
+                ? "Energy on the Energy Model's abstract scale (relative only) of the CPU time of "
+                : "Energy of the CPU time of ") +
+           whose + ", from the power model.";
+  }
+  unsigned scale() const { return 6; }
+  Units value(const lib::EnergyEstimate& estimate) const {
+    return static_cast<Units>(estimate.energy) *
+           (unit == lib::EnergyUnit::kMicroampHours ? 3600 : 1);
+  }
+
+  void add(const lib::PowerModel& model, const Snapshot& s) {
+    if (const auto estimate = lib::estimateEnergy(model, s.total)) total.add("", value(*estimate));
+    for (const auto& [table, family, processes] :
+         {std::tuple{&s.processes, &process, true}, std::tuple{&s.kthreads, &kthread, false}}) {
+      for (const Task& task : byName(*table)) {
+        const auto estimate = lib::estimateEnergy(model, *task.times);
+        if (estimate) family->add(taskLabels(task, processes), value(*estimate));
+      }
+    }
+  }
+
+  lib::EnergyUnit unit;
+  Family total, process, kthread;
+};
+
+}  // namespace
+
+void collectEnergy(const ExpositionInput& input, std::vector<Family>* families) {
+  if (input.model == nullptr) return;
+  EnergyFamilies energy(*input.model);
+  energy.add(*input.model, *input.snapshot);
+  families->push_back(std::move(energy.total));
+  families->push_back(std::move(energy.process));
+  families->push_back(std::move(energy.kthread));
+}
+
+void collectSystemTimes(const ExpositionInput& input, std::vector<Family>* families) {
+  const Snapshot& s = *input.snapshot;
+  Family total("zelk_cpu_seconds", MetricKind::kCounter, "seconds",
+               "CPU time of the whole system at each frequency of each cpufreq policy.", kNs);
+  forEachFrequency(s.freqs, s.total, [&](size_t p, uint64_t khz, uint64_t ns) {
+    total.add(labels({{"policy", std::to_string(p)}, {"freq_khz", std::to_string(khz)}}), ns);
+  });
+  families->push_back(std::move(total));
+}
+
+void collectTaskTimes(const ExpositionInput& input, std::vector<Family>* families) {
+  const Snapshot& s = *input.snapshot;
+  Family processSeconds("zelk_process_cpu_seconds", MetricKind::kCounter, "seconds",
+                        "CPU time of the processes of each name, over all frequencies.", kNs);
+  Family processCycles(
+      "zelk_process_cpu_cycles", MetricKind::kCounter, "",
+      "CPU time times frequency of the processes of each name: rate(cycles) / rate(seconds) is "
+      "their average frequency in Hz.",
+      kNsTimesKhz);
+  Family processFrequency("zelk_process_cpu_frequency_seconds", MetricKind::kCounter, "seconds",
+                          "CPU time of the processes of each name selected by --per-frequency, "
+                          "at each frequency.",
+                          kNs);
+  Family kthreadSeconds("zelk_kthread_cpu_seconds", MetricKind::kCounter, "seconds",
+                        "CPU time of the kernel threads of each name, over all frequencies.", kNs);
+  Family kthreadCycles("zelk_kthread_cpu_cycles", MetricKind::kCounter, "",
+                       "CPU time times frequency of the kernel threads of each name.", kNsTimesKhz);
+  Family kthreadFrequency("zelk_kthread_cpu_frequency_seconds", MetricKind::kCounter, "seconds",
+                          "CPU time of the kernel threads of each name selected by "
+                          "--per-frequency, at each frequency.",
+                          kNs);
+  addTasks(s.freqs, s.processes, /*processes=*/true, input.perFrequency, &processSeconds,
+           &processCycles, &processFrequency);
+  addTasks(s.freqs, s.kthreads, /*processes=*/false, input.perFrequency, &kthreadSeconds,
+           &kthreadCycles, &kthreadFrequency);
+  for (Family* family : {&processSeconds, &processCycles, &processFrequency, &kthreadSeconds,
+                         &kthreadCycles, &kthreadFrequency}) {
+    families->push_back(std::move(*family));
+  }
+}
+
+void collectClassTimes(const ExpositionInput& input, std::vector<Family>* families) {
+  const Snapshot& s = *input.snapshot;
+  Family foreground("zelk_foreground_seconds", MetricKind::kCounter, "seconds",
+                    "Time that tasks of each name spent in the foreground (not CPU time), in "
+                    "periods that have ended: a class change, a rename or an exit.",
+                    kNs);
+  Family foregroundOpen("zelk_foreground_open_seconds", MetricKind::kGauge, "seconds",
+                        "Time that the live tasks of each name in the foreground have spent there "
+                        "since their last change, summed over the tasks.",
+                        kNs);
+  Family background("zelk_background_seconds", MetricKind::kCounter, "seconds",
+                    "Time that tasks of each name spent in the background (not CPU time), in "
+                    "periods that have ended: a class change, a rename or an exit.",
+                    kNs);
+  Family backgroundOpen("zelk_background_open_seconds", MetricKind::kGauge, "seconds",
+                        "Time that the live tasks of each name in the background have spent there "
+                        "since their last change, summed over the tasks.",
+                        kNs);
+  addClassTimes(s.topParts, &foreground, &foregroundOpen);
+  addClassTimes(s.bgParts, &background, &backgroundOpen);
+  for (Family* family : {&foreground, &foregroundOpen, &background, &backgroundOpen}) {
+    families->push_back(std::move(*family));
+  }
+}
+
+}  // namespace zelk::cli
