@@ -3,8 +3,9 @@
 #include <android/log.h>
 
 #include <cstdio>
-#include <mutex>
 #include <vector>
+
+#include "core/mutex.h"
 
 namespace zelk::cli {
 namespace {
@@ -12,14 +13,15 @@ namespace {
 constexpr char kTriggerFailed[] = "Failed to write trigger, reason: ";
 
 // Lines come from the library's background thread too.
-std::mutex gMutex;
-bool gVerbose = false;
-bool gHeld = false;
-bool gTriggerNoted = false;
-bool gNotesDropped = false;
-std::vector<std::pair<std::string, bool>> gHeldLines;  // each line, and whether it is a note
+com::zelkora::Mutex gMutex;
+bool gVerbose GUARDED_BY(gMutex) = false;
+bool gHeld GUARDED_BY(gMutex) = false;
+bool gTriggerNoted GUARDED_BY(gMutex) = false;
+bool gNotesDropped GUARDED_BY(gMutex) = false;
+// Each line, and whether it is a note.
+std::vector<std::pair<std::string, bool>> gHeldLines GUARDED_BY(gMutex);
 
-void emit(const std::string& line, bool note) {
+void emit(const std::string& line, bool note) REQUIRES(gMutex) {
   if (note && gNotesDropped) return;
   if (gHeld) {
     gHeldLines.emplace_back(line, note);
@@ -29,7 +31,7 @@ void emit(const std::string& line, bool note) {
 }
 
 void toStderr(const __android_logger_data* data, const char* message) {
-  std::lock_guard<std::mutex> lock(gMutex);
+  com::zelkora::MutexLock lock(gMutex);
   if (!gVerbose) {
     const std::string own = expectedConditionText(message);
     if (!own.empty()) {
@@ -56,7 +58,7 @@ std::string expectedConditionText(const std::string& message) {
 
 void routeLibraryLog(bool verbose) {
   {
-    std::lock_guard<std::mutex> lock(gMutex);
+    com::zelkora::MutexLock lock(gMutex);
     gVerbose = verbose;
   }
   __android_log_set_logger(toStderr);
@@ -64,12 +66,12 @@ void routeLibraryLog(bool verbose) {
 }
 
 void holdLibraryLog() {
-  std::lock_guard<std::mutex> lock(gMutex);
+  com::zelkora::MutexLock lock(gMutex);
   gHeld = true;
 }
 
 void releaseLibraryLog(bool withNotes) {
-  std::lock_guard<std::mutex> lock(gMutex);
+  com::zelkora::MutexLock lock(gMutex);
   gHeld = false;
   gNotesDropped = !withNotes;
   for (const auto& [line, note] : gHeldLines) {

@@ -24,7 +24,10 @@ std::string FrequencySampler::start() {
   map_.reset(bpf_obj_get(path.c_str()));
   if (map_.get() < 0) return "cannot open " + path + ": " + strerror(errno);
   if (std::string error = silenceFrequencyEvents(); !error.empty()) return error;
-  sampleOnce();  // at once, so that counting starts at the right frequency
+  {
+    com::zelkora::MutexLock lock(mutex_);
+    sampleOnce();  // at once, so that counting starts at the right frequency
+  }
   thread_ = std::thread([this] { run(); });
   return "";
 }
@@ -48,18 +51,22 @@ std::string FrequencySampler::silenceFrequencyEvents() {
 
 SamplerStats FrequencySampler::stop() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    com::zelkora::MutexLock lock(mutex_);
     stopping_ = true;
   }
   wake_.notify_all();
   if (thread_.joinable()) thread_.join();
+  com::zelkora::MutexLock lock(mutex_);
   return stats_;
 }
 
 void FrequencySampler::run() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  com::zelkora::MutexLock lock(mutex_);
   auto next = std::chrono::steady_clock::now() + period_;
-  while (!wake_.wait_until(lock, next, [this] { return stopping_; })) {
+  for (;;) {
+    while (!stopping_ && wake_.wait_until(mutex_, next) != std::cv_status::timeout) {
+    }
+    if (stopping_) break;
     ++stats_.wakeups;
     sampleOnce();
     // On a fixed grid, so that a slow read does not stretch the period.

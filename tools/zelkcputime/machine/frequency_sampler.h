@@ -16,10 +16,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "core/mutex.h"
 
 namespace zelk::cli {
 
@@ -56,15 +57,15 @@ class FrequencySampler {
  private:
   std::string silenceFrequencyEvents();
   void run();
-  void sampleOnce();
+  void sampleOnce() REQUIRES(mutex_);
 
   std::vector<SampledPolicy> policies_;
   std::chrono::milliseconds period_;
   android::base::unique_fd map_;
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  bool stopping_ = false;
-  SamplerStats stats_;
+  com::zelkora::Mutex mutex_;
+  std::condition_variable_any wake_;
+  bool stopping_ GUARDED_BY(mutex_) = false;
+  SamplerStats stats_ GUARDED_BY(mutex_);
   std::thread thread_;
 };
 

@@ -57,25 +57,26 @@ Collected MetricsExporter::collectNow() {
 }
 
 std::shared_ptr<const Collected> MetricsExporter::collect(Clock::time_point arrival) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  for (;;) {
-    if (last_ && last_->startedAt >= arrival) return last_;
-    if (!running_) break;
-    done_.wait(lock);
+  {
+    com::zelkora::MutexLock lock(mutex_);
+    for (;;) {
+      if (last_ && last_->startedAt >= arrival) return last_;
+      if (!running_) break;
+      done_.wait(mutex_);
+    }
+    running_ = true;
   }
-  running_ = true;
-  lock.unlock();
   std::shared_ptr<const Collected> fresh;
   try {
     fresh = std::make_shared<const Collected>(collectNow());
   } catch (...) {
     // Those waiting start their own rather than wait for this one forever.
-    lock.lock();
+    com::zelkora::MutexLock lock(mutex_);
     running_ = false;
     done_.notify_all();
     throw;
   }
-  lock.lock();
+  com::zelkora::MutexLock lock(mutex_);
   running_ = false;
   last_ = fresh;
   done_.notify_all();

@@ -7,12 +7,12 @@
 #include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <regex>
 #include <string>
 #include <vector>
 
+#include "core/mutex.h"
 #include "machine/map_fill.h"
 #include "model/snapshot.h"
 #include "serve/exposition.h"
@@ -75,10 +75,10 @@ class MetricsExporter {
   std::shared_ptr<std::atomic<uint64_t>> queryFailures_;
   std::atomic<uint64_t> failedScrapes_{0};
 
-  std::mutex mutex_;
-  std::condition_variable done_;
-  bool running_ = false;                   // guarded by mutex_
-  std::shared_ptr<const Collected> last_;  // guarded by mutex_
+  com::zelkora::Mutex mutex_;
+  std::condition_variable_any done_;
+  bool running_ GUARDED_BY(mutex_) = false;
+  std::shared_ptr<const Collected> last_ GUARDED_BY(mutex_);
 };
 
 }  // namespace zelk::cli
