@@ -1,7 +1,4 @@
-#include <charconv>
-#include <cmath>
-#include <system_error>
-
+#include "core/decimal.h"
 #include "energy/raw_model.h"
 
 namespace com {
@@ -18,21 +15,9 @@ std::optional<double> parsePowerNumber(const std::string& text, bool* negative) 
     minus = true;
     token.erase(0, 1);
   }
-  // Plain decimals only: from_chars alone would also take "inf" and "nan".
-  const size_t dot = token.find('.');
-  const std::string whole = token.substr(0, dot);
-  const std::string fraction = dot == std::string::npos ? "" : token.substr(dot + 1);
-  const auto digitsOnly = [](const std::string& s) {
-    return s.find_first_not_of("0123456789") == std::string::npos;
-  };
-  if (whole.empty() && fraction.empty()) return std::nullopt;
-  if (!digitsOnly(whole) || !digitsOnly(fraction)) return std::nullopt;
-  // from_chars, not strtod: a program that embeds the library may set a locale whose decimal
-  // separator is a comma, where strtod stops at the dot.
-  double value = 0;
-  const char* last = token.data() + token.size();
-  const auto [stop, error] = std::from_chars(token.data(), last, value, std::chars_format::fixed);
-  if (error != std::errc() || stop != last || !std::isfinite(value)) return std::nullopt;
+  const std::optional<double> parsed = parsePlainDecimal(token);
+  if (!parsed) return std::nullopt;
+  const double value = *parsed;
   if (minus && value != 0) {
     if (negative != nullptr) *negative = true;
     return std::nullopt;

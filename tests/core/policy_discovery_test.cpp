@@ -1,10 +1,11 @@
-// The parsers of sysfs number files and CPU lists, and the discovery of cpufreq policies from
-// trees built in the test's own cpufreq tmpfs.
+// The parsers of sysfs number files, CPU lists and decimals, and the discovery of cpufreq policies
+// from trees built in the test's own cpufreq tmpfs.
 #include "core/policy_discovery.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "core/decimal.h"
 #include "core/number_file.h"
 #include "core/possible_cpus.h"
 #include "namespace.h"
@@ -52,6 +53,41 @@ TEST(ParseCpuListCountTest, ListsRangesAndMalformedLists) {
   };
   for (const auto& c : cases) EXPECT_EQ(parseCpuListCount(c.text), c.expected) << '"' << c.text;
   EXPECT_GE(readPossibleCpuCount().value_or(0), 1u) << "this machine's own list";
+}
+
+// The one reader of decimals with a fraction: power models, the tools' options, /proc/cpuinfo.
+TEST(ParseDecimalTest, PlainDecimalsAndExactFixedPoint) {
+  const struct {
+    std::string text;
+    std::optional<double> plain;
+    std::optional<uint64_t> khzOfGhz;  // six fraction digits, the rest dropped
+  } cases[] = {
+      {"2.4", 2.4, 2400000},
+      {"3", 3.0, 3000000},
+      {"1.", 1.0, 1000000},
+      {"0.0000015", 1.5e-6, 1},
+      {"1500.5", 1500.5, 1500500000},
+      {".5", 0.5, std::nullopt},
+      {"", {}, {}},
+      {".", {}, {}},
+      {"1.2.3", {}, {}},
+      {"-1", {}, {}},
+      {"+1", {}, {}},
+      {"1e3", {}, {}},
+      {"inf", {}, {}},
+      {"nan", {}, {}},
+      {"0x1", {}, {}},
+      {" 1", {}, {}},
+      {"1,5", {}, {}},
+      {"1.5x", {}, {}},
+      {std::string(400, '9'), {}, {}},  // past a double, and past 64 bits
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(parsePlainDecimal(c.text), c.plain) << '"' << c.text << '"';
+    EXPECT_EQ(parseFixedPoint(c.text, 6), c.khzOfGhz) << '"' << c.text << '"';
+  }
+  EXPECT_EQ(parseFixedPoint("2595.1249", 3), 2595124u);
+  EXPECT_EQ(parseFixedPoint("7", 0), 7u);
 }
 
 class PolicyDiscoveryTest : public KernelTest {};

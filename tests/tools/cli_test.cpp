@@ -1,8 +1,11 @@
 // The tool's formats and parsers as functions: units, escaping, the views with their stable JSON
-// (the CSV views show through the built tool), and the command line.
+// (the CSV views show through the built tool), the command line and /proc/cpuinfo's frequency.
 #include <gtest/gtest.h>
 
+#include <clocale>
+
 #include "commands/options.h"
+#include "machine/synthetic_policy.h"
 #include "model/task_rows.h"
 #include "views/csv_writer.h"
 #include "views/json_views.h"
@@ -111,6 +114,46 @@ TEST(ParseOptionsTest, MapSizesForLoad) {
     parsed = parseOptions(args);
     EXPECT_EQ(parsed.error, "--names takes a number of entries from 1 to 4294967295")
         << args.back();
+  }
+}
+
+TEST(ParseOptionsTest, SecondsAndVoltsInAnyLocale) {
+  for (const char* locale : {"C", "de_DE.UTF-8"}) {
+    if (setlocale(LC_NUMERIC, locale) == nullptr) continue;  // the plain C locale always runs
+    EXPECT_EQ(parseOptions({"top", "--interval", "0.5"}).options.interval, 0.5) << locale;
+    EXPECT_EQ(parseOptions({"show", "energy", "--voltage", "3.85"}).options.voltage, 3.85)
+        << locale;
+    for (const char* bad : {"0.05", "3601", "1,5", "1e1", "-1", "", "0x1"}) {
+      EXPECT_EQ(parseOptions({"top", "--interval", bad}).error,
+                "--interval takes seconds from 0.1 to 3600")
+          << bad;
+    }
+    for (const char* bad : {"0", "-3.8", "3,8", "inf", "3.8V"}) {
+      EXPECT_EQ(parseOptions({"show", "energy", "--voltage", bad}).error,
+                "--voltage takes a positive number of volts, such as 3.8")
+          << bad;
+    }
+  }
+  setlocale(LC_NUMERIC, "C");
+}
+
+TEST(NominalFrequencyTest, ModelNameThenCpuMhzExactly) {
+  const struct {
+    const char* cpuinfo;
+    std::optional<uint64_t> khz;
+  } cases[] = {
+      {"model name\t: Intel(R) Xeon(R) CPU @ 2.40GHz\ncpu MHz\t: 2394.454\n", 2400000},
+      {"model name\t: Some CPU @ 2.1GHz\n", 2100000},
+      {"model name\t: Some CPU @ 800MHz\n", 800000},
+      {"model name\t: AMD EPYC 7B13\ncpu MHz\t\t: 2450.000\n", 2450000},
+      {"cpu MHz\t: 2394.554\n", 2395000},  // rounded to whole MHz
+      {"model name\t: CPU @ 2.40 GHz!\ncpu MHz : 2.4.5\n", std::nullopt},
+      {"cpu MHz : 0.2\n", std::nullopt},  // rounds to 0 MHz
+      {"", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    const std::optional<NominalFrequency> nominal = nominalFrequency(c.cpuinfo);
+    EXPECT_EQ(nominal ? std::optional<uint64_t>(nominal->khz) : std::nullopt, c.khz) << c.cpuinfo;
   }
 }
 

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/decimal.h"
 #include "object_setup.h"
 
 namespace {
@@ -61,21 +62,21 @@ void churn() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  int seconds = 10;
-  int pairs = 8;
+  unsigned seconds = 10;
+  unsigned pairs = 8;
   bool churning = false;
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--churn") == 0) {
       churning = true;
     } else if (strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
-      seconds = atoi(argv[++i]);
+      if (!com::zelkora::parseDecimal(argv[++i], &seconds, 86400u)) seconds = 0;
     } else if (strcmp(argv[i], "--pairs") == 0 && i + 1 < argc) {
-      pairs = atoi(argv[++i]);
+      if (!com::zelkora::parseDecimal(argv[++i], &pairs, 1024u)) pairs = 0;
     } else {
       seconds = 0;
     }
   }
-  if (seconds <= 0 || pairs <= 0) {
+  if (seconds == 0 || pairs == 0) {
     fprintf(stderr, "usage: zelk-exercise [--seconds N] [--pairs N] [--churn]\n");
     return 2;
   }
@@ -90,7 +91,7 @@ int main(int argc, char** argv) {
 
   std::vector<std::thread> threads;
   std::vector<int> pipes;
-  for (int i = 0; i < pairs; ++i) {
+  for (unsigned i = 0; i < pairs; ++i) {
     int there[2], back[2];
     if (pipe2(there, O_CLOEXEC) != 0 || pipe2(back, O_CLOEXEC) != 0) {
       perror("zelk-exercise: pipe");
@@ -106,7 +107,7 @@ int main(int argc, char** argv) {
   // Closing the write ends wakes every blocked reader.
   for (size_t i = 1; i < pipes.size(); i += 2) close(pipes[i]);
   for (std::thread& thread : threads) thread.join();
-  printf("%d thread pairs, %llu passes, %llu short-lived processes in %d s\n", pairs,
+  printf("%u thread pairs, %llu passes, %llu short-lived processes in %u s\n", pairs,
          static_cast<unsigned long long>(gPasses.load()),
          static_cast<unsigned long long>(gProcesses.load()), seconds);
   return 0;

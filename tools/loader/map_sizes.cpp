@@ -1,9 +1,10 @@
 #include "map_sizes.h"
 
+#include <android-base/file.h>
+#include <android-base/strings.h>
 #include <bpf/libbpf.h>
 
 #include <algorithm>
-#include <fstream>
 #include <limits>
 
 #include "core/decimal.h"
@@ -23,9 +24,9 @@ constexpr uint64_t kMaxPids = 65536;
 
 std::string readPidMax(uint64_t* pidMax) {
   static constexpr char kPath[] = "/proc/sys/kernel/pid_max";
-  std::ifstream file(kPath);
   std::string text;
-  if (!(file >> text) || !com::zelkora::parseDecimal<uint64_t>(text, pidMax, UINT32_MAX)) {
+  if (!android::base::ReadFileToString(kPath, &text) ||
+      !com::zelkora::parseDecimal<uint64_t>(android::base::Trim(text), pidMax, UINT32_MAX)) {
     return std::string("cannot read ") + kPath;
   }
   return "";

@@ -1,7 +1,6 @@
 #include "commands/options.h"
 
-#include <cmath>
-#include <cstdlib>
+#include <optional>
 
 #include "core/decimal.h"
 
@@ -60,20 +59,17 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       options.kthreadView = true;
     } else if (name == "--interval" || name == "--iterations") {
       const std::string value = i + 1 < args.size() ? args[i + 1] : "";
-      char* end = nullptr;
-      const double number = strtod(value.c_str(), &end);
+      const std::optional<double> seconds = com::zelkora::parsePlainDecimal(value);
       unsigned long long count = 0;
-      if (name == "--interval"
-              ? value.empty() || *end != '\0' || !(number >= 0.1 && number <= 3600) ||
-                    value.find_first_not_of("0123456789.") != std::string::npos
-              : !parseCount(value, 1, 1000000, &count)) {
+      if (name == "--interval" ? !seconds || !(*seconds >= 0.1 && *seconds <= 3600)
+                               : !parseCount(value, 1, 1000000, &count)) {
         parsed.error = name == "--interval" ? "--interval takes seconds from 0.1 to 3600"
                                             : "--iterations takes a number of frames from 1";
         return parsed;
       }
       ++i;
       if (name == "--interval") {
-        options.interval = number;
+        options.interval = *seconds;
       } else {
         options.iterations = static_cast<unsigned>(count);
       }
@@ -95,14 +91,12 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       if (name == "--model") {
         options.model = value;
       } else {
-        char* end = nullptr;
-        const double volts = strtod(value.c_str(), &end);
-        if (*end != '\0' || !std::isfinite(volts) || volts <= 0 ||
-            value.find_first_not_of("0123456789.") != std::string::npos) {
+        const std::optional<double> volts = com::zelkora::parsePlainDecimal(value);
+        if (!volts || *volts <= 0) {
           parsed.error = "--voltage takes a positive number of volts, such as 3.8";
           return parsed;
         }
-        options.voltage = volts;
+        options.voltage = *volts;
       }
     } else if (name == "--listen" || name == "--per-frequency") {
       if (i + 1 >= args.size()) {

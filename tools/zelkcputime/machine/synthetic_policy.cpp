@@ -4,32 +4,20 @@
 #include <android-base/strings.h>
 #include <sys/stat.h>
 
-#include <cctype>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "core/decimal.h"
 
 namespace zelk::cli {
 namespace {
 
-// "<digits>[.<digits>]" at the start of `text`, scaled by `scale` (kHz per unit), exactly: by
-// hand, since a floating-point parse would round "2.4GHz" to a kHz off by one.
-std::optional<uint64_t> scaledDecimal(const std::string& text, uint64_t scale, size_t* used) {
-  size_t i = 0;
-  uint64_t whole = 0;
-  while (i < text.size() && isdigit(static_cast<unsigned char>(text[i])) && whole < 1000000) {
-    whole = whole * 10 + static_cast<uint64_t>(text[i++] - '0');
-  }
-  if (i == 0) return std::nullopt;
-  uint64_t value = whole * scale;
-  if (i < text.size() && text[i] == '.') {
-    ++i;
-    for (uint64_t unit = scale / 10;
-         i < text.size() && isdigit(static_cast<unsigned char>(text[i])); ++i, unit /= 10) {
-      value += static_cast<uint64_t>(text[i] - '0') * unit;  // digits below 1 kHz drop out
-    }
-  }
-  *used = i;
-  return value;
+// The "<digits>[.<digits>]" at the start of `text` in kHz, `fractionDigits` being the digits of a
+// kHz in its unit (6 for GHz, 3 for MHz); `used` is its length.
+std::optional<uint64_t> leadingKhz(const std::string& text, unsigned fractionDigits, size_t* used) {
+  *used = std::min(text.find_first_not_of("0123456789."), text.size());
+  return com::zelkora::parseFixedPoint(text.substr(0, *used), fractionDigits);
 }
 
 std::optional<uint64_t> frequencyAfterAt(const std::string& model) {
@@ -37,8 +25,8 @@ std::optional<uint64_t> frequencyAfterAt(const std::string& model) {
   if (at == std::string::npos) return std::nullopt;
   const std::string rest = android::base::Trim(model.substr(at + 1));
   size_t used = 0;
-  for (const auto& [unit, scale] : {std::pair{"GHz", 1000000}, std::pair{"MHz", 1000}}) {
-    const std::optional<uint64_t> khz = scaledDecimal(rest, scale, &used);
+  for (const auto& [unit, digits] : {std::pair{"GHz", 6u}, std::pair{"MHz", 3u}}) {
+    const std::optional<uint64_t> khz = leadingKhz(rest, digits, &used);
     if (khz && *khz > 0 && rest.compare(used, std::string::npos, unit) == 0) return khz;
   }
   return std::nullopt;
@@ -59,7 +47,7 @@ std::optional<NominalFrequency> nominalFrequency(const std::string& cpuinfo) {
       }
     } else if (key == "cpu MHz" && !cpuMhz) {
       size_t used = 0;
-      const std::optional<uint64_t> khz = scaledDecimal(value, 1000, &used);
+      const std::optional<uint64_t> khz = leadingKhz(value, 3, &used);
       if (khz && *khz >= 500 && used == value.size()) cpuMhz = (*khz + 500) / 1000 * 1000;
     }
   }
