@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "model/energy.h"
+
 namespace zelk::cli {
 namespace {
 

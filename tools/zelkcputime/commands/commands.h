@@ -1,10 +1,12 @@
 // The subcommands. Each returns the process's exit status.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "commands/options.h"
+#include "zelkcpufreqtime_energy.h"
 
 namespace zelk::cli {
 
@@ -17,6 +19,8 @@ int runUnload(const Options& options);
 int runStart(const Options& options);
 int runStatus(const Options& options);
 int runShow(const Options& options);
+// show energy [total | processes | kthreads | process NAME [--flag] | kthread NAME]
+int runShowEnergy(const Options& options);
 int runReset(const Options& options);
 int runDemo(const Options& options);
 int runTop(const Options& options);
@@ -31,5 +35,11 @@ int usageError(const std::string& message);
 std::string checkViewWords(const Options& options, const std::vector<std::string>& views);
 // Writes `text` to stdout.
 void printOut(const std::string& text);
+
+// The model of --model PATH, else the machine's Energy Model when it has one that fits its
+// policies (else none, with a note in `note`), for the views where energy is optional. False with
+// `error` set when the given model cannot be used.
+bool optionalModel(const Options& options, std::optional<com::zelkora::PowerModel>* model,
+                   std::string* note, std::string* error);
 
 }  // namespace zelk::cli

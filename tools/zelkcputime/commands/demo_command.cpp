@@ -11,6 +11,7 @@
 #include "model/snapshot.h"
 #include "views/csv_views.h"
 #include "views/energy_view.h"
+#include "views/frequency_source.h"
 #include "views/json_views.h"
 #include "views/progress_bar.h"
 #include "views/text_views.h"
@@ -71,8 +72,8 @@ std::string demoText(const Options& options, const DemoMachine& machine, const S
   const auto classes = joinedClassTimes(r.top, r.bg, limit);
   const size_t classNames = joinedClassTimes(r.top, r.bg, 0).size();
   return "Sampled this machine for " + std::to_string(options.seconds) +
-         " s in a private mount namespace.\nCPU frequencies: " + machine.policies + "\n\n" +
-         textTotal(r.freqs, r.total) +
+         " s in a private mount namespace.\nCPU frequencies: " + frequencySourceText(machine) +
+         "\n\n" + textTotal(r.freqs, r.total) +
          heading("Busiest processes", processes.size(), r.processes.size()) +
          textTaskTable(r.freqs, processes, /*withFlag=*/true) +
          heading("Busiest kernel threads", kthreads.size(), r.kthreads.size()) +
@@ -125,7 +126,7 @@ int runDemo(const Options& options) {
   }
   std::optional<lib::PowerModel> model;
   std::string energyNote, energyError;
-  const bool modelUsable = demoModel(options, &model, &energyNote, &energyError);
+  const bool modelUsable = optionalModel(options, &model, &energyNote, &energyError);
   releaseLibraryLog(/*withNotes=*/modelUsable);
   if (!modelUsable) return fail(energyError);
   if (options.format == Format::kText) {

@@ -13,10 +13,11 @@
 #include "commands/commands.h"
 #include "machine/demo_setup.h"
 #include "machine/environment.h"
+#include "machine/power_model_file.h"
 #include "object_loader.h"
 #include "serve/http_server.h"
 #include "serve/metrics_exporter.h"
-#include "views/energy_view.h"
+#include "views/frequency_source.h"
 #include "zelkcpufreqtime.h"
 
 namespace zelk::cli {
@@ -93,7 +94,7 @@ int runServe(const Options& options) {
         !error.empty()) {
       return fail(error);
     }
-    fprintf(stderr, "zelkcputime: %s\n", sampled.policies.c_str());
+    fprintf(stderr, "zelkcputime: %s\n", frequencySourceText(sampled).c_str());
   } else {
     if (std::string message = loadIfNeeded(); !message.empty()) return fail(message);
     if (!com::zelkora::startTrackingCpuFreqTime()) {

@@ -5,7 +5,6 @@
 #include "machine/environment.h"
 #include "model/snapshot.h"
 #include "views/csv_views.h"
-#include "views/energy_view.h"
 #include "views/json_views.h"
 #include "views/text_table.h"
 #include "views/text_views.h"

@@ -18,7 +18,7 @@
 #include "machine/environment.h"
 #include "model/snapshot.h"
 #include "model/snapshot_diff.h"
-#include "views/energy_view.h"
+#include "views/frequency_source.h"
 #include "views/top_view.h"
 #include "zelkcpufreqtime.h"
 
@@ -110,14 +110,15 @@ std::string setUp(const Options& options, Source* source) {
     if (!lib::startTrackingCpuFreqTime()) {
       return "the library could not start tracking (run with -v for its messages)";
     }
-    source->machine.policies = "the machine's cpufreq policies, through the loaded object";
+    source->context.policies = "the machine's cpufreq policies, through the loaded object";
   } else if (std::string error = setUpDemo({options.sample, options.sampleMs}, &source->machine);
              !error.empty()) {
     return error;
+  } else {
+    source->context.policies = frequencySourceText(source->machine);
   }
   std::string note, error;
-  if (!demoModel(options, &source->model, &note, &error)) return error;
-  source->context.policies = source->machine.policies;
+  if (!optionalModel(options, &source->model, &note, &error)) return error;
   for (const PolicyDir& policy : cpufreqPolicies()) {
     source->relatedCpus.push_back(relatedCpuList(policy.relatedCpus));
   }

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "views/bar_chart.h"
+#include "model/times.h"
 #include "zelkcpufreqtime.h"
 #include "zelkcpufreqtime_class_time.h"
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <map>
-#include <numeric>
 
 namespace zelk::cli {
 namespace {
@@ -15,12 +14,6 @@ std::vector<Row> sortedAndCut(std::vector<Row> rows, size_t limit, Less less) {
 }
 
 }  // namespace
-
-uint64_t sumTimes(const Times& times) {
-  uint64_t sum = 0;
-  for (const auto& policy : times) sum = std::accumulate(policy.begin(), policy.end(), sum);
-  return sum;
-}
 
 bool busierTask(const TaskTimes& a, const TaskTimes& b) {
   if (a.total != b.total) return a.total > b.total;

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "views/bar_chart.h"
+#include "model/times.h"
 #include "zelkcpufreqtime.h"
 
 namespace zelk::cli {
@@ -22,8 +22,6 @@ struct NamedTime {
   std::string name;
   uint64_t ns;
 };
-
-uint64_t sumTimes(const Times& times);
 
 // The order of the rows: total time descending, then name, then flag, so that equal times print
 // in a stable order.

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "model/task_rows.h"
-#include "views/bar_chart.h"
 #include "views/json_writer.h"
 
 namespace zelk::cli {

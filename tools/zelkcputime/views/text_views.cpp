@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "views/bar_chart.h"
 #include "views/text_table.h"
 #include "views/units.h"
 
