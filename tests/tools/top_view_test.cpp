@@ -25,16 +25,16 @@ SnapshotDiff interval() {
   return diff;
 }
 
-std::vector<std::string> names(const std::vector<TopRow>& rows) {
+std::vector<std::string> names(const std::vector<TaskRate>& rows) {
   std::vector<std::string> out;
-  for (const TopRow& row : rows) out.push_back(row.name);
+  for (const TaskRate& row : rows) out.push_back(row.name);
   return out;
 }
 
 TEST(TopViewTest, RowsSortByTheChosenKeyAndLeaveVanishedNamesOut) {
   const TopContext context{"policy0", {1}, nullptr};
   TopSettings settings;
-  std::vector<TopRow> rows = topRows(interval(), context, settings);
+  std::vector<TaskRate> rows = topRows(interval(), context, settings);
   EXPECT_EQ(names(rows), (std::vector<std::string>{"busy", "fast"}));
   EXPECT_NEAR(rows[0].cpuPercent, 80.0, 0.01);
   EXPECT_EQ(rows[0].avgKhz, 1000000u);
@@ -62,7 +62,7 @@ TEST(TopViewTest, PowerFromChargeIsNotRoundedToWholeMicroampHours) {
     diff.elapsed = 2s;
     diff.total = {{2000000000}};
     diff.processes = {{{"app", 1, {{2000000000}}, 2000000000}, RowChange::kDelta}};
-    const std::vector<TopRow> rows = topRows(diff, context, TopSettings{});
+    const std::vector<TaskRate> rows = topRows(diff, context, TopSettings{});
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_NEAR(rows[0].power.value_or(-1), milliamps, 1e-6);
     const std::string line = topRowLine(rows[0], context, /*kthreads=*/false);

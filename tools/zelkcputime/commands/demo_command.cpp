@@ -8,6 +8,7 @@
 #include "commands/commands.h"
 #include "commands/library_log.h"
 #include "machine/demo_setup.h"
+#include "model/energy.h"
 #include "model/snapshot.h"
 #include "views/csv_views.h"
 #include "views/energy_view.h"
@@ -100,7 +101,16 @@ std::string demoJson(const Options& options, const DemoMachine& machine, const S
   writeNamedTimes(json, sortedNamedTimes(r.top, limit));
   json.key("bg");
   writeNamedTimes(json, sortedNamedTimes(r.bg, limit));
-  if (model) writeDemoEnergy(json.key("energy"), *model, r.total, r.processes, r.kthreads, limit);
+  if (model) {
+    // The tables of show energy --json, or null when the times do not fit the model.
+    const EnergyResult energy = energyOf(*model, r, limit);
+    json.key("energy");
+    if (energy.energy) {
+      writeEnergyView(json, {*model, *energy.energy, {}, false});
+    } else {
+      json.null();
+    }
+  }
   return json.endObject().text() + "\n";
 }
 
@@ -110,6 +120,12 @@ std::string demoCsv(const Snapshot& r, size_t limit) {
          csvTasks("kthread", r.freqs, sortedTasks(r.kthreads, limit)) +
          csvNamedTimes("top", sortedNamedTimes(r.top, limit)) +
          csvNamedTimes("bg", sortedNamedTimes(r.bg, limit));
+}
+
+std::string demoEnergyText(const lib::PowerModel& model, const Snapshot& r, size_t limit) {
+  const EnergyResult energy = energyOf(model, r, limit);
+  if (!energy.energy) return "\nno energy table: the times do not fit the power model\n";
+  return "\n" + energyText({model, *energy.energy, {}, false});
 }
 
 }  // namespace
@@ -148,9 +164,7 @@ int runDemo(const Options& options) {
       break;
     case Format::kText:
       printOut(demoText(options, machine, *taken.snapshot, limit, sampler) +
-               (model ? demoEnergyText(*model, taken.snapshot->total, taken.snapshot->processes,
-                                       taken.snapshot->kthreads, limit)
-                      : "\n" + energyNote + "\n"));
+               (model ? demoEnergyText(*model, *taken.snapshot, limit) : "\n" + energyNote + "\n"));
       break;
   }
   return kExitOk;

@@ -4,6 +4,8 @@
 #include "commands/commands.h"
 #include "machine/environment.h"
 #include "machine/power_model_file.h"
+#include "model/energy.h"
+#include "model/snapshot.h"
 #include "views/energy_view.h"
 
 namespace zelk::cli {
@@ -27,20 +29,13 @@ std::string checkWords(const Options& options) {
   return "";
 }
 
-std::optional<std::vector<EnergyRow>> tableRows(const lib::PowerModel& model, bool kthreads,
-                                                size_t limit, std::string* error) {
-  const auto table = kthreads ? lib::getKthreadCpuFreqTimes() : lib::getProcessCpuFreqTimes();
-  const char* query = kthreads ? "getKthreadCpuFreqTimes" : "getProcessCpuFreqTimes";
-  if (!table) {
-    *error = std::string(query) + " failed (run with -v for the library's messages)";
-    return std::nullopt;
-  }
-  const auto energies = lib::estimateEnergy(model, *table);
-  if (!energies) {
-    *error = std::string(query) + " returned times of another shape than the frequency table";
-    return std::nullopt;
-  }
-  return sortedEnergies(*energies, limit);
+// The tables `view` shows: all three without one, none for a single task.
+unsigned partsOf(const std::string& view) {
+  if (view.empty()) return kTotalPart | kProcessesPart | kKthreadsPart;
+  if (view == "total") return kTotalPart;
+  if (view == "processes") return kProcessesPart;
+  if (view == "kthreads") return kKthreadsPart;
+  return 0;
 }
 
 }  // namespace
@@ -72,41 +67,21 @@ int runShowEnergy(const Options& options) {
   const std::string view = options.words.size() > 2 ? options.words[2] : "";
   const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
   const size_t limit = textDefault ? kDefaultTextRows : options.limit;
-  EnergyView result{model, {}, {}, {}, {}, false};
-  std::string error;
-  if (view.empty() || view == "total") {
-    const auto times = lib::getTotalCpuFreqTimes();
-    if (!times) {
-      return fail(
-          "getTotalCpuFreqTimes returned nothing: nothing has been counted since the load or the "
-          "last reset (is `zelkcputime start` running?), or the map could not be read");
-    }
-    result.total = lib::estimateEnergy(model, *times);
-    if (!result.total)
-      return fail("the whole-system times do not have the frequency table's shape");
-  }
-  if (view.empty() || view == "processes") {
-    result.processes = tableRows(model, /*kthreads=*/false, limit, &error);
-    if (!result.processes) return fail(error);
-  }
-  if (view.empty() || view == "kthreads") {
-    result.kthreads = tableRows(model, /*kthreads=*/true, limit, &error);
-    if (!result.kthreads) return fail(error);
-  }
+  SnapshotRequest request;
+  request.parts = partsOf(view);
+  const TakenSnapshot taken = takeSnapshot(request);
+  if (!taken.snapshot) return fail(taken.error);
+  EnergyResult tables = energyOf(model, *taken.snapshot, limit);
+  if (!tables.energy) return fail(tables.error);
+  EnergyView result{model, std::move(*tables.energy), {}, false};
   if (view == "process" || view == "kthread") {
     result.kthread = view == "kthread";
     const std::string& name = options.words[3];
     const uint64_t flag = result.kthread || options.flag ? 1 : 0;
-    const auto times = result.kthread ? lib::getCpuFreqTimesFromKthread(name)
-                                      : lib::getCpuFreqTimesFromProcess(name, flag != 0);
-    if (!times) {
-      return fail(std::string(result.kthread ? "getCpuFreqTimesFromKthread"
-                                             : "getCpuFreqTimesFromProcess") +
-                  " returned nothing: nothing counted yet, or the map could not be read");
-    }
-    const auto estimate = lib::estimateEnergy(model, *times);
-    if (!estimate) return fail("the task's times do not have the frequency table's shape");
-    result.task = EnergyRow{name, flag, *estimate};
+    const TakenTask task = takeTask(result.kthread, name, flag != 0);
+    if (!task.times) return fail(task.error);
+    result.task = taskEnergy(model, {name, flag, *task.times, sumTimes(*task.times)});
+    if (!result.task) return fail("the task's times do not have the frequency table's shape");
   }
   switch (options.format) {
     case Format::kJson: {

@@ -229,7 +229,7 @@ void draw(const std::optional<SnapshotDiff>& diff, const Source& source,
     attron(A_REVERSE);
     mvaddnstr(y++, 0, topColumns(source.context, settings.kthreads).c_str(), COLS);
     attroff(A_REVERSE);
-    for (const TopRow& row : topRows(*diff, source.context, settings)) {
+    for (const TaskRate& row : topRows(*diff, source.context, settings)) {
       if (y >= LINES - 1) break;
       mvaddnstr(y++, 0, topRowLine(row, source.context, settings.kthreads).c_str(), COLS);
     }

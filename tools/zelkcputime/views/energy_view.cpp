@@ -14,8 +14,8 @@ namespace lib = com::zelkora;
 constexpr char kEnergyCsvHeader[] = "table,name,flag,energy,unit,unmodelled_ns\n";
 
 std::string energyText(const lib::EnergyEstimate& e) {
-  std::string text = std::to_string(e.energy) + " " + energyUnitText(e.unit);
-  if (e.unit == lib::EnergyUnit::kMicrojoules) {
+  std::string text = std::to_string(e.energy) + " " + unitInfo(e.unit).text;
+  if (unitInfo(e.unit).microjoules) {
     text += " (" + formatSeconds(e.energy * 1000) + " J)";  // nJ shown as J, as ns as s
   }
   if (e.unmodelledNs > 0) text += ", " + formatSeconds(e.unmodelledNs) + " s unmodelled";
@@ -23,8 +23,8 @@ std::string energyText(const lib::EnergyEstimate& e) {
 }
 
 std::string modelLine(const lib::PowerModel& model) {
-  std::string line = "Power model: " + model.source + ", in " + energyUnitText(model.unit);
-  if (model.unit == lib::EnergyUnit::kAbstract) {
+  std::string line = "Power model: " + model.source + ", in " + unitInfo(model.unit).text;
+  if (unitInfo(model.unit).relative) {
     line += " (an abstract scale: relative cost, not joules)";
   }
   return line + "\n";
@@ -44,33 +44,20 @@ std::string csvRows(const std::string& table, const std::vector<EnergyRow>& rows
   return text;
 }
 
-// The whole system, processes and kernel threads; empty when a shape differs from the model's.
-std::optional<EnergyView> tablesView(const lib::PowerModel& model,
-                                     const lib::TimeInStateVector& total,
-                                     const lib::TimeInStateTable& processes,
-                                     const lib::TimeInStateTable& kthreads, size_t limit) {
-  EnergyView view{model, lib::estimateEnergy(model, total), {}, {}, {}, false};
-  const auto p = lib::estimateEnergy(model, processes);
-  const auto k = lib::estimateEnergy(model, kthreads);
-  if (!view.total || !p || !k) return std::nullopt;
-  view.processes = sortedEnergies(*p, limit);
-  view.kthreads = sortedEnergies(*k, limit);
-  return view;
-}
-
 }  // namespace
 
 std::string energyText(const EnergyView& v) {
   std::string out = modelLine(v.model);
-  if (v.total) out += "Whole system: " + energyText(*v.total) + "\n";
-  const uint64_t whole = v.total ? v.total->energy : 0;
-  if (v.processes) {
+  const SnapshotEnergy& t = v.tables;
+  if (t.total) out += "Whole system: " + energyText(*t.total) + "\n";
+  const uint64_t whole = t.total ? t.total->energy : 0;
+  if (t.processes) {
     out += "\nProcesses by energy:\n" +
-           textEnergyTable(*v.processes, /*withFlag=*/true, v.model.unit, whole);
+           textEnergyTable(*t.processes, /*withFlag=*/true, v.model.unit, whole);
   }
-  if (v.kthreads) {
+  if (t.kthreads) {
     out += "\nKernel threads by energy:\n" +
-           textEnergyTable(*v.kthreads, /*withFlag=*/false, v.model.unit, whole);
+           textEnergyTable(*t.kthreads, /*withFlag=*/false, v.model.unit, whole);
   }
   if (v.task) {
     const std::string title = v.kthread
@@ -85,17 +72,18 @@ std::string energyText(const EnergyView& v) {
 void writeEnergyView(JsonWriter& json, const EnergyView& v) {
   json.beginObject().key("unit").value(lib::energyUnitName(v.model.unit));
   json.key("model").value(v.model.source);
-  if (v.total) {
+  const SnapshotEnergy& t = v.tables;
+  if (t.total) {
     json.key("total");
-    writeEnergy(json, *v.total);
+    writeEnergy(json, *t.total);
   }
-  if (v.processes) {
+  if (t.processes) {
     json.key("processes");
-    writeEnergyRows(json, *v.processes);
+    writeEnergyRows(json, *t.processes);
   }
-  if (v.kthreads) {
+  if (t.kthreads) {
     json.key("kthreads");
-    writeEnergyRows(json, *v.kthreads);
+    writeEnergyRows(json, *t.kthreads);
   }
   if (v.task) {
     json.key(v.kthread ? "kthread" : "process");
@@ -106,23 +94,12 @@ void writeEnergyView(JsonWriter& json, const EnergyView& v) {
 
 std::string energyCsv(const EnergyView& v) {
   std::string out = kEnergyCsvHeader;
-  if (v.total) out += csvEnergy("total", "", "", *v.total);
-  if (v.processes) out += csvRows("process", *v.processes);
-  if (v.kthreads) out += csvRows("kthread", *v.kthreads);
+  const SnapshotEnergy& t = v.tables;
+  if (t.total) out += csvEnergy("total", "", "", *t.total);
+  if (t.processes) out += csvRows("process", *t.processes);
+  if (t.kthreads) out += csvRows("kthread", *t.kthreads);
   if (v.task) out += csvRows(v.kthread ? "kthread" : "process", {*v.task});
   return out;
-}
-
-std::string energyUnitText(lib::EnergyUnit unit) {
-  switch (unit) {
-    case lib::EnergyUnit::kMicrojoules:
-      return "uJ";
-    case lib::EnergyUnit::kMicroampHours:
-      return "uAh";
-    case lib::EnergyUnit::kAbstract:
-      return "abstract units";
-  }
-  return "abstract units";
 }
 
 std::string textEnergyTable(const std::vector<EnergyRow>& rows, bool withFlag, lib::EnergyUnit unit,
@@ -131,9 +108,7 @@ std::string textEnergyTable(const std::vector<EnergyRow>& rows, bool withFlag, l
       rows.begin(), rows.end(), [](const EnergyRow& row) { return row.estimate.unmodelledNs > 0; });
   std::vector<Column> columns = {{"name", false}};
   if (withFlag) columns.push_back({"fg", false});
-  columns.push_back(
-      {(unit == lib::EnergyUnit::kMicroampHours ? "charge " : "energy ") + energyUnitText(unit),
-       true});
+  columns.push_back({std::string(unitInfo(unit).quantity) + " " + unitInfo(unit).text, true});
   columns.push_back({"share %", true});
   if (unmodelled) columns.push_back({"unmodelled s", true});
   std::vector<std::vector<std::string>> cells;
@@ -161,25 +136,6 @@ void writeEnergyRows(JsonWriter& json, const std::vector<EnergyRow>& rows) {
     json.key("unmodelled_ns").value(row.estimate.unmodelledNs).endObject();
   }
   json.endArray();
-}
-
-std::string demoEnergyText(const lib::PowerModel& model, const lib::TimeInStateVector& total,
-                           const lib::TimeInStateTable& processes,
-                           const lib::TimeInStateTable& kthreads, size_t limit) {
-  const auto view = tablesView(model, total, processes, kthreads, limit);
-  return view ? "\n" + energyText(*view)
-              : "\nno energy table: the times do not fit the power model\n";
-}
-
-void writeDemoEnergy(JsonWriter& json, const lib::PowerModel& model,
-                     const lib::TimeInStateVector& total, const lib::TimeInStateTable& processes,
-                     const lib::TimeInStateTable& kthreads, size_t limit) {
-  const auto view = tablesView(model, total, processes, kthreads, limit);
-  if (view) {
-    writeEnergyView(json, *view);
-  } else {
-    json.null();
-  }
 }
 
 }  // namespace zelk::cli
