@@ -93,6 +93,16 @@ TEST_F(EnergyCommandTest, FormatsAndErrors) {
   run = runTool({"show", "energy", "process", "zelkcputime", "--flag", "--model", xml});
   EXPECT_TRUE(contains(run.output, "\nprocess zelkcputime \\(foreground\\): [0-9]+ uAh\n$"))
       << run.output;
+  // Without a class, both entries, as show process gives them; the CSV's flag left empty.
+  run = runTool({"show", "energy", "process", "zelkcputime", "--model", xml});
+  EXPECT_TRUE(
+      contains(run.output, "\nprocess zelkcputime \\(foreground and background\\): [0-9]+ uAh\n$"))
+      << run.output;
+  run = runTool(
+      {"show", "energy", "process", "zelkcputime", "--background", "--model", xml, "--csv"});
+  EXPECT_TRUE(contains(run.output, "\nprocess,zelkcputime,0,[0-9]+,uAh,0\n$")) << run.output;
+  run = runTool({"show", "energy", "process", "zelkcputime", "--model", xml, "--csv"});
+  EXPECT_TRUE(contains(run.output, "\nprocess,zelkcputime,,[0-9]+,uAh,0\n$")) << run.output;
 
   // Bad models: one line naming the file, exit 1, nothing else.
   const std::string missing = "/tmp/zelk-energy-command-missing.csv";
@@ -123,6 +133,8 @@ TEST_F(EnergyCommandTest, FormatsAndErrors) {
   for (const Args& args :
        {Args{"show", "energy", "everything"}, Args{"show", "total", "--model", csv},
         Args{"show", "energy", "kthread", "k", "--flag"}, Args{"show", "energy", "process"},
+        Args{"show", "energy", "--background"},
+        Args{"show", "energy", "process", "p", "--flag", "--background"},
         Args{"show", "energy", "--voltage", "-1"}, Args{"show", "energy", "--voltage", "1e3"}}) {
     run = runTool(args);
     EXPECT_EQ(run.status, 2) << args[2] << ": " << run.output;

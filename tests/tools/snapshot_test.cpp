@@ -218,5 +218,58 @@ TEST(TakeSnapshotTest, ReadsOnlyThePartsAskedFor) {
   EXPECT_EQ(library.calls[1], 1);
 }
 
+// A process's two classes are two entries; without a class the view sums them, and leaves the
+// flag out.
+TEST(TakeTaskTest, BothClassesSummedOrTheOnePicked) {
+  FakeLibrary library;
+  SnapshotQueries queries = library.queries();
+  std::vector<std::pair<std::string, bool>> asked;
+  queries.process = [&](std::string name, bool flag) -> std::optional<Times> {
+    asked.emplace_back(name, flag);
+    return flag ? Times{{5, 0}, {1}} : Times{{0, 7}, {2}};
+  };
+  queries.kthread = [](std::string) -> std::optional<Times> { return Times{{9, 9}, {9}}; };
+
+  TakenTask taken = takeTask({false, "app", ProcessClass::kBoth}, queries);
+  ASSERT_TRUE(taken.task) << taken.error;
+  EXPECT_EQ(taken.task->name, "app");
+  EXPECT_FALSE(taken.task->flag);
+  EXPECT_EQ(taken.task->times, (Times{{5, 7}, {3}}));
+  EXPECT_EQ(asked.size(), 2u);
+
+  taken = takeTask({false, "app", ProcessClass::kForeground}, queries);
+  ASSERT_TRUE(taken.task) << taken.error;
+  EXPECT_EQ(taken.task->flag, std::optional<uint64_t>(1));
+  EXPECT_EQ(taken.task->times, (Times{{5, 0}, {1}}));
+  taken = takeTask({false, "app", ProcessClass::kBackground}, queries);
+  ASSERT_TRUE(taken.task) << taken.error;
+  EXPECT_EQ(taken.task->flag, std::optional<uint64_t>(0));
+  EXPECT_EQ(taken.task->times, (Times{{0, 7}, {2}}));
+  EXPECT_EQ(asked.back(), std::make_pair(std::string("app"), false));
+
+  taken = takeTask({true, "kworker", ProcessClass::kBoth}, queries);
+  ASSERT_TRUE(taken.task) << taken.error;
+  EXPECT_EQ(taken.task->flag, std::optional<uint64_t>(1));  // as the kernel-thread table has it
+}
+
+TEST(TakeTaskTest, SaysWhenNothingHasBeenCountedYet) {
+  FakeLibrary library;
+  SnapshotQueries queries = library.queries();
+  // One class answers, the other fails: no half of a sum.
+  queries.process = [](std::string, bool flag) -> std::optional<Times> {
+    if (flag) return Times{{1, 0}, {0}};
+    return std::nullopt;
+  };
+  TakenTask taken = takeTask({false, "app", ProcessClass::kBoth}, queries);
+  EXPECT_FALSE(taken.task);
+  EXPECT_EQ(taken.error,
+            "getCpuFreqTimesFromProcess failed (run with -v for the library's messages)");
+
+  queries.processes = []() -> std::optional<TimeInStateTable> { return TimeInStateTable{}; };
+  taken = takeTask({false, "app", ProcessClass::kBoth}, queries);
+  EXPECT_FALSE(taken.task);
+  EXPECT_EQ(taken.error, "no process has been counted yet: is `zelkcputime start` running?");
+}
+
 }  // namespace
 }  // namespace zelk::cli

@@ -73,6 +73,16 @@ TEST_F(ToolErrorTest, EachMissingNeedInTurn) {
   expectFailure({"unload"}, "nothing to unload");
 }
 
+// Sums the "total_ns" numbers of a show --json output.
+uint64_t totalNs(const std::string& json) {
+  uint64_t sum = 0;
+  static const std::regex number(R"("total_ns":([0-9]+))");
+  for (std::sregex_iterator it(json.begin(), json.end(), number), end; it != end; ++it) {
+    sum += std::stoull((*it)[1]);
+  }
+  return sum;
+}
+
 class ToolCommandTest : public KernelTest {
  protected:
   NamespaceOptions namespaceOptions() const override { return {.tracefs = true}; }
@@ -108,6 +118,24 @@ TEST_F(ToolCommandTest, LoadStartShowResetUnload) {
   run = runTool({"show", "process", "zelkcputime", "--flag", "--json"});
   EXPECT_TRUE(contains(run.output, R"("process":\{"name":"zelkcputime","flag":1,"total_ns":[1-9])"))
       << run.output;
+  const uint64_t foreground = totalNs(run.output);
+  // Without a class, both entries summed and no flag: a foreground process no longer reads as 0.
+  run = runTool({"show", "process", "zelkcputime", "--background", "--json"});
+  EXPECT_TRUE(contains(run.output, R"("process":\{"name":"zelkcputime","flag":0,"total_ns":)"))
+      << run.output;
+  const uint64_t background = totalNs(run.output);
+  run = runTool({"show", "process", "zelkcputime", "--json"});
+  EXPECT_TRUE(contains(run.output, R"("process":\{"name":"zelkcputime","total_ns":[1-9])"))
+      << run.output;
+  EXPECT_EQ(totalNs(run.output), foreground + background) << run.output;
+  run = runTool({"show", "process", "zelkcputime"});
+  EXPECT_TRUE(
+      contains(run.output, "^process zelkcputime \\(foreground and background\\): [0-9.]+ s\n"))
+      << run.output;
+  run = runTool({"show", "process", "zelkcputime", "--csv"});
+  EXPECT_TRUE(contains(run.output, "\nprocess,zelkcputime,,0,300000,[1-9][0-9]*\n")) << run.output;
+  run = runTool({"show", "process", "zelkcputime", "--flag", "--background"});
+  EXPECT_EQ(run.status, 2) << run.output;
   run = runTool({"status", "--json"});
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_TRUE(contains(run.output, R"("supported":true,"tracking_pids":\[\])")) << run.output;
@@ -147,16 +175,6 @@ TEST_F(ToolErrorTest, LoadTakesMapSizes) {
                        "^loaded zelkCputimeInState \\(names 64, kthreads 32, pids 128\\): "
                        ".*; kernel memory [0-9.]+ [KM]iB \\(maps [^\n]*\\)\n$"))
       << run.output;
-}
-
-// Sums the "total_ns" numbers of a show --json output.
-uint64_t totalNs(const std::string& json) {
-  uint64_t sum = 0;
-  static const std::regex number(R"("total_ns":([0-9]+))");
-  for (std::sregex_iterator it(json.begin(), json.end(), number), end; it != end; ++it) {
-    sum += std::stoull((*it)[1]);
-  }
-  return sum;
 }
 
 TEST_F(ToolCommandTest, FullMapsLoseNoTimeAndStatusShowsTheirFill) {

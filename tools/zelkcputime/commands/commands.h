@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands/options.h"
+#include "model/snapshot.h"
 #include "zelkcpufreqtime_energy.h"
 
 namespace zelk::cli {
@@ -33,6 +34,12 @@ int usageError(const std::string& message);
 // Checks "COMMAND VIEW [NAME]" for show and reset: VIEW one of `views`, a NAME after "process"
 // and "kthread" only, --flag after "process" only. Returns the usage message, "" when well formed.
 std::string checkViewWords(const Options& options, const std::vector<std::string>& views);
+// --flag and --background: after `process` only, and not both. Returns the usage message, "" when
+// well formed.
+std::string checkClassOptions(const Options& options, const std::string& view,
+                              const std::string& command);
+// The entry of a process that --flag or --background picks; both classes without either.
+ProcessClass processClass(const Options& options);
 // Writes `text` to stdout.
 void printOut(const std::string& text);
 

@@ -21,12 +21,11 @@ std::string checkWords(const Options& options) {
   std::string usage =
       "show energy takes nothing, or one of total, processes, kthreads, process NAME, kthread "
       "NAME";
-  if (w.size() == 2) return options.flag ? "--flag applies to show energy process" : "";
-  if (std::find(views.begin(), views.end(), w[2]) == views.end()) return usage;
-  const bool named = w[2] == "process" || w[2] == "kthread";
-  if (w.size() != (named ? 4u : 3u)) return usage;
-  if (options.flag && w[2] != "process") return "--flag applies to show energy process";
-  return "";
+  const std::string view = w.size() > 2 ? w[2] : "";
+  if (!view.empty() && std::find(views.begin(), views.end(), view) == views.end()) return usage;
+  const bool named = view == "process" || view == "kthread";
+  if (w.size() != (view.empty() ? 2u : named ? 4u : 3u)) return usage;
+  return checkClassOptions(options, view, "show energy");
 }
 
 // The tables `view` shows: all three without one, none for a single task.
@@ -76,11 +75,9 @@ int runShowEnergy(const Options& options) {
   EnergyView result{model, std::move(*tables.energy), {}, false};
   if (view == "process" || view == "kthread") {
     result.kthread = view == "kthread";
-    const std::string& name = options.words[3];
-    const uint64_t flag = result.kthread || options.flag ? 1 : 0;
-    const TakenTask task = takeTask(result.kthread, name, flag != 0);
-    if (!task.times) return fail(task.error);
-    result.task = taskEnergy(model, {name, flag, *task.times, sumTimes(*task.times)});
+    const TakenTask taken = takeTask({result.kthread, options.words[3], processClass(options)});
+    if (!taken.task) return fail(taken.error);
+    result.task = taskEnergy(model, *taken.task);
     if (!result.task) return fail("the task's times do not have the frequency table's shape");
   }
   switch (options.format) {

@@ -67,20 +67,16 @@ int showTable(const Request& r, bool kthreads) {
 }
 
 int showTask(const Request& r, bool kthread, const std::string& name) {
-  const uint64_t flag = kthread || r.options.flag ? 1 : 0;
-  const TakenTask taken = takeTask(kthread, name, flag != 0);
-  if (!taken.times) return fail(taken.error);
-  const TaskTimes task{name, flag, *taken.times, sumTimes(*taken.times)};
-  const std::string title =
-      kthread ? "kernel thread " + printableName(name)
-              : "process " + printableName(name) + (flag != 0 ? " (foreground)" : " (background)");
+  const TakenTask taken = takeTask({kthread, name, processClass(r.options)});
+  if (!taken.task) return fail(taken.error);
+  const NamedTask& task = *taken.task;
   return emit(
-      r.options, [&] { return textTask(title, r.freqs, task.times); },
+      r.options, [&] { return textTask(taskTitle(kthread, name, task.flag), r.freqs, task.times); },
       [&](JsonWriter& json) {
         json.key("freqs_khz").numbers(r.freqs).key(kthread ? "kthread" : "process");
         writeTask(json, task);
       },
-      [&] { return csvTasks(kthread ? "kthread" : "process", r.freqs, {task}); });
+      [&] { return csvTask(kthread ? "kthread" : "process", r.freqs, task); });
 }
 
 int showClassTimes(const Request& r, bool top) {

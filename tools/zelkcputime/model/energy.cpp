@@ -75,10 +75,10 @@ EnergyResult energyOf(const lib::PowerModel& model, const Snapshot& snapshot, si
   return {std::move(energy), ""};
 }
 
-std::optional<EnergyRow> taskEnergy(const lib::PowerModel& model, const TaskTimes& task) {
+std::optional<TaskEnergy> taskEnergy(const lib::PowerModel& model, const NamedTask& task) {
   const auto estimate = lib::estimateEnergy(model, task.times);
   if (!estimate) return std::nullopt;
-  return EnergyRow{task.name, task.flag, *estimate};
+  return TaskEnergy{task.name, task.flag, *estimate};
 }
 
 std::optional<double> powerOf(const lib::PowerModel& model, const Times& times,

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "model/snapshot.h"
-#include "model/task_rows.h"
 #include "model/times.h"
 #include "zelkcpufreqtime_energy.h"
 
@@ -54,8 +53,15 @@ struct EnergyResult {
 EnergyResult energyOf(const com::zelkora::PowerModel& model, const Snapshot& snapshot,
                       size_t limit);
 
-// One task's row; nothing when its times do not have the model's shape.
-std::optional<EnergyRow> taskEnergy(const com::zelkora::PowerModel& model, const TaskTimes& task);
+// One task, as a single-task query gives it.
+struct TaskEnergy {
+  std::string name;
+  std::optional<uint64_t> flag;  // as the task's
+  com::zelkora::EnergyEstimate estimate;
+};
+
+// Nothing when the task's times do not have the model's shape.
+std::optional<TaskEnergy> taskEnergy(const com::zelkora::PowerModel& model, const NamedTask& task);
 
 // The rate of `times` spent over `elapsed`, in the unit's rateText, from the energy before it is
 // rounded: a whole µAh over an interval of seconds is a step of more than a mA. Nothing when the

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "model/snapshot.h"
 #include "model/task_rows.h"
 
 namespace zelk::cli {
@@ -21,6 +22,8 @@ std::string csvTotal(const FreqTable& freqs, const Times& times);
 // order.
 std::string csvTasks(const std::string& table, const FreqTable& freqs,
                      const std::vector<TaskTimes>& tasks);
+// One task of a single-task query, its flag empty when it has none.
+std::string csvTask(const std::string& table, const FreqTable& freqs, const NamedTask& task);
 // table `table` ("top" or "bg"): one row per name, without policy and frequency.
 std::string csvNamedTimes(const std::string& table, const std::vector<NamedTime>& rows);
 

@@ -4,6 +4,7 @@
 
 #include "views/csv_writer.h"
 #include "views/text_table.h"
+#include "views/text_views.h"
 #include "views/units.h"
 
 namespace zelk::cli {
@@ -60,11 +61,8 @@ std::string energyText(const EnergyView& v) {
            textEnergyTable(*t.kthreads, /*withFlag=*/false, v.model.unit, whole);
   }
   if (v.task) {
-    const std::string title = v.kthread
-                                  ? "kernel thread " + printableName(v.task->name)
-                                  : "process " + printableName(v.task->name) +
-                                        (v.task->flag != 0 ? " (foreground)" : " (background)");
-    out += title + ": " + energyText(v.task->estimate) + "\n";
+    out += taskTitle(v.kthread, v.task->name, v.task->flag) + ": " + energyText(v.task->estimate) +
+           "\n";
   }
   return out;
 }
@@ -86,8 +84,11 @@ void writeEnergyView(JsonWriter& json, const EnergyView& v) {
     writeEnergyRows(json, *t.kthreads);
   }
   if (v.task) {
-    json.key(v.kthread ? "kthread" : "process");
-    writeEnergyRows(json, {*v.task});
+    json.key(v.kthread ? "kthread" : "process").beginArray().beginObject();
+    json.key("name").value(v.task->name);
+    if (v.task->flag) json.key("flag").value(*v.task->flag);
+    json.key("energy").value(v.task->estimate.energy);
+    json.key("unmodelled_ns").value(v.task->estimate.unmodelledNs).endObject().endArray();
   }
   json.endObject();
 }
@@ -98,7 +99,10 @@ std::string energyCsv(const EnergyView& v) {
   if (t.total) out += csvEnergy("total", "", "", *t.total);
   if (t.processes) out += csvRows("process", *t.processes);
   if (t.kthreads) out += csvRows("kthread", *t.kthreads);
-  if (v.task) out += csvRows(v.kthread ? "kthread" : "process", {*v.task});
+  if (v.task) {
+    out += csvEnergy(v.kthread ? "kthread" : "process", v.task->name,
+                     v.task->flag ? std::to_string(*v.task->flag) : "", v.task->estimate);
+  }
   return out;
 }
 

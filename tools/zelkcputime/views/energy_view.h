@@ -17,7 +17,7 @@ namespace zelk::cli {
 struct EnergyView {
   const com::zelkora::PowerModel& model;
   SnapshotEnergy tables;
-  std::optional<EnergyRow> task;
+  std::optional<TaskEnergy> task;
   bool kthread = false;  // the task's kind
 };
 

@@ -89,6 +89,14 @@ std::string textTaskTable(const FreqTable& freqs, const std::vector<TaskTimes>& 
   return renderTable(columns, cells);
 }
 
+std::string taskTitle(bool kthread, const std::string& name, std::optional<uint64_t> flag) {
+  if (kthread) return "kernel thread " + printableName(name);
+  return "process " + printableName(name) +
+         (!flag        ? " (foreground and background)"
+          : *flag != 0 ? " (foreground)"
+                       : " (background)");
+}
+
 std::string textTask(const std::string& title, const FreqTable& freqs, const Times& times) {
   return title + ": " + formatSeconds(sumTimes(times)) + " s\n" + residencyChart(freqs, times);
 }

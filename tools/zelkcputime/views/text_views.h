@@ -1,6 +1,8 @@
 // The people's output of each view: MHz, seconds, tables sorted by time and residency charts.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +21,10 @@ std::string textTotal(const FreqTable& freqs, const Times& times);
 // of the busiest, in frequency order; the rest is summed under "other s".
 std::string textTaskTable(const FreqTable& freqs, const std::vector<TaskTimes>& rows, bool withFlag,
                           size_t maxFreqColumns = 6);
+
+// "kernel thread NAME", or "process NAME" with its class: "(foreground)", "(background)", or
+// "(foreground and background)" without a flag.
+std::string taskTitle(bool kthread, const std::string& name, std::optional<uint64_t> flag);
 
 // One task, headed by `title`, with its residency chart.
 std::string textTask(const std::string& title, const FreqTable& freqs, const Times& times);
