@@ -98,6 +98,15 @@ TEST_F(EnergyCommandTest, FormatsAndErrors) {
   EXPECT_TRUE(
       contains(run.output, "\nprocess zelkcputime \\(foreground and background\\): [0-9]+ uAh\n$"))
       << run.output;
+  // A single task is one object, as show process --json gives it.
+  run = runTool({"show", "energy", "process", "zelkcputime", "--model", xml, "--json"});
+  EXPECT_TRUE(contains(run.output, "^\\{\"unit\":\"uAh\",\"model\":\"" + xml +
+                                       "\",\"process\":\\{\"name\":\"zelkcputime\","
+                                       "\"energy\":[0-9]+,\"unmodelled_ns\":0\\}\\}\n$"))
+      << run.output;
+  run = runTool({"show", "energy", "kthread", "ksoftirqd/0", "--model", xml, "--json"});
+  EXPECT_TRUE(contains(run.output, "\"kthread\":\\{\"name\":\"ksoftirqd/0\",\"flag\":1,"))
+      << run.output;
   run = runTool(
       {"show", "energy", "process", "zelkcputime", "--background", "--model", xml, "--csv"});
   EXPECT_TRUE(contains(run.output, "\nprocess,zelkcputime,0,[0-9]+,uAh,0\n$")) << run.output;

@@ -84,11 +84,11 @@ void writeEnergyView(JsonWriter& json, const EnergyView& v) {
     writeEnergyRows(json, *t.kthreads);
   }
   if (v.task) {
-    json.key(v.kthread ? "kthread" : "process").beginArray().beginObject();
-    json.key("name").value(v.task->name);
+    // One object, as show process gives its task.
+    json.key(v.kthread ? "kthread" : "process").beginObject().key("name").value(v.task->name);
     if (v.task->flag) json.key("flag").value(*v.task->flag);
     json.key("energy").value(v.task->estimate.energy);
-    json.key("unmodelled_ns").value(v.task->estimate.unmodelledNs).endObject().endArray();
+    json.key("unmodelled_ns").value(v.task->estimate.unmodelledNs).endObject();
   }
   json.endObject();
 }
