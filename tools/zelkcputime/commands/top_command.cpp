@@ -16,6 +16,7 @@
 #include "core/possible_cpus.h"
 #include "machine/demo_setup.h"
 #include "machine/environment.h"
+#include "machine/tracking.h"
 #include "model/snapshot.h"
 #include "model/snapshot_diff.h"
 #include "views/frequency_source.h"
@@ -107,10 +108,11 @@ void countOnlineCpus(Source* source) {
 std::string setUp(const Options& options, Source* source) {
   size_t expected = 0;
   if (checkRoot().empty() && missingPins(&expected).empty()) {
-    if (!lib::startTrackingCpuFreqTime()) {
-      return "the library could not start tracking (run with -v for its messages)";
-    }
-    source->context.policies = "the machine's cpufreq policies, through the loaded object";
+    const Tracking tracking = joinTracking();
+    if (tracking.by == 0) return tracking.error + " (run with -v for its messages)";
+    source->context.policies =
+        "the machine's cpufreq policies, through the loaded object, tracked by process " +
+        std::to_string(tracking.by);
   } else if (std::string error = setUpDemo({options.sample, options.sampleMs}, &source->machine);
              !error.empty()) {
     return error;

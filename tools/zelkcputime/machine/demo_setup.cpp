@@ -8,6 +8,7 @@
 #include "machine/private_mounts.h"
 #include "machine/sampled_tree.h"
 #include "machine/synthetic_policy.h"
+#include "machine/tracking.h"
 #include "object_loader.h"
 #include "zelkcpufreqtime.h"
 
@@ -89,8 +90,8 @@ std::string setUpDemo(const Sampling& sampling, DemoMachine* machine) {
   }
   const loader::Outcome loaded = loader::load();
   if (loaded.status != loader::Status::kLoaded) return loaded.message;
-  if (!com::zelkora::startTrackingCpuFreqTime()) {
-    return "the library could not start tracking (run with -v for its messages)";
+  if (const Tracking tracking = joinTracking(); tracking.by == 0) {
+    return tracking.error + " (run with -v for its messages)";
   }
   if (machine->sampledMs != 0) return startSampler(sampling, policies, machine);
   return "";
