@@ -86,6 +86,28 @@ TEST(TextViewsTest, TaskTableKeepsTheBusiestFrequenciesAndSumsTheRest) {
             "id?le  no     0.000       0.000        0.000    0.000\n");
 }
 
+// An empty overflow entry is the map's own: tables for people leave it out, programs get it.
+TEST(TaskRowsTest, OverflowEntryIsARowForPeopleOnlyWithTime) {
+  TimeInStateTable table = processes();
+  table[{"<map overflowed>", 0}] = {{0, 0}, {0}};
+  table[{"<map overflowed>", 1}] = {{0, 4}, {0}};
+  auto names = [](const std::vector<TaskTimes>& rows) {
+    std::string all;
+    for (const TaskTimes& row : rows) all += row.name + "/" + std::to_string(row.flag) + " ";
+    return all;
+  };
+  EXPECT_EQ(names(sortedTasks(table, 0, OverflowRow::kWithTime)),
+            "big/1 a/0 a/1 b/0 <map overflowed>/1 id\tle/0 ");
+  EXPECT_EQ(names(sortedTasks(table, 0)),
+            "big/1 a/0 a/1 b/0 <map overflowed>/1 <map overflowed>/0 id\tle/0 ");
+  EXPECT_EQ(rowCount(table, OverflowRow::kWithTime), 6u);
+  EXPECT_EQ(rowCount(table, OverflowRow::kAlways), 7u);
+
+  const TimeTable top = {{{"<map overflowed>", 0}, 0}, {{"a", 0}, 0}};
+  EXPECT_EQ(sortedNamedTimes(top, 0, OverflowRow::kWithTime).size(), 1u);  // "a" stays
+  EXPECT_EQ(sortedNamedTimes(top, 0).size(), 2u);
+}
+
 TEST(ParseOptionsTest, OptionsAnywhereUntilDoubleDash) {
   const ParsedOptions parsed = parseOptions({"--json", "show", "process", "--", "-bash", "--flag"});
   EXPECT_EQ(parsed.error, "");

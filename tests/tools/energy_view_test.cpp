@@ -40,5 +40,33 @@ TEST(EnergyViewTest, TableShowsShareAndUnmodelledOnlyWhenThereIsSome) {
             "idle?                    250      0.0         1.500\n");
 }
 
+TEST(EnergyTest, TablesOfASnapshotLeaveAnEmptyOverflowEntryOutOnlyWhenAsked) {
+  com::zelkora::PowerModel model;
+  model.freqRates = {{1000.0, 2000.0}};  // uJ per second at each frequency
+  model.policyRates = {0};
+  Snapshot snapshot;
+  snapshot.parts = kTotalPart | kProcessesPart;
+  snapshot.freqs = {{1000000, 2000000}};
+  snapshot.total = {{3000000000, 1000000000}};
+  snapshot.processes = {{{"app", 1}, {{3000000000, 1000000000}}},
+                        {{"<map overflowed>", 0}, {{0, 0}}}};
+  EnergyResult result = energyOf(model, snapshot, 0, OverflowRow::kWithTime);
+  ASSERT_TRUE(result.energy) << result.error;
+  EXPECT_EQ(result.energy->total->energy, 5000u);
+  ASSERT_EQ(result.energy->processes->size(), 1u);
+  EXPECT_EQ(result.energy->processes->front().name, "app");
+  EXPECT_FALSE(result.energy->kthreads);  // not in the snapshot
+  result = energyOf(model, snapshot, 0);
+  ASSERT_TRUE(result.energy) << result.error;
+  EXPECT_EQ(result.energy->processes->size(), 2u);
+
+  snapshot.processes[{"odd", 0}] = {{1}};  // not the model's shape
+  result = energyOf(model, snapshot, 0);
+  EXPECT_FALSE(result.energy);
+  EXPECT_NE(result.error.find("getProcessCpuFreqTimes returned times of another shape"),
+            std::string::npos)
+      << result.error;
+}
+
 }  // namespace
 }  // namespace zelk::cli

@@ -108,6 +108,12 @@ TEST_F(ToolCommandTest, LoadStartShowResetUnload) {
   run = runTool({"show", "total", "--csv"}, false, /*withStderr=*/false);
   EXPECT_EQ(run.status, 0);
   EXPECT_TRUE(contains(run.output, "\ntotal,,,0,300000,[1-9][0-9]*\n")) << run.output;
+  // The overflow entries are there, empty: in the JSON, not in the table.
+  run = runTool({"show", "processes", "--json"});
+  EXPECT_TRUE(contains(run.output, R"(\{"name":"<map overflowed>","flag":0,"total_ns":0,)"))
+      << run.output;
+  run = runTool({"show", "processes", "--limit", "0"});
+  EXPECT_EQ(run.output.find("<map overflowed>"), std::string::npos) << run.output;
   run = runTool({"show", "processes", "--csv", "--limit", "1"});
   EXPECT_TRUE(contains(run.output,
                        "^table,name,flag,policy,freq_khz,time_ns\n"
@@ -210,6 +216,9 @@ TEST_F(ToolCommandTest, FullMapsLoseNoTimeAndStatusShowsTheirFill) {
   const std::string kthreads =
       runTool({"show", "kthreads", "--json"}, false, /*withStderr=*/false).output;
   EXPECT_TRUE(contains(processes, R"("name":"<map overflowed>")")) << processes;
+  // Holding time, it is a row of the table too.
+  run = runTool({"show", "processes", "--limit", "0"});
+  EXPECT_TRUE(contains(run.output, "\n<map overflowed> +(yes|no) +[0-9.]*[1-9]")) << run.output;
   const uint64_t counted = totalNs(processes) + totalNs(kthreads);
   EXPECT_GE(counted, 0.995 * total) << processes << kthreads;
   EXPECT_LE(counted, total);

@@ -68,16 +68,18 @@ std::string samplerText(const Options& options, const SamplerStats& stats) {
 
 std::string demoText(const Options& options, const DemoMachine& machine, const Snapshot& r,
                      size_t limit, const std::optional<SamplerStats>& sampler) {
-  const auto processes = sortedTasks(r.processes, limit);
-  const auto kthreads = sortedTasks(r.kthreads, limit);
+  // An empty overflow entry is left out here, kept in JSON and CSV.
+  const OverflowRow overflow = OverflowRow::kWithTime;
+  const auto processes = sortedTasks(r.processes, limit, overflow);
+  const auto kthreads = sortedTasks(r.kthreads, limit, overflow);
   const auto classes = joinedClassTimes(r.top, r.bg, limit);
   const size_t classNames = joinedClassTimes(r.top, r.bg, 0).size();
   return "Sampled this machine for " + std::to_string(options.seconds) +
          " s in a private mount namespace.\nCPU frequencies: " + frequencySourceText(machine) +
          "\n\n" + textTotal(r.freqs, r.total) +
-         heading("Busiest processes", processes.size(), r.processes.size()) +
+         heading("Busiest processes", processes.size(), rowCount(r.processes, overflow)) +
          textTaskTable(r.freqs, processes, /*withFlag=*/true) +
-         heading("Busiest kernel threads", kthreads.size(), r.kthreads.size()) +
+         heading("Busiest kernel threads", kthreads.size(), rowCount(r.kthreads, overflow)) +
          textTaskTable(r.freqs, kthreads, /*withFlag=*/false) +
          heading("Foreground and background time per task name", classes.size(), classNames) +
          "(time spent in each class since the load, not CPU time)\n" + textClassTimes(classes) +
@@ -123,7 +125,7 @@ std::string demoCsv(const Snapshot& r, size_t limit) {
 }
 
 std::string demoEnergyText(const lib::PowerModel& model, const Snapshot& r, size_t limit) {
-  const EnergyResult energy = energyOf(model, r, limit);
+  const EnergyResult energy = energyOf(model, r, limit, OverflowRow::kWithTime);
   if (!energy.energy) return "\nno energy table: the times do not fit the power model\n";
   return "\n" + energyText({model, *energy.energy, {}, false});
 }

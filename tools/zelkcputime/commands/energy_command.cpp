@@ -70,7 +70,9 @@ int runShowEnergy(const Options& options) {
   request.parts = partsOf(view);
   const TakenSnapshot taken = takeSnapshot(request);
   if (!taken.snapshot) return fail(taken.error);
-  EnergyResult tables = energyOf(model, *taken.snapshot, limit);
+  EnergyResult tables =
+      energyOf(model, *taken.snapshot, limit,
+               options.format == Format::kText ? OverflowRow::kWithTime : OverflowRow::kAlways);
   if (!tables.energy) return fail(tables.error);
   EnergyView result{model, std::move(*tables.energy), {}, false};
   if (view == "process" || view == "kthread") {

@@ -19,6 +19,7 @@ struct Request {
   const Snapshot& snapshot;
   const FreqTable& freqs;
   size_t limit;
+  OverflowRow overflow;  // text leaves an empty overflow entry out
 };
 
 int emit(const Options& options, const std::function<std::string()>& text,
@@ -56,7 +57,7 @@ int showTotal(const Request& r) {
 
 int showTable(const Request& r, bool kthreads) {
   const std::vector<TaskTimes> rows =
-      sortedTasks(kthreads ? r.snapshot.kthreads : r.snapshot.processes, r.limit);
+      sortedTasks(kthreads ? r.snapshot.kthreads : r.snapshot.processes, r.limit, r.overflow);
   return emit(
       r.options, [&] { return textTaskTable(r.freqs, rows, /*withFlag=*/!kthreads); },
       [&](JsonWriter& json) {
@@ -81,7 +82,7 @@ int showTask(const Request& r, bool kthread, const std::string& name) {
 
 int showClassTimes(const Request& r, bool top) {
   const std::vector<NamedTime> rows =
-      sortedNamedTimes(top ? r.snapshot.top : r.snapshot.bg, r.limit);
+      sortedNamedTimes(top ? r.snapshot.top : r.snapshot.bg, r.limit, r.overflow);
   const char* name = top ? "top" : "bg";
   return emit(
       r.options, [&] { return textNamedTimes(top ? "foreground s" : "background s", rows); },
@@ -119,8 +120,10 @@ int runShow(const Options& options) {
   const TakenSnapshot taken = takeSnapshot(snapshotRequest);
   if (!taken.snapshot) return fail(taken.error);
   const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
-  const Request request{options, *taken.snapshot, taken.snapshot->freqs,
-                        textDefault ? kDefaultTextRows : options.limit};
+  const Request request{
+      options, *taken.snapshot, taken.snapshot->freqs,
+      textDefault ? kDefaultTextRows : options.limit,
+      options.format == Format::kText ? OverflowRow::kWithTime : OverflowRow::kAlways};
   if (view == "freqs") return showFreqs(request);
   if (view == "total") return showTotal(request);
   if (view == "processes" || view == "kthreads") return showTable(request, view == "kthreads");

@@ -25,10 +25,13 @@ constexpr bool inUnitOrder() {
 static_assert(inUnitOrder(), "kUnits is indexed by EnergyUnit");
 
 std::optional<std::vector<EnergyRow>> tableEnergy(const lib::PowerModel& model,
-                                                  const lib::TimeInStateTable& table,
-                                                  size_t limit) {
-  const auto energies = lib::estimateEnergy(model, table);
+                                                  const lib::TimeInStateTable& table, size_t limit,
+                                                  OverflowRow overflow) {
+  auto energies = lib::estimateEnergy(model, table);
   if (!energies) return std::nullopt;
+  for (const auto& [key, times] : table) {
+    if (!isRow(key, sumTimes(times), overflow)) energies->erase(key);
+  }
   return sortedEnergies(*energies, limit);
 }
 
@@ -54,7 +57,8 @@ std::vector<EnergyRow> sortedEnergies(const lib::EnergyTable& table, size_t limi
   return rows;
 }
 
-EnergyResult energyOf(const lib::PowerModel& model, const Snapshot& snapshot, size_t limit) {
+EnergyResult energyOf(const lib::PowerModel& model, const Snapshot& snapshot, size_t limit,
+                      OverflowRow overflow) {
   SnapshotEnergy energy;
   if (snapshot.parts & kTotalPart) {
     energy.total = lib::estimateEnergy(model, snapshot.total);
@@ -67,7 +71,7 @@ EnergyResult energyOf(const lib::PowerModel& model, const Snapshot& snapshot, si
         std::tuple{kKthreadsPart, &snapshot.kthreads, &energy.kthreads,
                    "getKthreadCpuFreqTimes"}}) {
     if ((snapshot.parts & part) == 0) continue;
-    *rows = tableEnergy(model, *table, limit);
+    *rows = tableEnergy(model, *table, limit, overflow);
     if (!*rows) {
       return {{}, std::string(query) + " returned times of another shape than the frequency table"};
     }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "model/snapshot.h"
+#include "model/task_rows.h"
 #include "model/times.h"
 #include "zelkcpufreqtime_energy.h"
 
@@ -50,8 +51,8 @@ struct EnergyResult {
   std::string error;  // without energy: which table does not have the model's shape
 };
 
-EnergyResult energyOf(const com::zelkora::PowerModel& model, const Snapshot& snapshot,
-                      size_t limit);
+EnergyResult energyOf(const com::zelkora::PowerModel& model, const Snapshot& snapshot, size_t limit,
+                      OverflowRow overflow = OverflowRow::kAlways);
 
 // One task, as a single-task query gives it.
 struct TaskEnergy {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <map>
 
+#include "zelkcpufreqtime_overflow.h"
+
 namespace zelk::cli {
 namespace {
 
@@ -25,20 +27,35 @@ bool busierNamed(const NamedTime& a, const NamedTime& b) {
   return a.ns != b.ns ? a.ns > b.ns : a.name < b.name;
 }
 
-std::vector<TaskTimes> sortedTasks(const com::zelkora::TimeInStateTable& table, size_t limit) {
+bool isRow(const com::zelkora::process_key_char_t& key, uint64_t ns, OverflowRow overflow) {
+  return overflow == OverflowRow::kAlways || ns > 0 || !com::zelkora::isOverflowEntry(key);
+}
+
+std::vector<TaskTimes> sortedTasks(const com::zelkora::TimeInStateTable& table, size_t limit,
+                                   OverflowRow overflow) {
   std::vector<TaskTimes> rows;
   rows.reserve(table.size());
   for (const auto& [key, times] : table) {
-    rows.push_back({key.comm, key.flag, times, sumTimes(times)});
+    const uint64_t total = sumTimes(times);
+    if (isRow(key, total, overflow)) rows.push_back({key.comm, key.flag, times, total});
   }
   return sortedAndCut(std::move(rows), limit, busierTask);
 }
 
-std::vector<NamedTime> sortedNamedTimes(const com::zelkora::TimeTable& table, size_t limit) {
+std::vector<NamedTime> sortedNamedTimes(const com::zelkora::TimeTable& table, size_t limit,
+                                        OverflowRow overflow) {
   std::vector<NamedTime> rows;
   rows.reserve(table.size());
-  for (const auto& [key, ns] : table) rows.push_back({key.comm, ns});
+  for (const auto& [key, ns] : table) {
+    if (isRow(key, ns, overflow)) rows.push_back({key.comm, ns});
+  }
   return sortedAndCut(std::move(rows), limit, busierNamed);
+}
+
+size_t rowCount(const com::zelkora::TimeInStateTable& table, OverflowRow overflow) {
+  size_t count = 0;
+  for (const auto& [key, times] : table) count += isRow(key, sumTimes(times), overflow) ? 1 : 0;
+  return count;
 }
 
 std::vector<ClassTimes> joinedClassTimes(const com::zelkora::TimeTable& top,

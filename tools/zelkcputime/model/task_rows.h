@@ -28,9 +28,21 @@ struct NamedTime {
 bool busierTask(const TaskTimes& a, const TaskTimes& b);
 bool busierNamed(const NamedTime& a, const NamedTime& b);
 
+// Whether a table's overflow entry (zelkcpufreqtime_overflow.h) is a row. A full map adds time
+// to it; until then it is an empty entry of the map's own, which a table for people leaves out
+// and one for programs keeps, so that its key is always there.
+enum class OverflowRow { kAlways, kWithTime };
+
 // Rows in the order above; the first `limit` rows, or all when `limit` is 0.
-std::vector<TaskTimes> sortedTasks(const com::zelkora::TimeInStateTable& table, size_t limit);
-std::vector<NamedTime> sortedNamedTimes(const com::zelkora::TimeTable& table, size_t limit);
+std::vector<TaskTimes> sortedTasks(const com::zelkora::TimeInStateTable& table, size_t limit,
+                                   OverflowRow overflow = OverflowRow::kAlways);
+std::vector<NamedTime> sortedNamedTimes(const com::zelkora::TimeTable& table, size_t limit,
+                                        OverflowRow overflow = OverflowRow::kAlways);
+// How many rows the table gives without a limit.
+size_t rowCount(const com::zelkora::TimeInStateTable& table, OverflowRow overflow);
+
+// False for an overflow entry without time under kWithTime.
+bool isRow(const com::zelkora::process_key_char_t& key, uint64_t ns, OverflowRow overflow);
 
 // One task's foreground and background time, for the joined view.
 struct ClassTimes {
