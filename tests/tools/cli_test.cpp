@@ -108,6 +108,29 @@ TEST(TaskRowsTest, OverflowEntryIsARowForPeopleOnlyWithTime) {
   EXPECT_EQ(sortedNamedTimes(top, 0).size(), 2u);
 }
 
+// The demo's class table lists the names that ran, busiest first: a daemon asleep the whole time
+// has the most class time and no row.
+TEST(TaskRowsTest, ClassTimesOfTheNamesThatRan) {
+  constexpr uint64_t kMs = 1000000;
+  const TimeInStateTable ran = {{{"app", 1}, {{0, 3 * kMs}, {0}}},
+                                {{"app", 0}, {{1 * kMs, 0}, {0}}},
+                                {{"tool", 1}, {{5 * kMs, 0}, {0}}},
+                                {{"idle", 0}, {{0, 0}, {0}}}};
+  const TimeTable top = {
+      {{"app", 0}, 30 * kMs}, {{"tool", 0}, 20 * kMs}, {{"sleeper", 0}, 1000 * kMs}};
+  const TimeTable bg = {{{"app", 0}, 7 * kMs}, {{"kthreadd", 0}, 2000 * kMs}};
+  const std::vector<ClassTimes> rows = ranClassTimes(ran, top, bg, 0);
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0].name, "tool");
+  EXPECT_EQ(rows[1].name, "app");
+  EXPECT_EQ(rows[1].cpuNs, 4 * kMs);  // both classes' entries
+  EXPECT_EQ(ranClassTimes(ran, top, bg, 1).size(), 1u);
+  EXPECT_EQ(textClassTimes(rows),
+            "name  CPU s  foreground s  background s\n"
+            "tool  0.005         0.020         0.000\n"
+            "app   0.004         0.030         0.007\n");
+}
+
 TEST(ParseOptionsTest, OptionsAnywhereUntilDoubleDash) {
   const ParsedOptions parsed = parseOptions({"--json", "show", "process", "--", "-bash", "--flag"});
   EXPECT_EQ(parsed.error, "");

@@ -72,8 +72,8 @@ std::string demoText(const Options& options, const DemoMachine& machine, const S
   const OverflowRow overflow = OverflowRow::kWithTime;
   const auto processes = sortedTasks(r.processes, limit, overflow);
   const auto kthreads = sortedTasks(r.kthreads, limit, overflow);
-  const auto classes = joinedClassTimes(r.top, r.bg, limit);
-  const size_t classNames = joinedClassTimes(r.top, r.bg, 0).size();
+  const auto classes = ranClassTimes(r.processes, r.top, r.bg, limit);
+  const size_t classNames = ranClassTimes(r.processes, r.top, r.bg, 0).size();
   return "Sampled this machine for " + std::to_string(options.seconds) +
          " s in a private mount namespace.\nCPU frequencies: " + frequencySourceText(machine) +
          "\n\n" + textTotal(r.freqs, r.total) +
@@ -81,9 +81,10 @@ std::string demoText(const Options& options, const DemoMachine& machine, const S
          textTaskTable(r.freqs, processes, /*withFlag=*/true) +
          heading("Busiest kernel threads", kthreads.size(), rowCount(r.kthreads, overflow)) +
          textTaskTable(r.freqs, kthreads, /*withFlag=*/false) +
-         heading("Foreground and background time per task name", classes.size(), classNames) +
-         "(time spent in each class since the load, not CPU time)\n" + textClassTimes(classes) +
-         (sampler ? "\n" + samplerText(options, *sampler) : "");
+         heading("Foreground and background time of the processes that ran", classes.size(),
+                 classNames) +
+         "(busiest first; time spent in each class since the load, asleep too, not CPU time)\n" +
+         textClassTimes(classes) + (sampler ? "\n" + samplerText(options, *sampler) : "");
 }
 
 std::string demoJson(const Options& options, const DemoMachine& machine, const Snapshot& r,

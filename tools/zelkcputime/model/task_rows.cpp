@@ -58,19 +58,26 @@ size_t rowCount(const com::zelkora::TimeInStateTable& table, OverflowRow overflo
   return count;
 }
 
-std::vector<ClassTimes> joinedClassTimes(const com::zelkora::TimeTable& top,
-                                         const com::zelkora::TimeTable& bg, size_t limit) {
+std::vector<ClassTimes> ranClassTimes(const com::zelkora::TimeInStateTable& processes,
+                                      const com::zelkora::TimeTable& top,
+                                      const com::zelkora::TimeTable& bg, size_t limit) {
   std::map<std::string, ClassTimes> byName;
-  for (const auto& [key, ns] : top)
-    byName.try_emplace(key.comm, ClassTimes{key.comm, 0, 0}).first->second.topNs += ns;
-  for (const auto& [key, ns] : bg)
-    byName.try_emplace(key.comm, ClassTimes{key.comm, 0, 0}).first->second.bgNs += ns;
+  for (const auto& [key, times] : processes) {
+    const uint64_t ns = sumTimes(times);
+    if (ns > 0)
+      byName.try_emplace(key.comm, ClassTimes{key.comm, 0, 0, 0}).first->second.cpuNs += ns;
+  }
+  for (const auto& [table, field] :
+       {std::pair{&top, &ClassTimes::topNs}, std::pair{&bg, &ClassTimes::bgNs}}) {
+    for (const auto& [key, ns] : *table) {
+      if (const auto row = byName.find(key.comm); row != byName.end()) row->second.*field += ns;
+    }
+  }
   std::vector<ClassTimes> rows;
   rows.reserve(byName.size());
   for (auto& [name, row] : byName) rows.push_back(std::move(row));
   return sortedAndCut(std::move(rows), limit, [](const ClassTimes& a, const ClassTimes& b) {
-    const uint64_t sumA = a.topNs + a.bgNs, sumB = b.topNs + b.bgNs;
-    return sumA != sumB ? sumA > sumB : a.name < b.name;
+    return a.cpuNs != b.cpuNs ? a.cpuNs > b.cpuNs : a.name < b.name;
   });
 }
 

@@ -44,15 +44,19 @@ size_t rowCount(const com::zelkora::TimeInStateTable& table, OverflowRow overflo
 // False for an overflow entry without time under kWithTime.
 bool isRow(const com::zelkora::process_key_char_t& key, uint64_t ns, OverflowRow overflow);
 
-// One task's foreground and background time, for the joined view.
+// A name's CPU time and its time in each class, for the joined view.
 struct ClassTimes {
   std::string name;
+  uint64_t cpuNs;  // both classes' entries of the process table
   uint64_t topNs;
   uint64_t bgNs;
 };
 
-// Names of both tables, ordered by top + background descending, then name; `limit` as above.
-std::vector<ClassTimes> joinedClassTimes(const com::zelkora::TimeTable& top,
-                                         const com::zelkora::TimeTable& bg, size_t limit);
+// The names that ran: those with CPU time in `processes`, busiest first, then by name, with their
+// time in the foreground and the background; `limit` as above. Class time is wall time, which a
+// sleeping task also adds: ordered by it, idle daemons and kernel threads filled the table.
+std::vector<ClassTimes> ranClassTimes(const com::zelkora::TimeInStateTable& processes,
+                                      const com::zelkora::TimeTable& top,
+                                      const com::zelkora::TimeTable& bg, size_t limit);
 
 }  // namespace zelk::cli

@@ -113,9 +113,11 @@ std::string textClassTimes(const std::vector<ClassTimes>& rows) {
   std::vector<std::vector<std::string>> cells;
   cells.reserve(rows.size());
   for (const ClassTimes& row : rows) {
-    cells.push_back({printableName(row.name), formatSeconds(row.topNs), formatSeconds(row.bgNs)});
+    cells.push_back({printableName(row.name), formatSeconds(row.cpuNs), formatSeconds(row.topNs),
+                     formatSeconds(row.bgNs)});
   }
-  return renderTable({{"name", false}, {"foreground s", true}, {"background s", true}}, cells);
+  return renderTable(
+      {{"name", false}, {"CPU s", true}, {"foreground s", true}, {"background s", true}}, cells);
 }
 
 }  // namespace zelk::cli

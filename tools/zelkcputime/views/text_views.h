@@ -32,7 +32,7 @@ std::string textTask(const std::string& title, const FreqTable& freqs, const Tim
 // Name and seconds, one row per name, under the header `timeHeader`.
 std::string textNamedTimes(const std::string& timeHeader, const std::vector<NamedTime>& rows);
 
-// Name, foreground seconds and background seconds.
+// Name, CPU seconds, foreground seconds and background seconds.
 std::string textClassTimes(const std::vector<ClassTimes>& rows);
 
 }  // namespace zelk::cli
