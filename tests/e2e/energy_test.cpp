@@ -33,8 +33,8 @@ TEST_F(EnergyTest, ToolEnergyIsRuntimeTimesPowerAtTheCurrentFrequency) {
   std::smatch match;
   ASSERT_TRUE(std::regex_match(
       run.output, match,
-      std::regex(R"(\{"unit":"uJ","model":"[^"]+","process":\[\{"name":"zelkenergy","flag":1,)"
-                 R"("energy":([0-9]+),"unmodelled_ns":0\}\]\}\n)")))
+      std::regex(R"(\{"unit":"uJ","model":"[^"]+","process":\{"name":"zelkenergy","flag":1,)"
+                 R"("energy":([0-9]+),"unmodelled_ns":0\}\}\n)")))
       << run.output;
   const double energy = std::stod(match[1]);
   const double expected = static_cast<double>(runtime) * kPowerUw / 1e9;

@@ -1,29 +1,16 @@
 // The built tool's energy view against the kernel object: its formats and its one-line errors
 // for bad models and command lines.
 #include <android-base/file.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cstring>
-#include <regex>
 #include <string>
 #include <vector>
 
-#include "child_process.h"
-#include "namespace.h"
+#include "tool_run.h"
 
 namespace zelk::testbed {
 namespace {
-
-using Args = std::vector<std::string>;
-
-ChildResult runTool(const Args& args, bool withStderr = true) {
-  return runProgram(ZELK_TOOL_PATH, args, nullptr, withStderr);
-}
-
-bool contains(const std::string& text, const std::string& pattern) {
-  return std::regex_search(text, std::regex(pattern));
-}
 
 class EnergyCommandTest : public KernelTest {
  protected:
@@ -57,7 +44,8 @@ TEST_F(EnergyCommandTest, FormatsAndErrors) {
                                        "\",\"total\":\\{\"energy\":[1-9][0-9]*,"
                                        "\"unmodelled_ns\":0\\}\\}\n$"))
       << run.output;
-  run = runTool({"show", "energy", "--model", csv, "--json"}, /*withStderr=*/false);
+  run = runTool({"show", "energy", "--model", csv, "--json"}, /*asNobody=*/false,
+                /*withStderr=*/false);
   EXPECT_TRUE(contains(run.output,
                        "\"total\":\\{.*\\},\"processes\":\\[\\{\"name\":\"[^\"]+\","
                        "\"flag\":[01],\"energy\":[0-9]+,\"unmodelled_ns\":0\\}.*\\],"
@@ -93,6 +81,25 @@ TEST_F(EnergyCommandTest, FormatsAndErrors) {
   run = runTool({"show", "energy", "process", "zelkcputime", "--flag", "--model", xml});
   EXPECT_TRUE(contains(run.output, "\nprocess zelkcputime \\(foreground\\): [0-9]+ uAh\n$"))
       << run.output;
+  // Without a class, both entries, as show process gives them; the CSV's flag left empty.
+  run = runTool({"show", "energy", "process", "zelkcputime", "--model", xml});
+  EXPECT_TRUE(
+      contains(run.output, "\nprocess zelkcputime \\(foreground and background\\): [0-9]+ uAh\n$"))
+      << run.output;
+  // A single task is one object, as show process --json gives it.
+  run = runTool({"show", "energy", "process", "zelkcputime", "--model", xml, "--json"});
+  EXPECT_TRUE(contains(run.output, "^\\{\"unit\":\"uAh\",\"model\":\"" + xml +
+                                       "\",\"process\":\\{\"name\":\"zelkcputime\","
+                                       "\"energy\":[0-9]+,\"unmodelled_ns\":0\\}\\}\n$"))
+      << run.output;
+  run = runTool({"show", "energy", "kthread", "ksoftirqd/0", "--model", xml, "--json"});
+  EXPECT_TRUE(contains(run.output, "\"kthread\":\\{\"name\":\"ksoftirqd/0\",\"flag\":1,"))
+      << run.output;
+  run = runTool(
+      {"show", "energy", "process", "zelkcputime", "--background", "--model", xml, "--csv"});
+  EXPECT_TRUE(contains(run.output, "\nprocess,zelkcputime,0,[0-9]+,uAh,0\n$")) << run.output;
+  run = runTool({"show", "energy", "process", "zelkcputime", "--model", xml, "--csv"});
+  EXPECT_TRUE(contains(run.output, "\nprocess,zelkcputime,,[0-9]+,uAh,0\n$")) << run.output;
 
   // Bad models: one line naming the file, exit 1, nothing else.
   const std::string missing = "/tmp/zelk-energy-command-missing.csv";
@@ -123,36 +130,13 @@ TEST_F(EnergyCommandTest, FormatsAndErrors) {
   for (const Args& args :
        {Args{"show", "energy", "everything"}, Args{"show", "total", "--model", csv},
         Args{"show", "energy", "kthread", "k", "--flag"}, Args{"show", "energy", "process"},
+        Args{"show", "energy", "--background"},
+        Args{"show", "energy", "process", "p", "--flag", "--background"},
         Args{"show", "energy", "--voltage", "-1"}, Args{"show", "energy", "--voltage", "1e3"}}) {
     run = runTool(args);
     EXPECT_EQ(run.status, 2) << args[2] << ": " << run.output;
   }
   EXPECT_EQ(runTool({"unload"}).status, 0);
-}
-
-// The demo on this machine as it is, with a model: one policy 0 here (the machine's or the
-// demo's synthetic one), whose frequencies the model does not have, so all its time is
-// unmodelled; and a model that cannot be loaded stops it before it samples.
-TEST(EnergyDemoTest, AddsTheEnergyTableAndRefusesABadModel) {
-  if (geteuid() != 0) ZELK_SKIP_OR_FAIL("the demo needs root");
-  const std::string csv = "/tmp/zelk-energy-demo.csv";
-  ASSERT_TRUE(android::base::WriteStringToFile("0,1,1000000\n", csv));
-  ChildResult run = runTool({"demo", "--seconds", "1", "--json", "--model", csv});
-  unlink(csv.c_str());
-  size_t policies = 0;
-  if (DIR* dir = opendir(kCpufreqDir)) {
-    while (const dirent* entry = readdir(dir)) policies += strncmp(entry->d_name, "policy", 6) == 0;
-    closedir(dir);
-  }
-  if (policies <= 1) {
-    EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_TRUE(contains(run.output, ",\"energy\":\\{\"unit\":\"uJ\",\"model\":\"" + csv +
-                                         "\",\"total\":\\{\"energy\":0,\"unmodelled_ns\":[1-9]"))
-        << run.output;
-  }
-  run = runTool({"demo", "--seconds", "1", "--model", "/tmp/zelk-energy-demo-missing"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.output, "zelkcputime: /tmp/zelk-energy-demo-missing: No such file or directory\n");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The energy view's rows and table as functions: order, limit, share and the unmodelled column.
+// The energy view's table: share and the unmodelled column.
 #include "views/energy_view.h"
 
 #include <gtest/gtest.h>
@@ -6,23 +6,7 @@
 namespace zelk::cli {
 namespace {
 
-using com::zelkora::EnergyTable;
 using com::zelkora::EnergyUnit;
-
-TEST(EnergyViewTest, SortsByEnergyThenUnmodelledThenNameAndFlag) {
-  EnergyTable table;
-  table[{"b", 0}] = {EnergyUnit::kMicrojoules, 500, 0};
-  table[{"a", 1}] = {EnergyUnit::kMicrojoules, 500, 0};
-  table[{"a", 0}] = {EnergyUnit::kMicrojoules, 500, 0};
-  table[{"z", 0}] = {EnergyUnit::kMicrojoules, 500, 7};
-  table[{"top", 1}] = {EnergyUnit::kMicrojoules, 9000, 0};
-  std::vector<std::string> order;
-  for (const EnergyRow& row : sortedEnergies(table, 0)) {
-    order.push_back(row.name + std::to_string(row.flag));
-  }
-  EXPECT_EQ(order, (std::vector<std::string>{"top1", "z0", "a0", "a1", "b0"}));
-  EXPECT_EQ(sortedEnergies(table, 2).size(), 2u);
-}
 
 TEST(EnergyViewTest, TableShowsShareAndUnmodelledOnlyWhenThereIsSome) {
   std::vector<EnergyRow> rows = {{"busy", 1, {EnergyUnit::kMicroampHours, 750, 0}},

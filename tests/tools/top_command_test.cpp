@@ -22,6 +22,7 @@
 #include "child_process.h"
 #include "maps.h"
 #include "namespace.h"
+#include "serve_bed.h"
 
 namespace zelk::testbed {
 namespace {
@@ -185,6 +186,60 @@ TEST_F(TopBatchTest, ResetByAnotherProcessGivesSaneRows) {
     EXPECT_GT(cpuOf(frame, "zelktopreset"), 0) << frame;
   }
   EXPECT_TRUE(resetSeen) << output;
+}
+
+// The exporter running as a service and top opened for a look: top reads what serve's tracking
+// counts, as show does, rather than attaching the programs again, which the kernel refuses
+// (PERF_EVENT_IOC_SET_BPF: File exists) while serve holds them.
+class TopBesideServeTest : public TopBatchTest {
+ protected:
+  NamespaceOptions namespaceOptions() const override { return {.tracefs = true, .network = true}; }
+};
+
+TEST_F(TopBesideServeTest, ReadsWhatServeTracks) {
+  Background serve(ZELK_TOOL_PATH, {"serve"});
+  ASSERT_TRUE(serve.waitFor("serving http://", milliseconds(30000))) << serve.output();
+  const pid_t child = busyChild("zelktopserve", milliseconds(3500));
+  ASSERT_GT(child, 0);
+  const ChildResult run =
+      runProgram(ZELK_TOOL_PATH, {"top", "--batch", "--interval", "1", "--iterations", "2"});
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  ASSERT_EQ(run.status, 0) << run.output;
+  const std::vector<std::string> frames = framesOf(run.output);
+  ASSERT_EQ(frames.size(), 2u) << run.output;
+  for (const std::string& frame : frames) {
+    EXPECT_GE(cpuOf(frame, "zelktopserve"), 50) << frame;
+    EXPECT_TRUE(
+        std::regex_search(frame, std::regex("tracked by process " + std::to_string(serve.pid()))))
+        << frame;
+  }
+  // A second tracker is refused with the one that runs named; serve goes on meanwhile.
+  const ChildResult start = runProgram(ZELK_TOOL_PATH, {"start", "--seconds", "1"});
+  EXPECT_EQ(start.status, 1) << start.output;
+  EXPECT_TRUE(std::regex_search(
+      start.output,
+      std::regex("zelkcputime: tracking already runs in process " + std::to_string(serve.pid()))))
+      << start.output;
+  EXPECT_EQ(httpRequest(10410, "GET", "/metrics").status, 200);
+  EXPECT_EQ(serve.stop(), 0) << serve.output();
+
+  // The other way round: serve beside start serves what start's tracking counts.
+  Background tracker(ZELK_TOOL_PATH, {"start"});
+  ASSERT_TRUE(tracker.waitFor("tracking in process", milliseconds(10000))) << tracker.output();
+  Background beside(ZELK_TOOL_PATH, {"serve"});
+  ASSERT_TRUE(beside.waitFor("serving http://", milliseconds(30000))) << beside.output();
+  EXPECT_TRUE(std::regex_search(beside.output(),
+                                std::regex("tracking in process " + std::to_string(tracker.pid()) +
+                                           " \\(another process\\)")))
+      << beside.output();
+  const HttpReply reply = httpRequest(10410, "GET", "/metrics");
+  EXPECT_EQ(reply.status, 200) << reply.body;
+  EXPECT_TRUE(
+      std::regex_search(reply.body, std::regex("\nzelk_cpu_seconds_total\\{[^}]*\\} [0-9.]*[1-9]")))
+      << reply.body;
+  EXPECT_EQ(beside.stop(), 0) << beside.output();
+  EXPECT_EQ(tracker.stop(), 0) << tracker.output();
 }
 
 // The view must not disturb what it measures: at the default interval, with 500 process names in

@@ -33,11 +33,13 @@ constexpr const char kUsage[] =
     "  show total              whole-system time per frequency, with a residency chart\n"
     "  show processes          busiest processes (name and foreground flag)\n"
     "  show kthreads           busiest kernel threads\n"
-    "  show process NAME [--flag]  one process: background entry, or foreground with --flag\n"
+    "  show process NAME [--flag | --background]  one process: its foreground and background\n"
+    "                          entries summed, or the one --flag or --background picks\n"
     "  show kthread NAME       one kernel thread\n"
     "  show top | show bg      foreground or background time per task name\n"
     "  show freqs              the frequency table\n"
-    "  show energy [total | processes | kthreads | process NAME [--flag] | kthread NAME]\n"
+    "  show energy [total | processes | kthreads | kthread NAME |\n"
+    "               process NAME [--flag | --background]]\n"
     "      [--model PATH] [--voltage V]  energy per task from a power model: an Energy Model\n"
     "                          directory (default /sys/kernel/debug/energy_model), a\n"
     "                          power_profile.xml (charge in µAh, or energy at V volts) or a\n"
@@ -72,7 +74,9 @@ const Command kCommands[] = {
     {"unload", runUnload, {}},
     {"start", runStart, {"--seconds"}},
     {"status", runStatus, {"--json"}},
-    {"show", runShow, {"--json", "--csv", "--limit", "--flag", "--model", "--voltage"}},
+    {"show",
+     runShow,
+     {"--json", "--csv", "--limit", "--flag", "--background", "--model", "--voltage"}},
     {"reset", runReset, {"--flag"}},
     {"top",
      runTop,

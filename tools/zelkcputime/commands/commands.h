@@ -1,10 +1,13 @@
 // The subcommands. Each returns the process's exit status.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "commands/options.h"
+#include "model/snapshot.h"
+#include "zelkcpufreqtime_energy.h"
 
 namespace zelk::cli {
 
@@ -17,6 +20,8 @@ int runUnload(const Options& options);
 int runStart(const Options& options);
 int runStatus(const Options& options);
 int runShow(const Options& options);
+// show energy [total | processes | kthreads | process NAME [--flag] | kthread NAME]
+int runShowEnergy(const Options& options);
 int runReset(const Options& options);
 int runDemo(const Options& options);
 int runTop(const Options& options);
@@ -29,7 +34,19 @@ int usageError(const std::string& message);
 // Checks "COMMAND VIEW [NAME]" for show and reset: VIEW one of `views`, a NAME after "process"
 // and "kthread" only, --flag after "process" only. Returns the usage message, "" when well formed.
 std::string checkViewWords(const Options& options, const std::vector<std::string>& views);
+// --flag and --background: after `process` only, and not both. Returns the usage message, "" when
+// well formed.
+std::string checkClassOptions(const Options& options, const std::string& view,
+                              const std::string& command);
+// The entry of a process that --flag or --background picks; both classes without either.
+ProcessClass processClass(const Options& options);
 // Writes `text` to stdout.
 void printOut(const std::string& text);
+
+// The model of --model PATH, else the machine's Energy Model when it has one that fits its
+// policies (else none, with a note in `note`), for the views where energy is optional. False with
+// `error` set when the given model cannot be used.
+bool optionalModel(const Options& options, std::optional<com::zelkora::PowerModel>* model,
+                   std::string* note, std::string* error);
 
 }  // namespace zelk::cli

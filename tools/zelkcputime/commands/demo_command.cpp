@@ -8,9 +8,11 @@
 #include "commands/commands.h"
 #include "commands/library_log.h"
 #include "machine/demo_setup.h"
+#include "model/energy.h"
 #include "model/snapshot.h"
 #include "views/csv_views.h"
 #include "views/energy_view.h"
+#include "views/frequency_source.h"
 #include "views/json_views.h"
 #include "views/progress_bar.h"
 #include "views/text_views.h"
@@ -66,20 +68,23 @@ std::string samplerText(const Options& options, const SamplerStats& stats) {
 
 std::string demoText(const Options& options, const DemoMachine& machine, const Snapshot& r,
                      size_t limit, const std::optional<SamplerStats>& sampler) {
-  const auto processes = sortedTasks(r.processes, limit);
-  const auto kthreads = sortedTasks(r.kthreads, limit);
-  const auto classes = joinedClassTimes(r.top, r.bg, limit);
-  const size_t classNames = joinedClassTimes(r.top, r.bg, 0).size();
+  // An empty overflow entry is left out here, kept in JSON and CSV.
+  const OverflowRow overflow = OverflowRow::kWithTime;
+  const auto processes = sortedTasks(r.processes, limit, overflow);
+  const auto kthreads = sortedTasks(r.kthreads, limit, overflow);
+  const auto classes = ranClassTimes(r.processes, r.top, r.bg, limit);
+  const size_t classNames = ranClassTimes(r.processes, r.top, r.bg, 0).size();
   return "Sampled this machine for " + std::to_string(options.seconds) +
-         " s in a private mount namespace.\nCPU frequencies: " + machine.policies + "\n\n" +
-         textTotal(r.freqs, r.total) +
-         heading("Busiest processes", processes.size(), r.processes.size()) +
+         " s in a private mount namespace.\nCPU frequencies: " + frequencySourceText(machine) +
+         "\n\n" + textTotal(r.freqs, r.total) +
+         heading("Busiest processes", processes.size(), rowCount(r.processes, overflow)) +
          textTaskTable(r.freqs, processes, /*withFlag=*/true) +
-         heading("Busiest kernel threads", kthreads.size(), r.kthreads.size()) +
+         heading("Busiest kernel threads", kthreads.size(), rowCount(r.kthreads, overflow)) +
          textTaskTable(r.freqs, kthreads, /*withFlag=*/false) +
-         heading("Foreground and background time per task name", classes.size(), classNames) +
-         "(time spent in each class since the load, not CPU time)\n" + textClassTimes(classes) +
-         (sampler ? "\n" + samplerText(options, *sampler) : "");
+         heading("Foreground and background time of the processes that ran", classes.size(),
+                 classNames) +
+         "(busiest first; time spent in each class since the load, asleep too, not CPU time)\n" +
+         textClassTimes(classes) + (sampler ? "\n" + samplerText(options, *sampler) : "");
 }
 
 std::string demoJson(const Options& options, const DemoMachine& machine, const Snapshot& r,
@@ -99,7 +104,16 @@ std::string demoJson(const Options& options, const DemoMachine& machine, const S
   writeNamedTimes(json, sortedNamedTimes(r.top, limit));
   json.key("bg");
   writeNamedTimes(json, sortedNamedTimes(r.bg, limit));
-  if (model) writeDemoEnergy(json.key("energy"), *model, r.total, r.processes, r.kthreads, limit);
+  if (model) {
+    // The tables of show energy --json, or null when the times do not fit the model.
+    const EnergyResult energy = energyOf(*model, r, limit);
+    json.key("energy");
+    if (energy.energy) {
+      writeEnergyView(json, {*model, *energy.energy, {}, false});
+    } else {
+      json.null();
+    }
+  }
   return json.endObject().text() + "\n";
 }
 
@@ -109,6 +123,12 @@ std::string demoCsv(const Snapshot& r, size_t limit) {
          csvTasks("kthread", r.freqs, sortedTasks(r.kthreads, limit)) +
          csvNamedTimes("top", sortedNamedTimes(r.top, limit)) +
          csvNamedTimes("bg", sortedNamedTimes(r.bg, limit));
+}
+
+std::string demoEnergyText(const lib::PowerModel& model, const Snapshot& r, size_t limit) {
+  const EnergyResult energy = energyOf(model, r, limit, OverflowRow::kWithTime);
+  if (!energy.energy) return "\nno energy table: the times do not fit the power model\n";
+  return "\n" + energyText({model, *energy.energy, {}, false});
 }
 
 }  // namespace
@@ -125,7 +145,7 @@ int runDemo(const Options& options) {
   }
   std::optional<lib::PowerModel> model;
   std::string energyNote, energyError;
-  const bool modelUsable = demoModel(options, &model, &energyNote, &energyError);
+  const bool modelUsable = optionalModel(options, &model, &energyNote, &energyError);
   releaseLibraryLog(/*withNotes=*/modelUsable);
   if (!modelUsable) return fail(energyError);
   if (options.format == Format::kText) {
@@ -147,9 +167,7 @@ int runDemo(const Options& options) {
       break;
     case Format::kText:
       printOut(demoText(options, machine, *taken.snapshot, limit, sampler) +
-               (model ? demoEnergyText(*model, taken.snapshot->total, taken.snapshot->processes,
-                                       taken.snapshot->kthreads, limit)
-                      : "\n" + energyNote + "\n"));
+               (model ? demoEnergyText(*model, *taken.snapshot, limit) : "\n" + energyNote + "\n"));
       break;
   }
   return kExitOk;

@@ -112,6 +112,8 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       options.format = name == "--json" ? Format::kJson : Format::kCsv;
     } else if (name == "--flag") {
       options.flag = true;
+    } else if (name == "--background") {
+      options.background = true;
     } else if (name == "--replace") {
       options.replace = true;
     } else if (name == "--verbose") {

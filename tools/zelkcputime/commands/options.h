@@ -19,7 +19,8 @@ struct Options {
   Format format = Format::kText;
   size_t limit = 0;  // 0: every row
   unsigned seconds = 5;
-  bool flag = false;  // the foreground entry of a process
+  bool flag = false;        // the foreground entry of a process
+  bool background = false;  // its background entry
   bool replace = false;
   bool sample = false;     // sample the current frequency of every policy, not only tableless
   unsigned sampleMs = 20;  // the sampler's period
@@ -41,10 +42,10 @@ struct ParsedOptions {
 };
 
 // Options: --json, --csv, --limit N, --seconds N (1 to 3600), --sample, --sample-ms N (1 to
-// 1000), --flag, --replace, --names N, --kthreads N, --pids N, --model PATH, --voltage V (volts,
-// a positive decimal), --interval S (0.1 to 3600 s), --iterations N, --batch, --listen
-// ADDR:PORT, --per-frequency REGEX, -v/--verbose, -h/--help; "--" ends the options, so that a
-// task named like one can be given. After `top`, --kthreads takes no value.
+// 1000), --flag, --background, --replace, --names N, --kthreads N, --pids N, --model PATH,
+// --voltage V (volts, a positive decimal), --interval S (0.1 to 3600 s), --iterations N, --batch,
+// --listen ADDR:PORT, --per-frequency REGEX, -v/--verbose, -h/--help; "--" ends the options, so
+// that a task named like one can be given. After `top`, --kthreads takes no value.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 
 }  // namespace zelk::cli

@@ -31,8 +31,23 @@ std::string checkViewWords(const Options& options, const std::vector<std::string
   if (words.size() != (named ? 3u : 2u)) {
     return command + " " + view + (named ? " takes one NAME" : " takes no NAME");
   }
-  if (options.flag && view != "process") return "--flag applies to " + command + " process";
+  return checkClassOptions(options, view, command);
+}
+
+std::string checkClassOptions(const Options& options, const std::string& view,
+                              const std::string& command) {
+  for (const auto& [given, name] :
+       {std::pair{options.flag, "--flag"}, std::pair{options.background, "--background"}}) {
+    if (given && view != "process")
+      return std::string(name) + " applies to " + command + " process";
+  }
+  if (options.flag && options.background) return "--flag and --background exclude each other";
   return "";
+}
+
+ProcessClass processClass(const Options& options) {
+  if (options.flag) return ProcessClass::kForeground;
+  return options.background ? ProcessClass::kBackground : ProcessClass::kBoth;
 }
 
 void printOut(const std::string& text) { fwrite(text.data(), 1, text.size(), stdout); }

@@ -13,10 +13,12 @@
 #include "commands/commands.h"
 #include "machine/demo_setup.h"
 #include "machine/environment.h"
+#include "machine/power_model_file.h"
+#include "machine/tracking.h"
 #include "object_loader.h"
 #include "serve/http_server.h"
 #include "serve/metrics_exporter.h"
-#include "views/energy_view.h"
+#include "views/frequency_source.h"
 #include "zelkcpufreqtime.h"
 
 namespace zelk::cli {
@@ -88,17 +90,18 @@ int runServe(const Options& options) {
   });
   if (!error.empty()) return fail(error);
   DemoMachine sampled;
+  pid_t tracker = getpid();  // in the sampled namespace, always this process
   if (needsSampling(options)) {
     if (std::string error = setUpDemo({options.sample, options.sampleMs}, &sampled);
         !error.empty()) {
       return fail(error);
     }
-    fprintf(stderr, "zelkcputime: %s\n", sampled.policies.c_str());
+    fprintf(stderr, "zelkcputime: %s\n", frequencySourceText(sampled).c_str());
   } else {
     if (std::string message = loadIfNeeded(); !message.empty()) return fail(message);
-    if (!com::zelkora::startTrackingCpuFreqTime()) {
-      return fail("the library could not start tracking (its messages above say why)");
-    }
+    const Tracking joined = joinTracking();
+    if (joined.by == 0) return fail(joined.error + " (its messages above say why)");
+    tracker = joined.by;
   }
   if (options.given.count("--model") != 0) {
     com::zelkora::PowerModelResult loaded = loadModelForTool(options.model, options.voltage);
@@ -108,8 +111,11 @@ int runServe(const Options& options) {
   exporter.emplace(CollectSources{}, SnapshotRequest{}, perFrequency ? &*perFrequency : nullptr,
                    model ? &*model : nullptr, sampled.sampledMs);
   tracking = true;
+  // Beside another tracker the counts grow while that one runs.
   printOut("serving http://" + address.text() + "/metrics; tracking in process " +
-           std::to_string(getpid()) + " until SIGINT or SIGTERM\n");
+           std::to_string(tracker) +
+           (tracker == getpid() ? " until SIGINT or SIGTERM\n"
+                                : " (another process); serving until SIGINT or SIGTERM\n"));
   fflush(stdout);
   int signal = 0;
   sigwait(&stops, &signal);

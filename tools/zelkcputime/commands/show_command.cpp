@@ -5,7 +5,6 @@
 #include "machine/environment.h"
 #include "model/snapshot.h"
 #include "views/csv_views.h"
-#include "views/energy_view.h"
 #include "views/json_views.h"
 #include "views/text_table.h"
 #include "views/text_views.h"
@@ -20,6 +19,7 @@ struct Request {
   const Snapshot& snapshot;
   const FreqTable& freqs;
   size_t limit;
+  OverflowRow overflow;  // text leaves an empty overflow entry out
 };
 
 int emit(const Options& options, const std::function<std::string()>& text,
@@ -57,7 +57,7 @@ int showTotal(const Request& r) {
 
 int showTable(const Request& r, bool kthreads) {
   const std::vector<TaskTimes> rows =
-      sortedTasks(kthreads ? r.snapshot.kthreads : r.snapshot.processes, r.limit);
+      sortedTasks(kthreads ? r.snapshot.kthreads : r.snapshot.processes, r.limit, r.overflow);
   return emit(
       r.options, [&] { return textTaskTable(r.freqs, rows, /*withFlag=*/!kthreads); },
       [&](JsonWriter& json) {
@@ -68,25 +68,21 @@ int showTable(const Request& r, bool kthreads) {
 }
 
 int showTask(const Request& r, bool kthread, const std::string& name) {
-  const uint64_t flag = kthread || r.options.flag ? 1 : 0;
-  const TakenTask taken = takeTask(kthread, name, flag != 0);
-  if (!taken.times) return fail(taken.error);
-  const TaskTimes task{name, flag, *taken.times, sumTimes(*taken.times)};
-  const std::string title =
-      kthread ? "kernel thread " + printableName(name)
-              : "process " + printableName(name) + (flag != 0 ? " (foreground)" : " (background)");
+  const TakenTask taken = takeTask({kthread, name, processClass(r.options)});
+  if (!taken.task) return fail(taken.error);
+  const NamedTask& task = *taken.task;
   return emit(
-      r.options, [&] { return textTask(title, r.freqs, task.times); },
+      r.options, [&] { return textTask(taskTitle(kthread, name, task.flag), r.freqs, task.times); },
       [&](JsonWriter& json) {
         json.key("freqs_khz").numbers(r.freqs).key(kthread ? "kthread" : "process");
         writeTask(json, task);
       },
-      [&] { return csvTasks(kthread ? "kthread" : "process", r.freqs, {task}); });
+      [&] { return csvTask(kthread ? "kthread" : "process", r.freqs, task); });
 }
 
 int showClassTimes(const Request& r, bool top) {
   const std::vector<NamedTime> rows =
-      sortedNamedTimes(top ? r.snapshot.top : r.snapshot.bg, r.limit);
+      sortedNamedTimes(top ? r.snapshot.top : r.snapshot.bg, r.limit, r.overflow);
   const char* name = top ? "top" : "bg";
   return emit(
       r.options, [&] { return textNamedTimes(top ? "foreground s" : "background s", rows); },
@@ -124,8 +120,10 @@ int runShow(const Options& options) {
   const TakenSnapshot taken = takeSnapshot(snapshotRequest);
   if (!taken.snapshot) return fail(taken.error);
   const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
-  const Request request{options, *taken.snapshot, taken.snapshot->freqs,
-                        textDefault ? kDefaultTextRows : options.limit};
+  const Request request{
+      options, *taken.snapshot, taken.snapshot->freqs,
+      textDefault ? kDefaultTextRows : options.limit,
+      options.format == Format::kText ? OverflowRow::kWithTime : OverflowRow::kAlways};
   if (view == "freqs") return showFreqs(request);
   if (view == "total") return showTotal(request);
   if (view == "processes" || view == "kthreads") return showTable(request, view == "kthreads");

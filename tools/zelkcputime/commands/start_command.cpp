@@ -9,7 +9,7 @@
 
 #include "commands/commands.h"
 #include "machine/environment.h"
-#include "zelkcpufreqtime.h"
+#include "machine/tracking.h"
 
 namespace zelk::cli {
 
@@ -24,8 +24,11 @@ int runStart(const Options& options) {
   for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stops, signal);
   pthread_sigmask(SIG_BLOCK, &stops, nullptr);
 
-  if (!com::zelkora::startTrackingCpuFreqTime()) {
-    return fail("the library could not start tracking (its messages above say why)");
+  const Tracking tracking = joinTracking();
+  if (tracking.by == 0) return fail(tracking.error + " (its messages above say why)");
+  if (tracking.by != getpid()) {
+    return fail("tracking already runs in process " + std::to_string(tracking.by) +
+                ", and the kernel takes the programs once: `zelkcputime show` reads its counts");
   }
   const bool timed = options.given.count("--seconds") != 0;
   printOut(

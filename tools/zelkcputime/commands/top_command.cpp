@@ -16,9 +16,10 @@
 #include "core/possible_cpus.h"
 #include "machine/demo_setup.h"
 #include "machine/environment.h"
+#include "machine/tracking.h"
 #include "model/snapshot.h"
 #include "model/snapshot_diff.h"
-#include "views/energy_view.h"
+#include "views/frequency_source.h"
 #include "views/top_view.h"
 #include "zelkcpufreqtime.h"
 
@@ -107,17 +108,19 @@ void countOnlineCpus(Source* source) {
 std::string setUp(const Options& options, Source* source) {
   size_t expected = 0;
   if (checkRoot().empty() && missingPins(&expected).empty()) {
-    if (!lib::startTrackingCpuFreqTime()) {
-      return "the library could not start tracking (run with -v for its messages)";
-    }
-    source->machine.policies = "the machine's cpufreq policies, through the loaded object";
+    const Tracking tracking = joinTracking();
+    if (tracking.by == 0) return tracking.error + " (run with -v for its messages)";
+    source->context.policies =
+        "the machine's cpufreq policies, through the loaded object, tracked by process " +
+        std::to_string(tracking.by);
   } else if (std::string error = setUpDemo({options.sample, options.sampleMs}, &source->machine);
              !error.empty()) {
     return error;
+  } else {
+    source->context.policies = frequencySourceText(source->machine);
   }
   std::string note, error;
-  if (!demoModel(options, &source->model, &note, &error)) return error;
-  source->context.policies = source->machine.policies;
+  if (!optionalModel(options, &source->model, &note, &error)) return error;
   for (const PolicyDir& policy : cpufreqPolicies()) {
     source->relatedCpus.push_back(relatedCpuList(policy.relatedCpus));
   }
@@ -228,7 +231,7 @@ void draw(const std::optional<SnapshotDiff>& diff, const Source& source,
     attron(A_REVERSE);
     mvaddnstr(y++, 0, topColumns(source.context, settings.kthreads).c_str(), COLS);
     attroff(A_REVERSE);
-    for (const TopRow& row : topRows(*diff, source.context, settings)) {
+    for (const TaskRate& row : topRows(*diff, source.context, settings)) {
       if (y >= LINES - 1) break;
       mvaddnstr(y++, 0, topRowLine(row, source.context, settings.kthreads).c_str(), COLS);
     }

@@ -8,8 +8,8 @@
 #include "machine/private_mounts.h"
 #include "machine/sampled_tree.h"
 #include "machine/synthetic_policy.h"
+#include "machine/tracking.h"
 #include "object_loader.h"
-#include "views/units.h"
 #include "zelkcpufreqtime.h"
 
 namespace zelk::cli {
@@ -31,11 +31,7 @@ std::string useSyntheticPolicy(DemoMachine* machine) {
   if (!cpus) return std::string("cannot read the CPUs of this machine from ") + kPossibleCpus;
   if (std::string error = mountSyntheticCpufreq(nominal->khz, *cpus); !error.empty()) return error;
   machine->synthetic = true;
-  machine->policies =
-      "SYNTHETIC: this machine has no cpufreq driver, so policy 0 is one policy "
-      "over CPUs " +
-      android::base::Trim(possible) + " at the nominal " + formatMhz(nominal->khz) + " MHz (from " +
-      nominal->source + "); all time counts at that frequency";
+  machine->syntheticSource = {android::base::Trim(possible), nominal->khz, nominal->source};
   return "";
 }
 
@@ -46,31 +42,21 @@ std::string useRealPolicies(const Sampling& sampling, std::vector<RealPolicy>* p
   std::string error;
   *policies = readRealPolicies(sampling.always, &error);
   if (!error.empty()) return error;
-  std::string sampled, exact;
+  bool sampled = false;
   for (const RealPolicy& policy : *policies) {
-    const std::string cpus = " (" + (policy.driver.empty() ? "" : policy.driver + ", ") + "CPUs " +
-                             policy.relatedCpus + ")";
+    PolicySource source{policy.name, policy.driver, policy.relatedCpus, PolicySource::kEvents, {}};
     if (!policy.hasTable) {
-      sampled += " " + policy.name + cpus + " in " + std::to_string(policy.bins.size()) +
-                 " bins from " + formatMhz(policy.bins.front()) + " to " +
-                 formatMhz(policy.bins.back()) + " MHz;";
+      source.kind = PolicySource::kBins;
+      source.bins = policy.bins;
     } else if (policy.curFreq.get() >= 0) {
-      sampled += " " + policy.name + cpus + " at its own frequencies;";
-    } else {
-      exact += " " + policy.name + cpus;
+      source.kind = PolicySource::kOwnFrequencies;
     }
+    sampled = sampled || source.kind != PolicySource::kEvents;
+    machine->policies.push_back(std::move(source));
   }
-  if (sampled.empty()) {
-    machine->policies = "the machine's cpufreq policies:" + exact;
-    return "";
-  }
+  if (!sampled) return "";
   if (std::string failed = mountSampledCpufreq(*policies); !failed.empty()) return failed;
   machine->sampledMs = sampling.periodMs;
-  const std::string period = std::to_string(sampling.periodMs) + " ms";
-  machine->policies = "SAMPLED every " + period + ": the time of" + sampled +
-                      " counts at the frequency nearest its scaling_cur_freq, read every " +
-                      period + ", not at each frequency event" +
-                      (exact.empty() ? "" : "; event-exact:" + exact);
   return "";
 }
 
@@ -104,8 +90,8 @@ std::string setUpDemo(const Sampling& sampling, DemoMachine* machine) {
   }
   const loader::Outcome loaded = loader::load();
   if (loaded.status != loader::Status::kLoaded) return loaded.message;
-  if (!com::zelkora::startTrackingCpuFreqTime()) {
-    return "the library could not start tracking (run with -v for its messages)";
+  if (const Tracking tracking = joinTracking(); tracking.by == 0) {
+    return tracking.error + " (run with -v for its messages)";
   }
   if (machine->sampledMs != 0) return startSampler(sampling, policies, machine);
   return "";

@@ -6,8 +6,6 @@
 namespace zelk::cli {
 namespace {
 
-namespace lib = com::zelkora;
-
 std::string failedMessage(const std::string& function, unsigned attempts) {
   const std::string times = attempts > 1 ? " " + std::to_string(attempts) + " times" : "";
   return function + " failed" + times + " (run with -v for the library's messages)";
@@ -61,19 +59,35 @@ TakenSnapshot takeSnapshot(const SnapshotRequest& request, const SnapshotQueries
   return {std::move(snapshot), ""};
 }
 
-TakenTask takeTask(bool kthread, const std::string& name, bool flag) {
-  auto times =
-      kthread ? lib::getCpuFreqTimesFromKthread(name) : lib::getCpuFreqTimesFromProcess(name, flag);
-  if (times) return {std::move(times), ""};
+TakenTask takeTask(const TaskQuery& query, const SnapshotQueries& queries) {
+  NamedTask task{query.name, uint64_t{1}, {}};
+  std::optional<Times> times;
+  if (query.kthread) {
+    times = queries.kthread(query.name);
+  } else if (query.classes != ProcessClass::kBoth) {
+    task.flag = query.classes == ProcessClass::kForeground ? 1 : 0;
+    times = queries.process(query.name, *task.flag != 0);
+  } else {
+    task.flag.reset();
+    times = queries.process(query.name, /*flag=*/true);
+    const std::optional<Times> background = queries.process(query.name, /*flag=*/false);
+    // Both come from one frequency table: the shapes differ only when it changed in between.
+    if (times && !(background && addTimes(*background, &*times))) times.reset();
+  }
+  if (times) {
+    task.times = std::move(*times);
+    return {std::move(task), ""};
+  }
   // The single-task queries also fail on a map without any entry: say so when that is why.
-  const auto all = kthread ? lib::getKthreadCpuFreqTimes() : lib::getProcessCpuFreqTimes();
+  const auto all = query.kthread ? queries.kthreads() : queries.processes();
   if (all && all->empty()) {
     return {{},
-            std::string("no ") + (kthread ? "kernel thread" : "process") +
+            std::string("no ") + (query.kthread ? "kernel thread" : "process") +
                 " has been counted yet: is `zelkcputime start` running?"};
   }
   return {{},
-          failedMessage(kthread ? "getCpuFreqTimesFromKthread" : "getCpuFreqTimesFromProcess", 1)};
+          failedMessage(query.kthread ? "getCpuFreqTimesFromKthread" : "getCpuFreqTimesFromProcess",
+                        1)};
 }
 
 }  // namespace zelk::cli

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "views/bar_chart.h"
+#include "model/times.h"
 #include "zelkcpufreqtime.h"
 #include "zelkcpufreqtime_class_time.h"
 
@@ -53,6 +53,11 @@ struct SnapshotQueries {
       com::zelkora::getProcessTopTimeParts;
   std::function<std::optional<com::zelkora::ClassTimePartsTable>()> bgParts =
       com::zelkora::getProcessBgTimeParts;
+  // The single-task queries.
+  std::function<std::optional<Times>(std::string, bool)> process =
+      com::zelkora::getCpuFreqTimesFromProcess;
+  std::function<std::optional<Times>(std::string)> kthread =
+      com::zelkora::getCpuFreqTimesFromKthread;
 };
 
 struct SnapshotRequest {
@@ -72,13 +77,29 @@ struct TakenSnapshot {
 TakenSnapshot takeSnapshot(const SnapshotRequest& request = {},
                            const SnapshotQueries& queries = {});
 
-struct TakenTask {
-  std::optional<Times> times;
-  std::string error;  // without times: the message to print
+// Which of a process's entries a single-task view shows: a name's time in the foreground and in
+// the background are two entries of the process table.
+enum class ProcessClass { kBoth, kForeground, kBackground };
+
+struct TaskQuery {
+  bool kthread = false;
+  std::string name;
+  ProcessClass classes = ProcessClass::kBoth;  // for a process
 };
 
-// One task through the library's single-task query; `flag` applies to processes only. The
-// error says so when it failed because nothing at all has been counted yet.
-TakenTask takeTask(bool kthread, const std::string& name, bool flag);
+struct NamedTask {
+  std::string name;
+  std::optional<uint64_t> flag;  // the entry's; none for both classes of a process, summed
+  Times times;
+};
+
+struct TakenTask {
+  std::optional<NamedTask> task;
+  std::string error;  // without a task: the message to print
+};
+
+// One task through the library's single-task query: both classes of a process are two queries,
+// summed. The error says so when it failed because nothing at all has been counted yet.
+TakenTask takeTask(const TaskQuery& query, const SnapshotQueries& queries = {});
 
 }  // namespace zelk::cli

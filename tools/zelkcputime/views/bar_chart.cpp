@@ -1,7 +1,5 @@
 #include "views/bar_chart.h"
 
-#include <numeric>
-
 #include "views/text_table.h"
 #include "views/units.h"
 
@@ -13,7 +11,7 @@ std::string residencyChart(const FreqTable& freqs, const Times& times, size_t wi
   std::vector<size_t> firstRow;
   std::vector<std::vector<std::string>> rows;
   for (size_t p = 0; p < freqs.size() && p < times.size(); ++p) {
-    const uint64_t policyTotal = std::accumulate(times[p].begin(), times[p].end(), uint64_t{0});
+    const uint64_t policyTotal = policyTime(times, p);
     headings.push_back("policy " + std::to_string(p) + ": " + formatSeconds(policyTotal) + " s\n");
     firstRow.push_back(rows.size());
     for (size_t f = 0; f < freqs[p].size() && f < times[p].size(); ++f) {

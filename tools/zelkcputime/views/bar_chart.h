@@ -2,14 +2,12 @@
 // frequency's share of the policy's time.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
-#include <vector>
+
+#include "model/times.h"
 
 namespace zelk::cli {
-
-using FreqTable = std::vector<std::vector<uint64_t>>;  // kHz, per policy, ascending
-using Times = std::vector<std::vector<uint64_t>>;      // ns, the shape of a FreqTable
 
 // One heading line per policy ("policy 0: 1.500 s"), then one line per frequency: MHz, a bar of
 // '#' up to `width` characters, seconds and the share of the policy's time.

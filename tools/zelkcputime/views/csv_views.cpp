@@ -41,6 +41,10 @@ std::string csvTasks(const std::string& table, const FreqTable& freqs,
   return text;
 }
 
+std::string csvTask(const std::string& table, const FreqTable& freqs, const NamedTask& task) {
+  return timeRows(table, task.name, task.flag ? std::to_string(*task.flag) : "", freqs, task.times);
+}
+
 std::string csvNamedTimes(const std::string& table, const std::vector<NamedTime>& rows) {
   std::string text;
   for (const NamedTime& row : rows)

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "model/snapshot.h"
 #include "model/task_rows.h"
-#include "views/bar_chart.h"
 
 namespace zelk::cli {
 
@@ -22,6 +22,8 @@ std::string csvTotal(const FreqTable& freqs, const Times& times);
 // order.
 std::string csvTasks(const std::string& table, const FreqTable& freqs,
                      const std::vector<TaskTimes>& tasks);
+// One task of a single-task query, its flag empty when it has none.
+std::string csvTask(const std::string& table, const FreqTable& freqs, const NamedTask& task);
 // table `table` ("top" or "bg"): one row per name, without policy and frequency.
 std::string csvNamedTimes(const std::string& table, const std::vector<NamedTime>& rows);
 

@@ -12,6 +12,12 @@ void writeTask(JsonWriter& json, const TaskTimes& task) {
   json.key("total_ns").value(task.total).key("time_ns").numbers(task.times).endObject();
 }
 
+void writeTask(JsonWriter& json, const NamedTask& task) {
+  json.beginObject().key("name").value(task.name);
+  if (task.flag) json.key("flag").value(*task.flag);
+  json.key("total_ns").value(sumTimes(task.times)).key("time_ns").numbers(task.times).endObject();
+}
+
 void writeTasks(JsonWriter& json, const std::vector<TaskTimes>& tasks) {
   json.beginArray();
   for (const TaskTimes& task : tasks) writeTask(json, task);

@@ -4,8 +4,8 @@
 
 #include <vector>
 
+#include "model/snapshot.h"
 #include "model/task_rows.h"
-#include "views/bar_chart.h"
 #include "views/json_writer.h"
 
 namespace zelk::cli {
@@ -14,6 +14,8 @@ namespace zelk::cli {
 void writeTimes(JsonWriter& json, const Times& times);
 // {"name":"x","flag":0,"total_ns":N,"time_ns":[[...],...]}
 void writeTask(JsonWriter& json, const TaskTimes& task);
+// The same for a single-task query, without "flag" when the task has none.
+void writeTask(JsonWriter& json, const NamedTask& task);
 // [task, ...]
 void writeTasks(JsonWriter& json, const std::vector<TaskTimes>& tasks);
 // [{"name":"x","time_ns":N}, ...]

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "views/bar_chart.h"
 #include "views/text_table.h"
 #include "views/units.h"
 
@@ -88,6 +89,14 @@ std::string textTaskTable(const FreqTable& freqs, const std::vector<TaskTimes>& 
   return renderTable(columns, cells);
 }
 
+std::string taskTitle(bool kthread, const std::string& name, std::optional<uint64_t> flag) {
+  if (kthread) return "kernel thread " + printableName(name);
+  return "process " + printableName(name) +
+         (!flag        ? " (foreground and background)"
+          : *flag != 0 ? " (foreground)"
+                       : " (background)");
+}
+
 std::string textTask(const std::string& title, const FreqTable& freqs, const Times& times) {
   return title + ": " + formatSeconds(sumTimes(times)) + " s\n" + residencyChart(freqs, times);
 }
@@ -104,9 +113,11 @@ std::string textClassTimes(const std::vector<ClassTimes>& rows) {
   std::vector<std::vector<std::string>> cells;
   cells.reserve(rows.size());
   for (const ClassTimes& row : rows) {
-    cells.push_back({printableName(row.name), formatSeconds(row.topNs), formatSeconds(row.bgNs)});
+    cells.push_back({printableName(row.name), formatSeconds(row.cpuNs), formatSeconds(row.topNs),
+                     formatSeconds(row.bgNs)});
   }
-  return renderTable({{"name", false}, {"foreground s", true}, {"background s", true}}, cells);
+  return renderTable(
+      {{"name", false}, {"CPU s", true}, {"foreground s", true}, {"background s", true}}, cells);
 }
 
 }  // namespace zelk::cli

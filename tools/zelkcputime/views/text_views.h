@@ -1,11 +1,12 @@
 // The people's output of each view: MHz, seconds, tables sorted by time and residency charts.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "model/task_rows.h"
-#include "views/bar_chart.h"
 
 namespace zelk::cli {
 
@@ -21,13 +22,17 @@ std::string textTotal(const FreqTable& freqs, const Times& times);
 std::string textTaskTable(const FreqTable& freqs, const std::vector<TaskTimes>& rows, bool withFlag,
                           size_t maxFreqColumns = 6);
 
+// "kernel thread NAME", or "process NAME" with its class: "(foreground)", "(background)", or
+// "(foreground and background)" without a flag.
+std::string taskTitle(bool kthread, const std::string& name, std::optional<uint64_t> flag);
+
 // One task, headed by `title`, with its residency chart.
 std::string textTask(const std::string& title, const FreqTable& freqs, const Times& times);
 
 // Name and seconds, one row per name, under the header `timeHeader`.
 std::string textNamedTimes(const std::string& timeHeader, const std::vector<NamedTime>& rows);
 
-// Name, foreground seconds and background seconds.
+// Name, CPU seconds, foreground seconds and background seconds.
 std::string textClassTimes(const std::vector<ClassTimes>& rows);
 
 }  // namespace zelk::cli

@@ -1,6 +1,8 @@
 // The demo on a machine whose cpufreq driver publishes no frequency table (intel_pstate-like):
 // the test's tmpfs plays the real policy tree, and its writes to scaling_cur_freq play the
 // hardware's frequency changes.
+#include "machine/frequency_sampler.h"
+
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <bpf/bpf.h>
@@ -19,7 +21,6 @@
 
 #include "child_process.h"
 #include "core/map_records.h"
-#include "machine/frequency_sampler.h"
 #include "namespace.h"
 #include "object_loader.h"
 #include "self_status.h"

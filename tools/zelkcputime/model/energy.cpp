@@ -1,0 +1,97 @@
+#include "model/energy.h"
+
+#include <algorithm>
+#include <iterator>
+#include <tuple>
+
+namespace zelk::cli {
+namespace {
+
+namespace lib = com::zelkora;
+
+// uJ/s is uW; uAh/s times 3600 is uA. The abstract scale is what uJ would be were it uW.
+constexpr EnergyUnitInfo kUnits[] = {
+    {lib::EnergyUnit::kMicrojoules, "uJ", "energy", "mW", 1e-3, true, false},
+    {lib::EnergyUnit::kMicroampHours, "uAh", "charge", "mA", 3.6, false, false},
+    {lib::EnergyUnit::kAbstract, "abstract units", "energy", "au/s", 1e-3, false, true},
+};
+
+constexpr bool inUnitOrder() {
+  for (size_t i = 0; i < std::size(kUnits); ++i) {
+    if (static_cast<size_t>(kUnits[i].unit) != i) return false;
+  }
+  return true;
+}
+static_assert(inUnitOrder(), "kUnits is indexed by EnergyUnit");
+
+std::optional<std::vector<EnergyRow>> tableEnergy(const lib::PowerModel& model,
+                                                  const lib::TimeInStateTable& table, size_t limit,
+                                                  OverflowRow overflow) {
+  auto energies = lib::estimateEnergy(model, table);
+  if (!energies) return std::nullopt;
+  for (const auto& [key, times] : table) {
+    if (!isRow(key, sumTimes(times), overflow)) energies->erase(key);
+  }
+  return sortedEnergies(*energies, limit);
+}
+
+}  // namespace
+
+const EnergyUnitInfo& unitInfo(lib::EnergyUnit unit) {
+  const auto index = static_cast<size_t>(unit);
+  // A value out of the enum's range: the abstract row, which claims nothing of joules.
+  return kUnits[index < std::size(kUnits) ? index : std::size(kUnits) - 1];
+}
+
+std::vector<EnergyRow> sortedEnergies(const lib::EnergyTable& table, size_t limit) {
+  std::vector<EnergyRow> rows;
+  for (const auto& [key, estimate] : table) rows.push_back({key.comm, key.flag, estimate});
+  std::sort(rows.begin(), rows.end(), [](const EnergyRow& a, const EnergyRow& b) {
+    if (a.estimate.energy != b.estimate.energy) return a.estimate.energy > b.estimate.energy;
+    if (a.estimate.unmodelledNs != b.estimate.unmodelledNs) {
+      return a.estimate.unmodelledNs > b.estimate.unmodelledNs;
+    }
+    return a.name != b.name ? a.name < b.name : a.flag < b.flag;
+  });
+  if (limit != 0 && rows.size() > limit) rows.resize(limit);
+  return rows;
+}
+
+EnergyResult energyOf(const lib::PowerModel& model, const Snapshot& snapshot, size_t limit,
+                      OverflowRow overflow) {
+  SnapshotEnergy energy;
+  if (snapshot.parts & kTotalPart) {
+    energy.total = lib::estimateEnergy(model, snapshot.total);
+    if (!energy.total)
+      return {{}, "the whole-system times do not have the frequency table's shape"};
+  }
+  for (const auto& [part, table, rows, query] :
+       {std::tuple{kProcessesPart, &snapshot.processes, &energy.processes,
+                   "getProcessCpuFreqTimes"},
+        std::tuple{kKthreadsPart, &snapshot.kthreads, &energy.kthreads,
+                   "getKthreadCpuFreqTimes"}}) {
+    if ((snapshot.parts & part) == 0) continue;
+    *rows = tableEnergy(model, *table, limit, overflow);
+    if (!*rows) {
+      return {{}, std::string(query) + " returned times of another shape than the frequency table"};
+    }
+  }
+  return {std::move(energy), ""};
+}
+
+std::optional<TaskEnergy> taskEnergy(const lib::PowerModel& model, const NamedTask& task) {
+  const auto estimate = lib::estimateEnergy(model, task.times);
+  if (!estimate) return std::nullopt;
+  return TaskEnergy{task.name, task.flag, *estimate};
+}
+
+std::optional<double> powerOf(const lib::PowerModel& model, const Times& times,
+                              std::chrono::steady_clock::duration elapsed) {
+  const double seconds = std::chrono::duration<double>(elapsed).count();
+  if (seconds <= 0) return std::nullopt;
+  const auto estimate = lib::estimateEnergy(model, times);
+  if (!estimate) return std::nullopt;
+  return estimate->exactEnergy / seconds * unitInfo(model.unit).ratePerUnit;
+}
+
+}  // namespace zelk::cli

@@ -1,0 +1,73 @@
+// Energy (or charge) of the counted times under a power model: per table, per task and per
+// second, and what each of the model's units is.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "model/snapshot.h"
+#include "model/task_rows.h"
+#include "model/times.h"
+#include "zelkcpufreqtime_energy.h"
+
+namespace zelk::cli {
+
+// One row per unit: every view names and converts a unit from here.
+struct EnergyUnitInfo {
+  com::zelkora::EnergyUnit unit;
+  const char* text;      // for people, in ASCII so that columns line up: "uJ"
+  const char* quantity;  // what the unit measures: "energy" or "charge"
+  const char* rateText;  // the unit of its rate: "mW"
+  double ratePerUnit;    // one unit per second in rateText: 1 uJ/s is 0.001 mW
+  bool microjoules;      // a real energy, also shown in joules
+  bool relative;         // an abstract scale: relative cost only
+};
+
+const EnergyUnitInfo& unitInfo(com::zelkora::EnergyUnit unit);
+
+struct EnergyRow {
+  std::string name;
+  uint64_t flag;
+  com::zelkora::EnergyEstimate estimate;
+};
+
+// Highest energy first, then more unmodelled time, then name and flag; the first `limit` rows,
+// or all when `limit` is 0.
+std::vector<EnergyRow> sortedEnergies(const com::zelkora::EnergyTable& table, size_t limit);
+
+// The energy of the tables a snapshot holds (total, processes, kernel threads), each table's
+// rows as sortedEnergies orders and cuts them.
+struct SnapshotEnergy {
+  std::optional<com::zelkora::EnergyEstimate> total;
+  std::optional<std::vector<EnergyRow>> processes, kthreads;
+};
+
+struct EnergyResult {
+  std::optional<SnapshotEnergy> energy;
+  std::string error;  // without energy: which table does not have the model's shape
+};
+
+EnergyResult energyOf(const com::zelkora::PowerModel& model, const Snapshot& snapshot, size_t limit,
+                      OverflowRow overflow = OverflowRow::kAlways);
+
+// One task, as a single-task query gives it.
+struct TaskEnergy {
+  std::string name;
+  std::optional<uint64_t> flag;  // as the task's
+  com::zelkora::EnergyEstimate estimate;
+};
+
+// Nothing when the task's times do not have the model's shape.
+std::optional<TaskEnergy> taskEnergy(const com::zelkora::PowerModel& model, const NamedTask& task);
+
+// The rate of `times` spent over `elapsed`, in the unit's rateText, from the energy before it is
+// rounded: a whole µAh over an interval of seconds is a step of more than a mA. Nothing when the
+// times do not have the model's shape or no time elapsed.
+std::optional<double> powerOf(const com::zelkora::PowerModel& model, const Times& times,
+                              std::chrono::steady_clock::duration elapsed);
+
+}  // namespace zelk::cli
