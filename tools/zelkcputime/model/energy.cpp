@@ -11,9 +11,13 @@ namespace lib = com::zelkora;
 
 // uJ/s is uW; uAh/s times 3600 is uA. The abstract scale is what uJ would be were it uW.
 constexpr EnergyUnitInfo kUnits[] = {
-    {lib::EnergyUnit::kMicrojoules, "uJ", "energy", "mW", 1e-3, true, false},
-    {lib::EnergyUnit::kMicroampHours, "uAh", "charge", "mA", 3.6, false, false},
-    {lib::EnergyUnit::kAbstract, "abstract units", "energy", "au/s", 1e-3, false, true},
+    {lib::EnergyUnit::kMicrojoules, "uJ", "energy", "mW", 1e-3, true, false, "_joules", "joules", 1,
+     "Energy of the CPU time of "},
+    {lib::EnergyUnit::kMicroampHours, "uAh", "charge", "mA", 3.6, false, false, "_coulombs",
+     "coulombs", 3600, "Charge drawn by the CPU time of "},
+    {lib::EnergyUnit::kAbstract, "abstract units", "energy", "au/s", 1e-3, false, true,
+     "_energy_abstract", "", 1,
+     "Energy on the Energy Model's abstract scale (relative only) of the CPU time of "},
 };
 
 constexpr bool inUnitOrder() {

@@ -25,6 +25,12 @@ struct EnergyUnitInfo {
   double ratePerUnit;    // one unit per second in rateText: 1 uJ/s is 0.001 mW
   bool microjoules;      // a real energy, also shown in joules
   bool relative;         // an abstract scale: relative cost only
+  // As the exporter names it: the metric's suffix, its OpenMetrics unit, and how many millionths
+  // of that unit one of the model's units is (1 µAh is 3600 µC).
+  const char* metricSuffix;  // "_joules"
+  const char* metricUnit;    // "joules", or "" for none
+  uint64_t metricMicros;
+  const char* metricHelp;  // the help text before "<whose>, from the power model."
 };
 
 const EnergyUnitInfo& unitInfo(com::zelkora::EnergyUnit unit);

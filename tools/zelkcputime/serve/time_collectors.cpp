@@ -2,7 +2,9 @@
 #include <algorithm>
 #include <tuple>
 
+#include "model/energy.h"
 #include "model/task_rows.h"
+#include "model/times.h"
 #include "serve/collectors.h"
 
 namespace zelk::cli {
@@ -46,13 +48,6 @@ void forEachFrequency(const FreqTable& freqs, const Times& times, Each each) {
   }
 }
 
-Units cyclesOf(const FreqTable& freqs, const Times& times) {
-  Units sum = 0;
-  forEachFrequency(freqs, times,
-                   [&](size_t, uint64_t khz, uint64_t ns) { sum += static_cast<Units>(ns) * khz; });
-  return sum;
-}
-
 // Seconds, cycles and (for the names `perFrequency` selects) seconds per frequency of one table.
 void addTasks(const FreqTable& freqs, const lib::TimeInStateTable& table, bool processes,
               const std::regex* perFrequency, Family* seconds, Family* cycles,
@@ -89,39 +84,21 @@ void addClassTimes(const lib::ClassTimePartsTable& table, Family* closed, Family
   }
 }
 
-// The counters of a power model: joules, coulombs for a current-based profile, or the abstract
-// scale's own unit. The library gives whole µJ or µAh; 1 µAh is 3600 µC.
+// The counters of a power model, in the unit the model's results have: joules, coulombs for a
+// current-based profile, or the abstract scale's own unit.
 struct EnergyFamilies {
   explicit EnergyFamilies(const lib::PowerModel& model)
-      : unit(model.unit),
-        total(name("zelk_cpu"), MetricKind::kCounter, unitName(), help("the whole system"),
-              scale()),
-        process(name("zelk_process_cpu"), MetricKind::kCounter, unitName(),
-                help("the processes of each name"), scale()),
-        kthread(name("zelk_kthread_cpu"), MetricKind::kCounter, unitName(),
-                help("the kernel threads of each name"), scale()) {}
+      : unit(unitInfo(model.unit)),
+        total(family("zelk_cpu", "the whole system")),
+        process(family("zelk_process_cpu", "the processes of each name")),
+        kthread(family("zelk_kthread_cpu", "the kernel threads of each name")) {}
 
-  std::string name(const std::string& prefix) const {
-    return prefix + (unit == lib::EnergyUnit::kMicrojoules     ? "_joules"
-                     : unit == lib::EnergyUnit::kMicroampHours ? "_coulombs"
-                                                               : "_energy_abstract");
+  Family family(const std::string& prefix, const std::string& whose) const {
+    return Family(prefix + unit.metricSuffix, MetricKind::kCounter, unit.metricUnit,
+                  unit.metricHelp + whose + ", from the power model.", /*scale=*/6);
   }
-  const char* unitName() const {
-    return unit == lib::EnergyUnit::kMicrojoules     ? "joules"
-           : unit == lib::EnergyUnit::kMicroampHours ? "coulombs"
-                                                     : "";
-  }
-  std::string help(const std::string& whose) const {
-    return (unit == lib::EnergyUnit::kMicroampHours ? "Charge drawn by the CPU time of "
-            : unit == lib::EnergyUnit::kAbstract
-                ? "Energy on the Energy Model's abstract scale (relative only) of the CPU time of "
-                : "Energy of the CPU time of ") +
-           whose + ", from the power model.";
-  }
-  unsigned scale() const { return 6; }
   Units value(const lib::EnergyEstimate& estimate) const {
-    return static_cast<Units>(estimate.energy) *
-           (unit == lib::EnergyUnit::kMicroampHours ? 3600 : 1);
+    return static_cast<Units>(estimate.energy) * unit.metricMicros;
   }
 
   void add(const lib::PowerModel& model, const Snapshot& s) {
@@ -135,7 +112,7 @@ struct EnergyFamilies {
     }
   }
 
-  lib::EnergyUnit unit;
+  const EnergyUnitInfo& unit;
   Family total, process, kthread;
 };
 
