@@ -1,33 +1,16 @@
-// The exporter as functions: the exposition of a known snapshot through the collectors, and the
-// exporter's retries, 503 and shared collections.
+// The exposition of known snapshots through the collectors.
 #include "serve/exposition.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
 #include <vector>
 
-#include "serve/metrics_exporter.h"
+#include "known_snapshot_for_testing.h"
 
 namespace zelk::cli {
 namespace {
 
 namespace lib = com::zelkora;
-
-// Two policies, the first listing 300 MHz twice (as a boost list may repeat one).
-Snapshot knownSnapshot() {
-  Snapshot s;
-  s.parts = kAllParts;
-  s.freqs = {{300000, 300000, 600000}, {1000000}};
-  s.total = {{1, 2, 1000000000}, {500000000}};
-  s.processes[{"app", 1}] = {{1000000000, 0, 500000000}, {0}};
-  s.processes[{"app", 0}] = {{0, 0, 0}, {250000000}};
-  s.kthreads[{"kworker/0:1", 1}] = {{3, 0, 0}, {0}};
-  s.topParts[{"app", 0}] = {2000000000, 250000000};
-  s.bgParts[{"app", 0}] = {1500000000, 0};
-  return s;
-}
 
 ExpositionInput knownInput(const Snapshot& snapshot, const std::regex* perFrequency) {
   ExpositionInput input;
@@ -166,94 +149,6 @@ TEST(RenderExposition, NamesThatBecomeEqualAddUpAndLargeSumsStayExact) {
       << text;
   EXPECT_NE(text.find("zelk_kthread_cpu_seconds_total{comm=\"k\"} 31536000\n"), std::string::npos);
   EXPECT_EQ(text.find("zelk_untracked_processes"), std::string::npos) << "no overflow counters";
-}
-
-// Fake library queries: each answers from `s` after failing its first `failures` calls.
-struct FakeLibrary {
-  Snapshot s = knownSnapshot();
-  std::atomic<int> processFailures{0};
-  std::atomic<int> processCalls{0};
-  std::chrono::milliseconds processDelay{0};
-
-  CollectSources sources() {
-    CollectSources sources;
-    sources.queries.freqs = [this] { return std::optional<FreqTable>(s.freqs); };
-    sources.queries.total = [this] { return std::optional<Times>(s.total); };
-    sources.queries.processes = [this]() -> std::optional<lib::TimeInStateTable> {
-      ++processCalls;
-      std::this_thread::sleep_for(processDelay);
-      if (processFailures > 0) {
-        --processFailures;
-        return std::nullopt;
-      }
-      return s.processes;
-    };
-    sources.queries.kthreads = [this] { return std::optional<lib::TimeInStateTable>(s.kthreads); };
-    sources.queries.topParts = [this] {
-      return std::optional<lib::ClassTimePartsTable>(s.topParts);
-    };
-    sources.queries.bgParts = [this] { return std::optional<lib::ClassTimePartsTable>(s.bgParts); };
-    sources.maps = [] { return std::vector<MapFill>{}; };
-    sources.overflow = [] { return std::optional<lib::OverflowCounts>(); };
-    return sources;
-  }
-};
-
-SnapshotRequest quickRetries() {
-  SnapshotRequest request;
-  request.attempts = 3;
-  request.pause = std::chrono::milliseconds(1);
-  return request;
-}
-
-TEST(MetricsExporter, RetriesAFailedWalkThenAnswersInFullOr503) {
-  FakeLibrary fake;
-  MetricsExporter exporter(fake.sources(), quickRetries());
-  fake.processFailures = 2;  // as when another process deletes keys under the walk
-  HttpResponse response = exporter.scrape("");
-  EXPECT_EQ(response.status, 200);
-  EXPECT_NE(response.body.find("zelk_process_cpu_seconds_total{comm=\"app\",foreground=\"true\"}"),
-            std::string::npos);
-  EXPECT_NE(response.body.find("\nzelk_exporter_query_failures_total 2\n"), std::string::npos);
-
-  fake.processFailures = 3;  // every try
-  response = exporter.scrape("application/openmetrics-text");
-  EXPECT_EQ(response.status, 503);
-  EXPECT_EQ(response.contentType, "text/plain; charset=utf-8");
-  EXPECT_EQ(response.body,
-            "zelkcputime: the counts could not be read: getProcessCpuFreqTimes failed 3 times "
-            "(run with -v for the library's messages)\n");
-
-  response = exporter.scrape("application/openmetrics-text");
-  EXPECT_EQ(response.status, 200);
-  EXPECT_EQ(response.contentType, "application/openmetrics-text; version=1.0.0; charset=utf-8");
-  EXPECT_NE(response.body.find("\nzelk_exporter_failed_scrapes_total 1\n"), std::string::npos);
-  EXPECT_NE(response.body.find("\nzelk_exporter_query_failures_total 5\n"), std::string::npos);
-}
-
-TEST(MetricsExporter, ConcurrentScrapersShareACollectionNoOlderThanTheirRequest) {
-  FakeLibrary fake;
-  fake.processDelay = std::chrono::milliseconds(100);
-  MetricsExporter exporter(fake.sources(), quickRetries());
-  std::vector<std::thread> scrapers;
-  std::atomic<int> stale{0}, answered{0};
-  for (int i = 0; i < 6; ++i) {
-    scrapers.emplace_back([&] {
-      const auto arrival = MetricsExporter::Clock::now();
-      const auto collected = exporter.collect(arrival);
-      if (collected->startedAt < arrival) ++stale;
-      if (collected->snapshot) ++answered;
-    });
-  }
-  for (std::thread& scraper : scrapers) scraper.join();
-  EXPECT_EQ(stale, 0);
-  EXPECT_EQ(answered, 6);
-  // The first collection, and at most one more for all who came while it ran.
-  const int calls = fake.processCalls;
-  EXPECT_LE(calls, 2);
-  // One who comes later gets a new one.
-  exporter.collect(MetricsExporter::Clock::now());
-  EXPECT_EQ(fake.processCalls, calls + 1) << "a later scrape was answered from an older one";
 }
 
 }  // namespace
