@@ -61,7 +61,8 @@ std::optional<uint32_t> freqIndex(const std::vector<uint64_t>& freqs, uint64_t f
 bool writeCurrentFreqIndices(int fd) {
   for (uint32_t i = 0; i < gPolicyCount; ++i) {
     // A policy directory is named after its first CPU, so a policy without CPUs has nothing to
-    // read. No CPU maps to it in cpu_policy_map either, so the kernel never asks for its entry.
+    // read. No CPU maps to it in the CPU-to-policy map either, so the kernel never asks for its
+    // entry.
     if (gRelatedCpus[i].empty()) continue;
     const std::string path = android::base::StringPrintf("%s/policy%" PRIu64 "/scaling_cur_freq",
                                                          kCpufreqDir, gRelatedCpus[i].front());

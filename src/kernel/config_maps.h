@@ -7,13 +7,13 @@
 namespace com {
 namespace zelkora {
 
-// cpu_policy_map: every CPU of every policy to the policy's ordinal.
+// CPU to policy: every CPU of every policy to the policy's ordinal.
 bool writeCpuPolicies(int fd);
-// freq_to_idx_map: {policy ordinal, kHz} to the frequency's 1-based index in its policy.
+// Frequency to index: {policy ordinal, kHz} to the frequency's 1-based index in its policy.
 bool writeFreqIndices(int fd);
-// cpu_last_update_map: key 0 to one zero per CPU block.
+// Last update: key 0 to one zero per CPU block.
 bool writeZeroLastUpdate(int fd);
-// policy_freq_idx_map: each policy to the index of its current frequency. False also when a
+// Current index: each policy to the index of its current frequency. False also when a
 // policy's scaling_cur_freq cannot be read, is not one number, or is not in its table.
 bool writeCurrentFreqIndices(int fd);
 

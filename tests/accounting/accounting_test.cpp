@@ -80,6 +80,10 @@ TEST_F(AccountingTest, ResetsRemoveExactlyTheirEntriesSilently) {
   MapDef full = catalogue(MapId::ProcessTime);
   full.maxEntries = 3;
   ASSERT_EQ(maps_.pin(MapId::ProcessTime, &full), "");
+  // Room for a second whole-system key, which only the first key's clear must remove.
+  MapDef totals = catalogue(MapId::TotalTime);
+  totals.maxEntries = 2;
+  ASSERT_EQ(maps_.pin(MapId::TotalTime, &totals), "");
   for (uint64_t flag : {0, 1}) {
     putTis(MapId::ProcessTime, processKey("a", flag));
     putTis(MapId::KthreadTime, processKey("k", flag));

@@ -3,9 +3,11 @@
 #include <android-base/file.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <map>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "core/map_records.h"
 #include "kernel/bpf_lock.h"
@@ -46,7 +48,16 @@ class TrackingStartTest : public LibraryTest {
     ASSERT_EQ(pinPrograms(), "");
   }
 
-  U32Map read32(MapId id) const { return entries<uint32_t, uint32_t>(fd(id)); }
+  // The entries written. An array holds every key, and an entry never written reads 0, which no
+  // written index is.
+  U32Map read32(MapId id) const {
+    U32Map written = entries<uint32_t, uint32_t>(fd(id));
+    if (catalogue(id).type != BPF_MAP_TYPE_ARRAY) return written;
+    for (auto it = written.begin(); it != written.end();) {
+      it = it->second == 0 ? written.erase(it) : std::next(it);
+    }
+    return written;
+  }
   int fd(MapId id) const { return maps_.fd(id); }
   // cpu_last_update_map's only value, one entry per possible CPU.
   std::vector<uint64_t> lastUpdate(std::optional<uint64_t> write = std::nullopt) {
@@ -128,6 +139,12 @@ TEST_F(TrackingStartTest, WritesTheLayoutKeyByKeyAttachesEveryProgramAndStartsOn
 
 TEST_F(TrackingStartTest, MissingProgramFailsTheSupportCheckAndTheStartAfterTheOnesBeforeIt) {
   const auto& tp = objectTracepoints();
+  std::vector<std::string> order;
+  for (const auto& program : tp) order.push_back(program.category + ":" + program.event);
+  ASSERT_EQ(order, (std::vector<std::string>{"sched:sched_switch", "power:cpu_frequency",
+                                             "sched:sched_process_free", "sched:sched_process_fork",
+                                             "task:task_rename", "oom:oom_score_adj_update"}))
+      << "the order in which the library checks and attaches them";
   for (const auto& program : tp) {
     unpinProgram(program);
     EXPECT_FALSE(isTrackingCpuFreqTimeSupported()) << "without " << program.event;

@@ -16,22 +16,23 @@ namespace {
 
 std::string failure(const std::string& what) { return what + ": " + strerror(errno); }
 
+using com::zelkora::MapId;
+
 // Opens a map pin, or returns -1 with the reason in `error`.
-int openMap(const char* name, std::string* error) {
-  const std::string path = loader::mapPinPath(name);
-  const int fd = bpf_obj_get(path.c_str());
-  if (fd < 0) *error = failure("opening " + path);
+int openMap(MapId map, std::string* error) {
+  const char* path = com::zelkora::mapInfo(map).pinPath;
+  const int fd = bpf_obj_get(path);
+  if (fd < 0) *error = failure(std::string("opening ") + path);
   return fd;
 }
 
-std::string updateAll(const char* name,
-                      const std::vector<std::pair<const void*, const void*>>& kv) {
+std::string updateAll(MapId map, const std::vector<std::pair<const void*, const void*>>& kv) {
   std::string error;
-  const int fd = openMap(name, &error);
+  const int fd = openMap(map, &error);
   if (fd < 0) return error;
   for (const auto& [key, value] : kv) {
     if (bpf_map_update_elem(fd, key, value, BPF_ANY) != 0) {
-      error = failure(std::string("writing ") + name);
+      error = failure(std::string("writing ") + com::zelkora::mapInfo(map).name);
       break;
     }
   }
@@ -70,17 +71,17 @@ std::string configure(const std::vector<Policy>& policies) {
     }
     currentIdx.emplace_back(&ordinals[i], &policies[i].currentIndex);
   }
-  std::string error = updateAll("cpu_policy_map", cpuPolicy);
-  if (error.empty()) error = updateAll("freq_to_idx_map", freqToIdx);
+  std::string error = updateAll(MapId::CpuPolicy, cpuPolicy);
+  if (error.empty()) error = updateAll(MapId::FreqToIdx, freqToIdx);
   const uint32_t zeroKey = 0;
   const std::vector<uint64_t> zeros(static_cast<size_t>(libbpf_num_possible_cpus()), 0);
-  if (error.empty()) error = updateAll("cpu_last_update_map", {{&zeroKey, zeros.data()}});
-  if (error.empty()) error = updateAll("policy_freq_idx_map", currentIdx);
+  if (error.empty()) error = updateAll(MapId::CpuLastUpdate, {{&zeroKey, zeros.data()}});
+  if (error.empty()) error = updateAll(MapId::PolicyFreqIdx, currentIdx);
   return error;
 }
 
 std::string setCurrentIndex(uint32_t policy, uint32_t index) {
-  return updateAll("policy_freq_idx_map", {{&policy, &index}});
+  return updateAll(MapId::PolicyFreqIdx, {{&policy, &index}});
 }
 
 Attachment::~Attachment() { detach(); }

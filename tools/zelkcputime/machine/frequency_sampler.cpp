@@ -7,11 +7,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/catalogue.h"
 #include "core/map_records.h"
 #include "machine/frequency_bins.h"
-#include "object_pins.h"
 
 namespace zelk::cli {
+
+namespace lib = com::zelkora;
 
 FrequencySampler::FrequencySampler(std::vector<SampledPolicy> policies,
                                    std::chrono::milliseconds period)
@@ -20,7 +22,7 @@ FrequencySampler::FrequencySampler(std::vector<SampledPolicy> policies,
 FrequencySampler::~FrequencySampler() { stop(); }
 
 std::string FrequencySampler::start() {
-  const std::string path = loader::mapPinPath("policy_freq_idx_map");
+  const std::string path = lib::mapInfo(lib::MapId::PolicyFreqIdx).pinPath;
   map_.reset(bpf_obj_get(path.c_str()));
   if (map_.get() < 0) return "cannot open " + path + ": " + strerror(errno);
   if (std::string error = silenceFrequencyEvents(); !error.empty()) return error;
@@ -30,7 +32,7 @@ std::string FrequencySampler::start() {
 }
 
 std::string FrequencySampler::silenceFrequencyEvents() {
-  const std::string path = loader::mapPinPath("freq_to_idx_map");
+  const std::string path = lib::mapInfo(lib::MapId::FreqToIdx).pinPath;
   const android::base::unique_fd map(bpf_obj_get(path.c_str()));
   if (map.get() < 0) return "cannot open " + path + ": " + strerror(errno);
   for (const SampledPolicy& policy : policies_) {
