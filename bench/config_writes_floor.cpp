@@ -10,7 +10,7 @@
 #include "core/catalogue.h"
 #include "core/decimal.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace zelk::bench {
 namespace {

@@ -11,7 +11,7 @@
 #include "core/policy_discovery.h"
 #include "core/possible_cpus.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace com {
 namespace zelkora {

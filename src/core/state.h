@@ -15,9 +15,9 @@
 #include <mutex>
 #include <vector>
 
+#include "core/fold_layout.h"
 #include "core/rw_lock.h"
 #include "core/thread_annotations.h"
-#include "query/fold.h"
 
 namespace com {
 namespace zelkora {

@@ -9,7 +9,7 @@
 #include "core/number_file.h"
 #include "core/policy_discovery.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace com {
 namespace zelkora {

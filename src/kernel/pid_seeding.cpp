@@ -12,11 +12,11 @@
 #include <stdexcept>
 #include <string>
 
-#include "accounting/clock.h"
+#include "core/clock.h"
 #include "core/log.h"
 #include "core/map_records.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime.h"
 
 // The pass reports under the name of the step, not of the helper that logs.

@@ -9,7 +9,7 @@
 
 #include "core/catalogue.h"
 #include "core/log.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace com {
 namespace zelkora {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "accounting/clock.h"
+#include "core/clock.h"
 #include "maps.h"
 #include "namespace.h"
 #include "object_loader.h"

@@ -6,7 +6,7 @@
 #include "core/map_records.h"
 #include "core/map_shape.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime_overflow.h"
 
 namespace com {
