@@ -3,6 +3,7 @@
 
 #include "config_writes_floor.h"
 #include "core/catalogue.h"
+#include "core/state.h"
 #include "kernel/bpf_lock.h"
 #include "kernel/config_maps.h"
 
@@ -14,13 +15,14 @@ bool libraryConfigWrites() {
   using android::bpf::mapRetrieveWO;
   using namespace com::zelkora;
   const unique_fd cpuPolicy(mapRetrieveWO(mapInfo(MapId::CpuPolicy).pinPath));
-  if (cpuPolicy.get() < 0 || !writeCpuPolicies(cpuPolicy.get())) return false;
+  if (cpuPolicy.get() < 0 || !writeCpuPolicies(cpuPolicy.get(), gRelatedCpus)) return false;
   const unique_fd freqToIdx(mapRetrieveWO(mapInfo(MapId::FreqToIdx).pinPath));
-  if (freqToIdx.get() < 0 || !writeFreqIndices(freqToIdx.get())) return false;
+  if (freqToIdx.get() < 0 || !writeFreqIndices(freqToIdx.get(), gFreqTable)) return false;
   const unique_fd lastUpdate(mapRetrieveWO(mapInfo(MapId::CpuLastUpdate).pinPath));
-  if (lastUpdate.get() < 0 || !writeZeroLastUpdate(lastUpdate.get())) return false;
+  if (lastUpdate.get() < 0 || !writeZeroLastUpdate(lastUpdate.get(), gCpuBlockCount)) return false;
   const unique_fd policyFreqIdx(mapRetrieveWO(mapInfo(MapId::PolicyFreqIdx).pinPath));
-  return policyFreqIdx.get() >= 0 && writeCurrentFreqIndices(policyFreqIdx.get());
+  return policyFreqIdx.get() >= 0 &&
+         writeCurrentFreqIndices(policyFreqIdx.get(), gFreqTable, gRelatedCpus);
 }
 
 }  // namespace zelk::bench

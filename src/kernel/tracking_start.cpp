@@ -31,13 +31,18 @@ bool startTrackingCpuFreqTime() {
   // Declared in opening order, so that every way out closes them in reverse order, before the
   // mutex is released.
   android::base::unique_fd cpuPolicyFd = retrieveLocked(MapId::CpuPolicy);
-  if (cpuPolicyFd.get() < 0 || !writeCpuPolicies(cpuPolicyFd.get())) return false;
+  if (cpuPolicyFd.get() < 0 || !writeCpuPolicies(cpuPolicyFd.get(), gRelatedCpus)) return false;
   android::base::unique_fd freqToIdxFd = retrieveLocked(MapId::FreqToIdx);
-  if (freqToIdxFd.get() < 0 || !writeFreqIndices(freqToIdxFd.get())) return false;
+  if (freqToIdxFd.get() < 0 || !writeFreqIndices(freqToIdxFd.get(), gFreqTable)) return false;
   android::base::unique_fd cpuLastUpdateFd = retrieveLocked(MapId::CpuLastUpdate);
-  if (cpuLastUpdateFd.get() < 0 || !writeZeroLastUpdate(cpuLastUpdateFd.get())) return false;
+  if (cpuLastUpdateFd.get() < 0 || !writeZeroLastUpdate(cpuLastUpdateFd.get(), gCpuBlockCount)) {
+    return false;
+  }
   android::base::unique_fd policyFreqIdxFd = retrieveLocked(MapId::PolicyFreqIdx);
-  if (policyFreqIdxFd.get() < 0 || !writeCurrentFreqIndices(policyFreqIdxFd.get())) return false;
+  if (policyFreqIdxFd.get() < 0 ||
+      !writeCurrentFreqIndices(policyFreqIdxFd.get(), gFreqTable, gRelatedCpus)) {
+    return false;
+  }
 
   bool attached = true;
   for (const ProgramInfo& program : kPrograms) {

@@ -11,6 +11,7 @@
 
 #include "core/map_records.h"
 #include "kernel/bpf_lock.h"
+#include "kernel/config_maps.h"
 #include "library_test.h"
 
 // For maps keyed by the frequency record: argument-dependent lookup finds these in the record's
@@ -180,6 +181,31 @@ TEST_F(TrackingStartTest, MissingProgramFailsTheSupportCheckAndTheStartAfterTheO
   EXPECT_FALSE(attachPinnedProgram(tp[0])) << "sched_switch stays attached";
   EXPECT_FALSE(attachPinnedProgram(tp[1])) << "cpu_frequency stays attached";
   EXPECT_TRUE(attachPinnedProgram(tp[3])) << "sched_process_fork was never tried";
+}
+
+// The writers on their own, with tables that are not the library's state, as the tool's sampler
+// and zelk-exercise use them.
+TEST_F(TrackingStartTest, ConfigWritersWriteTheTablesTheyAreGiven) {
+  const PolicyLists cpus = {{6, 7}, {}, {2}};
+  ASSERT_TRUE(writeCpuPolicies(fd(MapId::CpuPolicy), cpus));
+  EXPECT_EQ(read32(MapId::CpuPolicy), (U32Map{{6, 0}, {7, 0}, {2, 2}}));
+  ASSERT_TRUE(writeFreqIndices(fd(MapId::FreqToIdx), {{10, 20, 20}, {30}}));
+  const std::map<freq_key_t, uint32_t> written = {{{0, 10}, 1}, {{0, 20}, 3}, {{1, 30}, 1}};
+  EXPECT_EQ((entries<freq_key_t, uint32_t>(fd(MapId::FreqToIdx))), written);
+  ASSERT_TRUE(writeCurrentFreqIndex(fd(MapId::PolicyFreqIdx), 5, 9));
+  EXPECT_EQ(read32(MapId::PolicyFreqIdx), (U32Map{{5, 9}}));
+  ASSERT_TRUE(writeZeroLastUpdate(fd(MapId::CpuLastUpdate), possibleCpus()));
+  EXPECT_EQ(lastUpdate(), std::vector<uint64_t>(possibleCpus(), 0));
+
+  // A frequency listed twice, or absent, is removed all the same; other policies' stay.
+  EXPECT_TRUE(deleteFreqIndices(fd(MapId::FreqToIdx), 0, {20, 20, 10, 99}));
+  EXPECT_EQ((entries<freq_key_t, uint32_t>(fd(MapId::FreqToIdx))),
+            (std::map<freq_key_t, uint32_t>{{{1, 30}, 1}}));
+  ASSERT_EQ(maps_.freeze(MapId::FreqToIdx), "");
+  errno = 0;
+  EXPECT_FALSE(deleteFreqIndices(fd(MapId::FreqToIdx), 1, {30}));
+  EXPECT_EQ(errno, EPERM) << "the failed delete's errno";
+  EXPECT_TRUE(log_.lines().empty()) << "the writers log nothing";
 }
 
 // A configuration map that refuses the start: write-locked by another open file description (as

@@ -8,7 +8,7 @@
 #include <ctime>
 
 #include "core/catalogue.h"
-#include "core/map_records.h"
+#include "kernel/config_maps.h"
 #include "machine/frequency_bins.h"
 
 namespace zelk::cli {
@@ -36,13 +36,9 @@ std::string FrequencySampler::silenceFrequencyEvents() {
   const android::base::unique_fd map(bpf_obj_get(path.c_str()));
   if (map.get() < 0) return "cannot open " + path + ": " + strerror(errno);
   for (const SampledPolicy& policy : policies_) {
-    for (uint64_t khz : policy.freqs) {
-      const com::zelkora::freq_key_t key = {policy.ordinal, static_cast<uint32_t>(khz)};
-      // A frequency listed twice is gone after its first delete.
-      if (bpf_map_delete_elem(map.get(), &key) != 0 && errno != ENOENT) {
-        return "cannot take " + policy.name + "'s frequencies out of " + path + ": " +
-               strerror(errno);
-      }
+    if (!lib::deleteFreqIndices(map.get(), policy.ordinal, policy.freqs)) {
+      return "cannot take " + policy.name + "'s frequencies out of " + path + ": " +
+             strerror(errno);
     }
   }
   return "";
@@ -86,9 +82,9 @@ void FrequencySampler::sampleOnce() {
       continue;
     }
     ++stats_.samples;
-    const uint32_t index = nearestBin(policy.freqs, *khz);
-    const uint32_t key = policy.ordinal;
-    if (bpf_map_update_elem(map_.get(), &key, &index, BPF_ANY) == 0) ++stats_.writes;
+    if (lib::writeCurrentFreqIndex(map_.get(), policy.ordinal, nearestBin(policy.freqs, *khz))) {
+      ++stats_.writes;
+    }
   }
 }
 
