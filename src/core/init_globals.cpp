@@ -52,6 +52,7 @@ bool initGlobals() {
   gPolicyCount = tables->policyCount;
   gFreqTable = std::move(tables->freqTable);
   gRelatedCpus = std::move(tables->relatedCpus);
+  gPolicyNames = std::move(tables->names);
   gCpuSlot = std::move(tables->cpuSlot);
   gCpuBlockCount = std::max(gCpuCount, readPossibleCpuCount().value_or(0));
   gFoldLayout = makeFoldLayout(gFreqTable, gRelatedCpus, gCpuSlot, gCpuBlockCount);

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "core/fold_layout.h"
@@ -30,6 +31,7 @@ extern RwLock gTotalTimeLock;
 extern RwLock gTopBgTimeLock;
 extern std::vector<std::vector<uint64_t>> gFreqTable;
 extern std::vector<std::vector<uint64_t>> gRelatedCpus;
+extern std::vector<std::string> gPolicyNames;  // per policy, its directory's name
 extern std::vector<uint64_t> gCpuSlot;
 extern android::base::unique_fd gProcessTimeFd GUARDED_BY(gProcessTimeLock);
 extern android::base::unique_fd gKthreadTimeFd GUARDED_BY(gKthreadTimeLock);

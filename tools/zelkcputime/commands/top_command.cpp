@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <sstream>
 #include <thread>
 
 #include "commands/commands.h"
@@ -21,6 +20,7 @@
 #include "views/energy_view.h"
 #include "views/top_view.h"
 #include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_policies.h"
 
 namespace zelk::cli {
 namespace {
@@ -64,14 +64,6 @@ class SelfCost {
   Clock::time_point start_;
 };
 
-// related_cpus lists CPUs separated by blanks ("0 1 2 3").
-std::vector<uint32_t> relatedCpuList(const std::string& relatedCpus) {
-  std::istringstream words(relatedCpus);
-  std::vector<uint32_t> cpus;
-  for (uint32_t cpu = 0; words >> cpu;) cpus.push_back(cpu);
-  return cpus;
-}
-
 // No value when unreadable.
 std::optional<std::vector<uint32_t>> onlineCpus() {
   std::string text;
@@ -82,7 +74,7 @@ std::optional<std::vector<uint32_t>> onlineCpus() {
 struct Source {
   DemoMachine machine;
   std::optional<lib::PowerModel> model;
-  std::vector<std::vector<uint32_t>> relatedCpus;  // per policy
+  std::vector<std::vector<uint64_t>> relatedCpus;  // per policy, as the library discovered them
   TopContext context;                              // policyCpus as of the last frame
 };
 
@@ -93,9 +85,9 @@ struct Source {
 void countOnlineCpus(Source* source) {
   const std::optional<std::vector<uint32_t>> online = onlineCpus();
   source->context.policyCpus.clear();
-  for (const std::vector<uint32_t>& related : source->relatedCpus) {
+  for (const std::vector<uint64_t>& related : source->relatedCpus) {
     unsigned count = 0;
-    for (const uint32_t cpu : related) {
+    for (const uint64_t cpu : related) {
       if (!online || std::find(online->begin(), online->end(), cpu) != online->end()) ++count;
     }
     source->context.policyCpus.push_back(count);
@@ -118,9 +110,9 @@ std::string setUp(const Options& options, Source* source) {
   std::string note, error;
   if (!demoModel(options, &source->model, &note, &error)) return error;
   source->context.policies = source->machine.policies;
-  for (const PolicyDir& policy : cpufreqPolicies()) {
-    source->relatedCpus.push_back(relatedCpuList(policy.relatedCpus));
-  }
+  const std::optional<std::vector<lib::CpuFreqPolicy>> policies = lib::getCpuFreqPolicies();
+  if (!policies) return "the library could not discover the cpufreq policies";
+  for (const lib::CpuFreqPolicy& policy : *policies) source->relatedCpus.push_back(policy.cpus);
   source->context.model = source->model ? &*source->model : nullptr;
   return "";
 }
