@@ -36,10 +36,10 @@ struct MapInfo {
   bool opened;  // by the library at initialisation
 };
 
-#define ZELK_MAP_INFO(id, name, type, key, value, size, entries, overflow, opened)              \
-  MapInfo{MapId::id,   #name,         ZELK_MAP_PIN(name), type,    ZELK_MAP_TYPE_PER_CPU(type), \
-          sizeof(key), sizeof(value), ZELK_SIZE_##size,   entries, ZELK_OVERFLOW_##overflow,    \
-          opened != 0},
+#define ZELK_MAP_INFO(id, name, type, key, value, size, entries, overflow, opened)               \
+  MapInfo{MapId::id,    #name,         ZELK_MAP_PIN(name), type,    ZELK_MAP_TYPE_PER_CPU(type), \
+          sizeof(key),  sizeof(value), ZELK_SIZE_##size,   entries, ZELK_OVERFLOW_##overflow,    \
+          (opened) != 0},
 inline constexpr MapInfo kMaps[] = {ZELK_MAPS(ZELK_MAP_INFO)};
 #undef ZELK_MAP_INFO
 
@@ -64,7 +64,7 @@ constexpr bool catalogueIsOrdered() {
   return true;
 }
 static_assert(catalogueIsOrdered(), "ids in catalogue order, the library's maps first");
-static_assert(sizeof(zelk_time_in_state) == 8 * ZELK_FREQ_SLOTS, "a slot is 8 bytes");
+static_assert(sizeof(zelk_time_in_state) == sizeof(zelk_u64) * ZELK_FREQ_SLOTS, "8-byte slots");
 
 struct ProgramInfo {
   const char* category;  // of the tracepoint, as in sched:sched_switch
