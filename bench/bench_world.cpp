@@ -5,8 +5,8 @@
 #include <cstring>
 #include <vector>
 
-#include "kernel/bpf_syscall.h"
 #include "namespace.h"
+#include "syscall/bpf_syscall.h"
 
 namespace zelk::bench {
 namespace {

@@ -7,23 +7,21 @@
 
 #include <string>
 
+#include "core/catalogue.h"
 #include "core/decimal.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace zelk::bench {
 namespace {
 
 using android::base::unique_fd;
-using com::zelkora::kCpuLastUpdateMapPath;
-using com::zelkora::kCpuPolicyMapPath;
-using com::zelkora::kFreqToIdxMapPath;
-using com::zelkora::kPolicyFreqIdxMapPath;
+using com::zelkora::MapId;
 using com::zelkora::mapUpdateElem;
 
 // Object get write-only, the map id for the lock offset, an open-file-description write lock.
-unique_fd retrieveLocked(const char* path) {
-  unique_fd fd(com::zelkora::bpfObjGet(path, BPF_F_WRONLY));
+unique_fd retrieveLocked(MapId map) {
+  unique_fd fd(com::zelkora::bpfObjGet(com::zelkora::mapInfo(map).pinPath, BPF_F_WRONLY));
   if (fd.get() < 0) return fd;
   bpf_map_info info;
   uint32_t infoLen;
@@ -77,17 +75,17 @@ ConfigWrites configWritesFromState() {
 }
 
 bool configWritesFloor(const ConfigWrites& writes) {
-  const unique_fd cpuPolicy = retrieveLocked(kCpuPolicyMapPath);
+  const unique_fd cpuPolicy = retrieveLocked(MapId::CpuPolicy);
   if (cpuPolicy.get() < 0 || !writeAll(cpuPolicy.get(), writes.cpuPolicies)) return false;
-  const unique_fd freqToIdx = retrieveLocked(kFreqToIdxMapPath);
+  const unique_fd freqToIdx = retrieveLocked(MapId::FreqToIdx);
   if (freqToIdx.get() < 0 || !writeAll(freqToIdx.get(), writes.freqIndices)) return false;
-  const unique_fd lastUpdate = retrieveLocked(kCpuLastUpdateMapPath);
+  const unique_fd lastUpdate = retrieveLocked(MapId::CpuLastUpdate);
   const uint32_t zero = 0;
   if (lastUpdate.get() < 0 ||
       mapUpdateElem(lastUpdate.get(), &zero, writes.zeroLastUpdate.data(), BPF_ANY) != 0) {
     return false;
   }
-  const unique_fd policyFreqIdx = retrieveLocked(kPolicyFreqIdxMapPath);
+  const unique_fd policyFreqIdx = retrieveLocked(MapId::PolicyFreqIdx);
   return policyFreqIdx.get() >= 0 && writeAll(policyFreqIdx.get(), writes.currentIndices);
 }
 

@@ -2,7 +2,8 @@
 #include <android-base/unique_fd.h>
 
 #include "config_writes_floor.h"
-#include "core/map_records.h"
+#include "core/catalogue.h"
+#include "core/state.h"
 #include "kernel/bpf_lock.h"
 #include "kernel/config_maps.h"
 
@@ -13,14 +14,15 @@ bool libraryConfigWrites() {
   using android::base::unique_fd;
   using android::bpf::mapRetrieveWO;
   using namespace com::zelkora;
-  const unique_fd cpuPolicy(mapRetrieveWO(kCpuPolicyMapPath));
-  if (cpuPolicy.get() < 0 || !writeCpuPolicies(cpuPolicy.get())) return false;
-  const unique_fd freqToIdx(mapRetrieveWO(kFreqToIdxMapPath));
-  if (freqToIdx.get() < 0 || !writeFreqIndices(freqToIdx.get())) return false;
-  const unique_fd lastUpdate(mapRetrieveWO(kCpuLastUpdateMapPath));
-  if (lastUpdate.get() < 0 || !writeZeroLastUpdate(lastUpdate.get())) return false;
-  const unique_fd policyFreqIdx(mapRetrieveWO(kPolicyFreqIdxMapPath));
-  return policyFreqIdx.get() >= 0 && writeCurrentFreqIndices(policyFreqIdx.get());
+  const unique_fd cpuPolicy(mapRetrieveWO(mapInfo(MapId::CpuPolicy).pinPath));
+  if (cpuPolicy.get() < 0 || !writeCpuPolicies(cpuPolicy.get(), gRelatedCpus)) return false;
+  const unique_fd freqToIdx(mapRetrieveWO(mapInfo(MapId::FreqToIdx).pinPath));
+  if (freqToIdx.get() < 0 || !writeFreqIndices(freqToIdx.get(), gFreqTable)) return false;
+  const unique_fd lastUpdate(mapRetrieveWO(mapInfo(MapId::CpuLastUpdate).pinPath));
+  if (lastUpdate.get() < 0 || !writeZeroLastUpdate(lastUpdate.get(), gCpuBlockCount)) return false;
+  const unique_fd policyFreqIdx(mapRetrieveWO(mapInfo(MapId::PolicyFreqIdx).pinPath));
+  return policyFreqIdx.get() >= 0 &&
+         writeCurrentFreqIndices(policyFreqIdx.get(), gFreqTable, gRelatedCpus);
 }
 
 }  // namespace zelk::bench

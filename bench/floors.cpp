@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace zelk::bench {
 namespace {

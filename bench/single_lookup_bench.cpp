@@ -4,10 +4,10 @@
 #include <string>
 
 #include "floors.h"
-#include "kernel/bpf_syscall.h"
 #include "own_allocations.h"
 #include "paired.h"
 #include "registry.h"
+#include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime.h"
 
 namespace zelk::bench {

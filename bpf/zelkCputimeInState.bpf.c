@@ -91,7 +91,7 @@ static __always_inline void zelk_add_task_time(void* map, bool classes,
   zelk_add_to_slot(value, slot, delta);
 }
 
-SEC("tracepoint/sched/sched_switch")
+SEC(ZELK_PROGRAM_SECTION(sched, sched_switch))
 int sched_switch(struct trace_event_raw_sched_switch* ctx) {
   struct zelk_process_key key = {};
   __u32 zero = 0;
@@ -124,7 +124,7 @@ int sched_switch(struct trace_event_raw_sched_switch* ctx) {
 }
 
 /* Fires once per CPU of the policy. A frequency outside the library's table keeps the index. */
-SEC("tracepoint/power/cpu_frequency")
+SEC(ZELK_PROGRAM_SECTION(power, cpu_frequency))
 int cpu_frequency(struct trace_event_raw_cpu* ctx) {
   __u32 cpu = ctx->cpu_id;
   __u32* policy = bpf_map_lookup_elem(&cpu_policy_map, &cpu);
@@ -144,7 +144,7 @@ int cpu_frequency(struct trace_event_raw_cpu* ctx) {
   return 0;
 }
 
-SEC("tracepoint/oom/oom_score_adj_update")
+SEC(ZELK_PROGRAM_SECTION(oom, oom_score_adj_update))
 int oom_score_adj_update(struct trace_event_raw_oom_score_adj_update* ctx) {
   __u64 id = bpf_get_current_pid_tgid();
   __u32 pid = ctx->pid;
@@ -182,7 +182,7 @@ int oom_score_adj_update(struct trace_event_raw_oom_score_adj_update* ctx) {
   return 0;
 }
 
-SEC("tracepoint/task/task_rename")
+SEC(ZELK_PROGRAM_SECTION(task, task_rename))
 int task_rename(struct trace_event_raw_task_rename* ctx) {
   __u64 id = bpf_get_current_pid_tgid();
   struct zelk_task_name name = {};
@@ -205,8 +205,7 @@ int task_rename(struct trace_event_raw_task_rename* ctx) {
     bpf_map_update_elem(&pid_to_adj_last_update_map, &pid, &now, BPF_EXIST);
   } else if (pid == id >> 32) {
     /* Counted when it was new, as above. */
-    zelk_track_process(pid, &name, zelk_task_adj((struct task_struct*)bpf_get_current_task()),
-                       now);
+    zelk_track_process(pid, &name, zelk_task_adj((struct task_struct*)bpf_get_current_task()), now);
   }
   zelk_unlock_pid(pid, locked);
   return 0;
@@ -215,7 +214,7 @@ int task_rename(struct trace_event_raw_task_rename* ctx) {
 /* Runs in the parent. Threads share their process's entries; only new processes get their own,
  * with the name and oom_score_adj (so the class) they inherited. This is where a process is new,
  * so where one that the pid maps cannot hold is counted: once. */
-SEC("tracepoint/sched/sched_process_fork")
+SEC(ZELK_PROGRAM_SECTION(sched, sched_process_fork))
 int sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   struct task_struct* parent = (struct task_struct*)bpf_get_current_task();
   struct zelk_task_name name = {};
@@ -244,8 +243,15 @@ int sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
  * last switch already; this catches one whose last switch was missed. The pid is already free for
  * reuse here, but pids are handed out cyclically, so a new process under it this soon is not a
  * concern. */
-SEC("tracepoint/sched/sched_process_free")
+SEC(ZELK_PROGRAM_SECTION(sched, sched_process_free))
 int sched_process_free(struct trace_event_raw_sched_process_template* ctx) {
   zelk_end_process(ctx->pid, bpf_ktime_get_ns());
   return 0;
 }
+
+/* Every program of the catalogue is one of the above, named after its event; the loader's test
+ * checks that there is no other. */
+#define ZELK_CHECK_PROGRAM(category, event) \
+  _Static_assert(sizeof(&event) != 0, "the catalogue's " #event " program");
+ZELK_PROGRAMS(ZELK_CHECK_PROGRAM)
+#undef ZELK_CHECK_PROGRAM

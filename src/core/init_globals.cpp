@@ -3,45 +3,42 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
+#include "core/catalogue.h"
 #include "core/log.h"
-#include "core/map_records.h"
 #include "core/map_shape.h"
 #include "core/policy_discovery.h"
 #include "core/possible_cpus.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace com {
 namespace zelkora {
 namespace {
 
-struct PinnedMap {
-  const char* path;
+// The descriptor of each map that the library opens, in the catalogue's order, which is the
+// order in which they are opened; an attempt stops at the first that fails.
+struct OpenedMap {
+  MapId id;
   android::base::unique_fd* fd;
-  MapShape shape;
+};
+constexpr OpenedMap kOpenedMaps[] = {
+    {MapId::ProcessTime, &gProcessTimeFd}, {MapId::KthreadTime, &gKthreadTimeFd},
+    {MapId::TotalTime, &gTotalTimeFd},     {MapId::TopTime, &gTopTimeFd},
+    {MapId::BgTime, &gBgTimeFd},           {MapId::PidAdjUpdate, &gPidAdjUpdateFd},
+    {MapId::ClearTime, &gClearTimeFd},     {MapId::PidAdj, &gProAdjFd},
+    {MapId::PidComm, &gProCommFd},
 };
 
-constexpr MapShape kTimeInStateShape = {sizeof(process_key_t), sizeof(time_in_state_block_t),
-                                        /*perCpu=*/true};
-constexpr MapShape kPlainShape(uint32_t keySize, uint32_t valueSize) {
-  return {keySize, valueSize, /*perCpu=*/false};
+constexpr bool opensTheCataloguesMaps() {
+  if (std::size(kOpenedMaps) != kOpenedMapCount) return false;
+  for (size_t i = 0; i < kOpenedMapCount; ++i) {
+    if (kOpenedMaps[i].id != kMaps[i].id) return false;
+  }
+  return true;
 }
-
-// The order in which the maps are opened; an attempt stops at the first that fails.
-const PinnedMap kPinnedMaps[] = {
-    {kProcessTimeMapPath, &gProcessTimeFd, kTimeInStateShape},
-    {kKthreadTimeMapPath, &gKthreadTimeFd, kTimeInStateShape},
-    {kTotalTimeMapPath,
-     &gTotalTimeFd,
-     {sizeof(zero_key_t), sizeof(time_in_state_block_t), /*perCpu=*/true}},
-    {kTopTimeMapPath, &gTopTimeFd, kPlainShape(sizeof(process_info_t), sizeof(time_value_t))},
-    {kBgTimeMapPath, &gBgTimeFd, kPlainShape(sizeof(process_info_t), sizeof(time_value_t))},
-    {kPidAdjUpdateMapPath, &gPidAdjUpdateFd, kPlainShape(sizeof(pid_key_t), sizeof(time_value_t))},
-    {kClearTimeMapPath, &gClearTimeFd, kPlainShape(sizeof(zero_key_t), sizeof(time_value_t))},
-    {kPidAdjMapPath, &gProAdjFd, kPlainShape(sizeof(pid_key_t), sizeof(adj_value_t))},
-    {kPidCommMapPath, &gProCommFd, kPlainShape(sizeof(pid_key_t), sizeof(task_name_value_t))},
-};
+static_assert(opensTheCataloguesMaps(), "a descriptor for each map the catalogue says is opened");
 
 }  // namespace
 
@@ -55,22 +52,24 @@ bool initGlobals() {
   gPolicyCount = tables->policyCount;
   gFreqTable = std::move(tables->freqTable);
   gRelatedCpus = std::move(tables->relatedCpus);
+  gPolicyNames = std::move(tables->names);
   gCpuSlot = std::move(tables->cpuSlot);
   gCpuBlockCount = std::max(gCpuCount, readPossibleCpuCount().value_or(0));
   gFoldLayout = makeFoldLayout(gFreqTable, gRelatedCpus, gCpuSlot, gCpuBlockCount);
 
-  for (const PinnedMap& map : kPinnedMaps) {
+  for (const OpenedMap& map : kOpenedMaps) {
+    const MapInfo& info = mapInfo(map.id);
     errno = 0;
-    const int fd = bpfObjGet(map.path, /*fileFlags=*/0);  // read-write
+    const int fd = bpfObjGet(info.pinPath, /*fileFlags=*/0);  // read-write
     map.fd->reset(fd < 0 ? -1 : fd);  // keeps errno across the close of an earlier descriptor
     if (fd < 0) {
-      ZELK_LOGE("Failed to open bpf map %s: %s", map.path, strerror(errno));
+      ZELK_LOGE("Failed to open bpf map %s: %s", info.pinPath, strerror(errno));
       return false;
     }
     // A map of another shape is refused like a missing one: the kernel would overrun our buffers.
-    const std::string mismatch = describeMapMismatch(fd, map.shape);
+    const std::string mismatch = describeMapMismatch(fd, mapShape(info));
     if (!mismatch.empty()) {
-      ZELK_LOGE("Unexpected bpf map %s: %s", map.path, mismatch.c_str());
+      ZELK_LOGE("Unexpected bpf map %s: %s", info.pinPath, mismatch.c_str());
       map.fd->reset();
       return false;
     }

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 using android::base::StringPrintf;
 

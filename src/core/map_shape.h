@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "core/catalogue.h"
+
 namespace com {
 namespace zelkora {
 
@@ -14,6 +16,11 @@ struct MapShape {
   uint32_t valueSize;
   bool perCpu;
 };
+
+// The shape that the catalogue gives a map.
+constexpr MapShape mapShape(const MapInfo& info) {
+  return {info.keySize, info.valueSize, info.perCpu};
+}
 
 // "" when `fd` is a BPF map of this shape; otherwise what differs, for a log message.
 std::string describeMapMismatch(int fd, const MapShape& expected);

@@ -12,6 +12,7 @@
 #include "core/number_file.h"
 #include "core/state.h"
 #include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_policies.h"
 
 using android::base::StringPrintf;
 
@@ -58,6 +59,7 @@ std::optional<PolicyTables> discoverPolicies(const char* dir) {
   if (!names) return std::nullopt;
 
   PolicyTables tables;
+  tables.names = *names;
   tables.policyCount = static_cast<uint32_t>(names->size());
   uint32_t largestCpu = 0;
   for (const std::string& name : *names) {
@@ -91,6 +93,15 @@ std::optional<PolicyTables> discoverPolicies(const char* dir) {
 std::optional<std::vector<std::vector<uint64_t>>> getCpuFreqs() {
   if (!ensureGlobals()) return std::nullopt;
   return gFreqTable;
+}
+
+std::optional<std::vector<CpuFreqPolicy>> getCpuFreqPolicies() {
+  if (!ensureGlobals()) return std::nullopt;
+  std::vector<CpuFreqPolicy> policies;
+  policies.reserve(gPolicyCount);
+  for (uint32_t i = 0; i < gPolicyCount; ++i)
+    policies.push_back({gPolicyNames[i], gRelatedCpus[i]});
+  return policies;
 }
 
 }  // namespace zelkora

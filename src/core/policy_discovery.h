@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace com {
@@ -13,6 +14,8 @@ inline constexpr const char kCpufreqDir[] = "/sys/devices/system/cpu/cpufreq";
 inline constexpr uint64_t kNoCpuSlot = ~uint64_t{0};
 
 struct PolicyTables {
+  // Per policy: its directory's name ("policy4").
+  std::vector<std::string> names;
   // Per policy, in ascending policy number: available then boost frequencies, sorted, in kHz.
   std::vector<std::vector<uint64_t>> freqTable;
   // Per policy: the CPUs of its related_cpus file, in file order.

@@ -9,6 +9,7 @@ std::mutex gInitMutex;
 std::mutex gTrackingMutex;
 std::vector<std::vector<uint64_t>> gFreqTable;
 std::vector<std::vector<uint64_t>> gRelatedCpus;
+std::vector<std::string> gPolicyNames;
 std::vector<uint64_t> gCpuSlot;
 android::base::unique_fd gProcessTimeFd;
 RwLock gProcessTimeLock;

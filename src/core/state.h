@@ -5,7 +5,10 @@
 // The descriptors of the counting maps are guarded by their map's lock: a whole-map walk holds it
 // shared, a whole-map clear exclusive, and the compiler checks that (clang -Wthread-safety).
 // Single-element operations, which the kernel makes atomic, take no lock and say so through
-// lockFreeFd().
+// lockFreeFd(). The three pid maps are walked only by the foreground/background queries, which
+// hold gTopBgTimeLock shared for the walk and the stored totals together, so that lock guards
+// them too; nothing of the library clears them whole, and the seeding's single-element writes
+// and deletes take no lock.
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -13,11 +16,12 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <vector>
 
+#include "core/fold_layout.h"
 #include "core/rw_lock.h"
 #include "core/thread_annotations.h"
-#include "query/fold.h"
 
 namespace com {
 namespace zelkora {
@@ -30,16 +34,17 @@ extern RwLock gTotalTimeLock;
 extern RwLock gTopBgTimeLock;
 extern std::vector<std::vector<uint64_t>> gFreqTable;
 extern std::vector<std::vector<uint64_t>> gRelatedCpus;
+extern std::vector<std::string> gPolicyNames;  // per policy, its directory's name
 extern std::vector<uint64_t> gCpuSlot;
 extern android::base::unique_fd gProcessTimeFd GUARDED_BY(gProcessTimeLock);
 extern android::base::unique_fd gKthreadTimeFd GUARDED_BY(gKthreadTimeLock);
 extern android::base::unique_fd gTotalTimeFd GUARDED_BY(gTotalTimeLock);
 extern android::base::unique_fd gTopTimeFd GUARDED_BY(gTopBgTimeLock);
 extern android::base::unique_fd gBgTimeFd GUARDED_BY(gTopBgTimeLock);
-extern android::base::unique_fd gPidAdjUpdateFd;
+extern android::base::unique_fd gPidAdjUpdateFd GUARDED_BY(gTopBgTimeLock);
 extern android::base::unique_fd gClearTimeFd GUARDED_BY(gTopBgTimeLock);
-extern android::base::unique_fd gProAdjFd;
-extern android::base::unique_fd gProCommFd;
+extern android::base::unique_fd gProAdjFd GUARDED_BY(gTopBgTimeLock);
+extern android::base::unique_fd gProCommFd GUARDED_BY(gTopBgTimeLock);
 extern std::atomic<bool> gTrackingStarted;
 extern uint32_t gPolicyCount;
 extern std::atomic<bool> gGlobalsReady;

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace android {
 namespace bpf {

@@ -12,11 +12,11 @@
 #include <stdexcept>
 #include <string>
 
-#include "accounting/clock.h"
+#include "core/clock.h"
 #include "core/log.h"
 #include "core/map_records.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime.h"
 
 // The pass reports under the name of the step, not of the helper that logs.
@@ -64,20 +64,24 @@ void seedProcess(const std::string& name, uint64_t updateTime) {
   if (!isNumber(adjText)) return;
   const adj_value_t adj = static_cast<adj_value_t>(std::stoi(adjText, nullptr, 10));
 
+  // Element operations only, which take no lock.
+  const int commMap = lockFreeFd(gProCommFd).get();
+  const int updateMap = lockFreeFd(gPidAdjUpdateFd).get();
+  const int adjMap = lockFreeFd(gProAdjFd).get();
   // NOEXIST: an entry made by the kernel side, or an earlier pass, is newer than anything read
   // here.
   errno = 0;
-  if (mapUpdateElem(gProCommFd.get(), &pid, &taskName, BPF_NOEXIST) == 0 &&
-      mapUpdateElem(gPidAdjUpdateFd.get(), &pid, &updateTime, BPF_NOEXIST) == 0 &&
-      mapUpdateElem(gProAdjFd.get(), &pid, &adj, BPF_NOEXIST) == 0) {
+  if (mapUpdateElem(commMap, &pid, &taskName, BPF_NOEXIST) == 0 &&
+      mapUpdateElem(updateMap, &pid, &updateTime, BPF_NOEXIST) == 0 &&
+      mapUpdateElem(adjMap, &pid, &adj, BPF_NOEXIST) == 0) {
     return;
   }
   SEED_LOGW("Failed to write %d to gProCommFd, gPidAdjUpdateFd and gProAdjFd, reason: %s.", pid,
             strerror(errno));
   // A half-written pid would pair a name with the wrong adj or time: leave it to the kernel side.
-  mapDeleteElem(gProCommFd.get(), &pid);
-  mapDeleteElem(gPidAdjUpdateFd.get(), &pid);
-  mapDeleteElem(gProAdjFd.get(), &pid);
+  mapDeleteElem(commMap, &pid);
+  mapDeleteElem(updateMap, &pid);
+  mapDeleteElem(adjMap, &pid);
 }
 
 }  // namespace

@@ -6,8 +6,8 @@ namespace com {
 namespace zelkora {
 
 // For every process in /proc, writes its name (at most 14 characters), one shared update time
-// and its oom_score_adj into pid_to_comm_map, pid_to_adj_last_update_map and pid_to_adj_map,
-// never replacing an entry. A pid whose write fails is removed from all three maps. Does
+// and its oom_score_adj into the three pid maps (name, last update, adj), never replacing an
+// entry. A pid whose write fails is removed from all three maps. Does
 // nothing unless the library is ready and tracking has started.
 void doInitMap();
 

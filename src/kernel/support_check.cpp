@@ -1,9 +1,8 @@
 #include <android-base/unique_fd.h>
 
-#include "core/map_records.h"
+#include "core/catalogue.h"
 #include "core/state.h"
 #include "kernel/tracepoint_program.h"
-#include "kernel/tracepoints.h"
 #include "zelkcpufreqtime.h"
 
 namespace com {
@@ -13,9 +12,10 @@ bool isTrackingCpuFreqTimeSupported() {
   if (!ensureGlobals()) return false;
   // Once attached, the programs are in use whatever happens to their pins.
   if (gTrackingStarted.load()) return true;
-  for (const Tracepoint& tp : kTracepoints) {
-    const android::base::unique_fd program(retrieveProgramFd(kObjectName, tp.category, tp.event));
-    if (program.get() < 0) return false;
+  for (const ProgramInfo& program : kPrograms) {
+    const android::base::unique_fd fd(
+        retrieveProgramFd(kObjectName, program.category, program.event));
+    if (fd.get() < 0) return false;
   }
   return true;
 }

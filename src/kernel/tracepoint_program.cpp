@@ -7,15 +7,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "core/catalogue.h"
 #include "core/log.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace com {
 namespace zelkora {
 
 int retrieveProgramFd(const char* object, const char* category, const char* event) {
-  const std::string path =
-      android::base::StringPrintf("/sys/fs/bpf/prog_%s_tracepoint_%s_%s", object, category, event);
+  const std::string path = android::base::StringPrintf(kProgramPinFormat, object, category, event);
   return bpfObjGet(path.c_str(), BPF_F_RDONLY);
 }
 

@@ -4,7 +4,7 @@
 namespace com {
 namespace zelkora {
 
-// Opens /sys/fs/bpf/prog_<object>_tracepoint_<category>_<event> read-only; negative with errno
+// Opens the program's pin (the catalogue's rule) read-only; negative with errno
 // when it is not pinned. The caller owns the descriptor.
 int retrieveProgramFd(const char* object, const char* category, const char* event);
 

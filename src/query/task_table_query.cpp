@@ -9,9 +9,9 @@
 
 #include "core/map_records.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
 #include "query/fold.h"
 #include "query/task_key.h"
+#include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime.h"
 
 namespace com {

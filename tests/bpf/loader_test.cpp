@@ -7,10 +7,13 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <map>
 #include <set>
+#include <string>
+#include <vector>
 
-#include "accounting/clock.h"
+#include "core/clock.h"
 #include "maps.h"
 #include "namespace.h"
 #include "object_loader.h"
@@ -50,6 +53,30 @@ uint64_t clearTime() {
 
 class LoaderTest : public KernelTest {};
 
+// The object has exactly the catalogue's maps and programs (in the ELF's order, which is not the
+// catalogue's); so every table
+// taken from the catalogue (the library's, the loader's sizes, the tool's, the test bed's) is the
+// object's. Read from the ELF: no kernel needed.
+TEST(ObjectPinsTest, TheObjectHasTheCataloguesMapsAndPrograms) {
+  const loader::PinList pins = loader::objectPins(loader::embeddedObject());
+  ASSERT_EQ(pins.error, "");
+  std::set<std::string> maps;
+  for (MapId id : kAllMaps) maps.insert(pinPath(id));
+  EXPECT_EQ(std::set<std::string>(pins.maps.begin(), pins.maps.end()), maps);
+  EXPECT_EQ(pins.maps.size(), maps.size());
+  std::set<std::string> programs, catalogued;
+  for (const loader::ProgramPin& program : pins.programs) {
+    programs.insert(program.path);
+    EXPECT_EQ(program.path, programPinPath({program.category, program.event}));
+  }
+  for (const auto& tp : objectTracepoints()) catalogued.insert(programPinPath(tp));
+  EXPECT_EQ(programs, catalogued);
+  EXPECT_EQ(pins.programs.size(), catalogued.size());
+  EXPECT_EQ(pinPath(MapId::ClearTime), "/sys/fs/bpf/map_zelkCputimeInState_clear_time_map");
+  EXPECT_EQ(programPinPath({"sched", "sched_switch"}),
+            "/sys/fs/bpf/prog_zelkCputimeInState_tracepoint_sched_sched_switch");
+}
+
 TEST_F(LoaderTest, LoadsIntoItsOwnBpffsKeepsOrReplacesPinsAndUnloadsExactlyItsOwn) {
   ASSERT_EQ(umount("/sys/fs/bpf"), 0);
   const uint64_t before = getTimeSinceBoot();
@@ -61,24 +88,24 @@ TEST_F(LoaderTest, LoadsIntoItsOwnBpffsKeepsOrReplacesPinsAndUnloadsExactlyItsOw
   EXPECT_LE(clearTime(), getTimeSinceBoot());
   // The kernel copies as many bytes as the map's own sizes say, to and from the library's records;
   // the library walks and deletes in hashes, and reads per-CPU blocks where the catalogue says.
-  const std::set<MapId> keyedOnly = {MapId::ClearTime, MapId::CpuPolicy, MapId::FreqToIdx,
-                                     MapId::PolicyFreqIdx};
+  // The test bed makes its maps from the same catalogue, with the compiled sizes of the fixed ones.
   for (MapId id : kAllMaps) {
     SCOPED_TRACE(catalogue(id).name);
     android::base::unique_fd fd(bpf_obj_get(pinPath(id).c_str()));
     bpf_map_info info{};
     uint32_t length = sizeof(info);
     ASSERT_EQ(bpf_obj_get_info_by_fd(fd.get(), &info, &length), 0) << strerror(errno);
-    if (keyedOnly.count(id)) {
-      EXPECT_TRUE(info.type == BPF_MAP_TYPE_HASH || info.type == BPF_MAP_TYPE_ARRAY) << info.type;
-    } else {
-      EXPECT_EQ(info.type, catalogue(id).type);
-    }
+    EXPECT_EQ(info.type, catalogue(id).type);
     EXPECT_EQ(info.key_size, catalogue(id).keySize);
     EXPECT_EQ(info.value_size, catalogue(id).valueSize);
+    if (com::zelkora::mapInfo(id).size == ZELK_SIZE_FIXED) {
+      EXPECT_EQ(info.max_entries, catalogue(id).maxEntries);
+    }
   }
   const auto first = pinIds();
-  ASSERT_EQ(first.size(), 19u) << "and the six programs, which tests/e2e attach";
+  const size_t objectPinCount = std::size(kAllMaps) + objectTracepoints().size();
+  ASSERT_EQ(first.size(), objectPinCount)
+      << "every map and the six programs, which tests/e2e attach";
   const uint64_t firstClear = clearTime();
 
   // Existing pins are kept unless replaced.
@@ -96,13 +123,13 @@ TEST_F(LoaderTest, LoadsIntoItsOwnBpffsKeepsOrReplacesPinsAndUnloadsExactlyItsOw
   EXPECT_NE(partial.message.find(std::to_string(pins - 1) + " of " + std::to_string(pins)),
             std::string::npos)
       << partial.message;
-  EXPECT_EQ(pinIds().size(), 18u);
+  EXPECT_EQ(pinIds().size(), objectPinCount - 1);
 
   loader::LoadOptions replace;
   replace.replace = true;
   ASSERT_EQ(loader::load(replace).status, Status::kLoaded);
   const auto replaced = pinIds();
-  ASSERT_EQ(replaced.size(), 19u);
+  ASSERT_EQ(replaced.size(), objectPinCount);
   for (const auto& [path, id] : first) EXPECT_NE(replaced.at(path), id) << path;
   EXPECT_GT(clearTime(), firstClear);
 

@@ -9,8 +9,18 @@
 #include "core/possible_cpus.h"
 #include "core/state.h"
 #include "library_test.h"
+#include "zelkcpufreqtime_policies.h"
 
 namespace com::zelkora {
+
+// For comparing whole lists: argument-dependent lookup finds these in the record's namespace.
+bool operator==(const CpuFreqPolicy& a, const CpuFreqPolicy& b) {
+  return a.name == b.name && a.cpus == b.cpus;
+}
+void PrintTo(const CpuFreqPolicy& policy, std::ostream* out) {
+  *out << policy.name << ' ' << ::testing::PrintToString(policy.cpus);
+}
+
 namespace {
 
 using namespace zelk::testbed;
@@ -20,14 +30,20 @@ class InitGlobalsTest : public LibraryTest {};
 
 TEST_F(InitGlobalsTest, RetriesDiscoveryUntilItSucceedsThenNeverAgain) {
   EXPECT_EQ(getCpuFreqs(), std::nullopt) << "no policy yet";
+  EXPECT_EQ(getCpuFreqPolicies(), std::nullopt);
   addPolicy("policy0", {100, 200}, {0, 1});
   addPolicy("policy4", {300}, {4});
-  const Table freqs = {{100, 200}, {300}};
+  addPolicy("policy10", {400}, {});
+  const Table freqs = {{100, 200}, {300}, {400}};
+  const std::vector<CpuFreqPolicy> policies = {
+      {"policy0", {0, 1}}, {"policy4", {4}}, {"policy10", {}}};
+  EXPECT_EQ(getCpuFreqPolicies(), policies) << "the policies of getCpuFreqs(), in its order";
   EXPECT_EQ(getCpuFreqs(), freqs);
   EXPECT_GE(gCpuBlockCount, readPossibleCpuCount().value_or(0)) << "a block per possible CPU";
   ASSERT_EQ(system("rm -r /sys/devices/system/cpu/cpufreq/policy4"), 0);
   addPolicy("policy0", {999}, {0});
   EXPECT_EQ(getCpuFreqs(), freqs) << "later changes to sysfs are not seen";
+  EXPECT_EQ(getCpuFreqPolicies(), policies);
   EXPECT_TRUE(log_.lines().empty()) << "discovery logs nothing";
 }
 

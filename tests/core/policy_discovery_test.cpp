@@ -111,6 +111,7 @@ TEST_F(PolicyDiscoveryTest, OrdersPoliciesByNumberAndMergesBothFrequencyFiles) {
   const auto tables = discoverPolicies();
   ASSERT_TRUE(tables.has_value());
   EXPECT_EQ(tables->policyCount, 3u);
+  EXPECT_EQ(tables->names, (std::vector<std::string>{"policy0", "policy4", "policy10"}));
   EXPECT_EQ(tables->freqTable[0], (V{300000, 900000, 1800000, 1800000, 2000000}));
   EXPECT_EQ(tables->freqTable[1].size(), (4u << 20) / 5 + 1);
   EXPECT_EQ(tables->freqTable[2], (V{400, 500}));

@@ -12,7 +12,7 @@
 #include <map>
 #include <set>
 
-#include "accounting/clock.h"
+#include "core/clock.h"
 #include "core/map_records.h"
 #include "core/state.h"
 #include "library_test.h"

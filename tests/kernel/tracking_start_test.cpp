@@ -3,12 +3,15 @@
 #include <android-base/file.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <map>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "core/map_records.h"
 #include "kernel/bpf_lock.h"
+#include "kernel/config_maps.h"
 #include "library_test.h"
 
 // For maps keyed by the frequency record: argument-dependent lookup finds these in the record's
@@ -46,7 +49,16 @@ class TrackingStartTest : public LibraryTest {
     ASSERT_EQ(pinPrograms(), "");
   }
 
-  U32Map read32(MapId id) const { return entries<uint32_t, uint32_t>(fd(id)); }
+  // The entries written. An array holds every key, and an entry never written reads 0, which no
+  // written index is.
+  U32Map read32(MapId id) const {
+    U32Map written = entries<uint32_t, uint32_t>(fd(id));
+    if (catalogue(id).type != BPF_MAP_TYPE_ARRAY) return written;
+    for (auto it = written.begin(); it != written.end();) {
+      it = it->second == 0 ? written.erase(it) : std::next(it);
+    }
+    return written;
+  }
   int fd(MapId id) const { return maps_.fd(id); }
   // cpu_last_update_map's only value, one entry per possible CPU.
   std::vector<uint64_t> lastUpdate(std::optional<uint64_t> write = std::nullopt) {
@@ -128,6 +140,12 @@ TEST_F(TrackingStartTest, WritesTheLayoutKeyByKeyAttachesEveryProgramAndStartsOn
 
 TEST_F(TrackingStartTest, MissingProgramFailsTheSupportCheckAndTheStartAfterTheOnesBeforeIt) {
   const auto& tp = objectTracepoints();
+  std::vector<std::string> order;
+  for (const auto& program : tp) order.push_back(program.category + ":" + program.event);
+  ASSERT_EQ(order, (std::vector<std::string>{"sched:sched_switch", "power:cpu_frequency",
+                                             "sched:sched_process_free", "sched:sched_process_fork",
+                                             "task:task_rename", "oom:oom_score_adj_update"}))
+      << "the order in which the library checks and attaches them";
   for (const auto& program : tp) {
     unpinProgram(program);
     EXPECT_FALSE(isTrackingCpuFreqTimeSupported()) << "without " << program.event;
@@ -163,6 +181,31 @@ TEST_F(TrackingStartTest, MissingProgramFailsTheSupportCheckAndTheStartAfterTheO
   EXPECT_FALSE(attachPinnedProgram(tp[0])) << "sched_switch stays attached";
   EXPECT_FALSE(attachPinnedProgram(tp[1])) << "cpu_frequency stays attached";
   EXPECT_TRUE(attachPinnedProgram(tp[3])) << "sched_process_fork was never tried";
+}
+
+// The writers on their own, with tables that are not the library's state, as the tool's sampler
+// and zelk-exercise use them.
+TEST_F(TrackingStartTest, ConfigWritersWriteTheTablesTheyAreGiven) {
+  const PolicyLists cpus = {{6, 7}, {}, {2}};
+  ASSERT_TRUE(writeCpuPolicies(fd(MapId::CpuPolicy), cpus));
+  EXPECT_EQ(read32(MapId::CpuPolicy), (U32Map{{6, 0}, {7, 0}, {2, 2}}));
+  ASSERT_TRUE(writeFreqIndices(fd(MapId::FreqToIdx), {{10, 20, 20}, {30}}));
+  const std::map<freq_key_t, uint32_t> written = {{{0, 10}, 1}, {{0, 20}, 3}, {{1, 30}, 1}};
+  EXPECT_EQ((entries<freq_key_t, uint32_t>(fd(MapId::FreqToIdx))), written);
+  ASSERT_TRUE(writeCurrentFreqIndex(fd(MapId::PolicyFreqIdx), 5, 9));
+  EXPECT_EQ(read32(MapId::PolicyFreqIdx), (U32Map{{5, 9}}));
+  ASSERT_TRUE(writeZeroLastUpdate(fd(MapId::CpuLastUpdate), possibleCpus()));
+  EXPECT_EQ(lastUpdate(), std::vector<uint64_t>(possibleCpus(), 0));
+
+  // A frequency listed twice, or absent, is removed all the same; other policies' stay.
+  EXPECT_TRUE(deleteFreqIndices(fd(MapId::FreqToIdx), 0, {20, 20, 10, 99}));
+  EXPECT_EQ((entries<freq_key_t, uint32_t>(fd(MapId::FreqToIdx))),
+            (std::map<freq_key_t, uint32_t>{{{1, 30}, 1}}));
+  ASSERT_EQ(maps_.freeze(MapId::FreqToIdx), "");
+  errno = 0;
+  EXPECT_FALSE(deleteFreqIndices(fd(MapId::FreqToIdx), 1, {30}));
+  EXPECT_EQ(errno, EPERM) << "the failed delete's errno";
+  EXPECT_TRUE(log_.lines().empty()) << "the writers log nothing";
 }
 
 // A configuration map that refuses the start: write-locked by another open file description (as

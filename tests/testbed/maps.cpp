@@ -12,40 +12,42 @@
 namespace zelk::testbed {
 namespace {
 
-constexpr uint32_t kTis = 16384;
-constexpr uint32_t kPids = 32768;
-constexpr uint32_t kKey = sizeof(zelk_process_key);
-constexpr uint32_t kName = sizeof(zelk_task_name);
-constexpr uint32_t kBlock = sizeof(zelk_time_in_state);
-constexpr uint32_t kPid = sizeof(zelk_pid_key);
-constexpr uint32_t kTime = sizeof(zelk_time_value);
-constexpr uint32_t kZero = sizeof(zelk_zero_key);
+// The sized maps as a load with --names 16384 --kthreads 16384 --pids 32768 makes them, room for
+// the tests' and benchmarks' many keys; the fixed ones as compiled.
+uint32_t bedEntries(const com::zelkora::MapInfo& map) {
+  switch (map.size) {
+    case ZELK_SIZE_NAMES:
+    case ZELK_SIZE_KTHREADS:
+      return 16384;
+    case ZELK_SIZE_PIDS:
+      return 32768;
+    case ZELK_SIZE_FIXED:
+      break;
+  }
+  return map.compiledEntries;
+}
+
+MapDef definitionOf(const com::zelkora::MapInfo& map) {
+  return {map.name, map.type, map.keySize, map.valueSize, bedEntries(map)};
+}
 
 // In the order of MapId.
-constexpr MapDef kDefinitions[] = {
-    {"process_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, kKey, kBlock, kTis},
-    {"kthread_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, kKey, kBlock, kTis},
-    {"total_cpu_time_in_state_map", BPF_MAP_TYPE_PERCPU_HASH, kZero, kBlock, 16},
-    {"comm_to_toptime_map", BPF_MAP_TYPE_HASH, kName, kTime, kTis},
-    {"comm_to_bgtime_map", BPF_MAP_TYPE_HASH, kName, kTime, kTis},
-    {"pid_to_adj_last_update_map", BPF_MAP_TYPE_HASH, kPid, kTime, kPids},
-    {"clear_time_map", BPF_MAP_TYPE_HASH, kZero, kTime, 1},
-    {"pid_to_adj_map", BPF_MAP_TYPE_HASH, kPid, sizeof(zelk_adj_value), kPids},
-    {"pid_to_comm_map", BPF_MAP_TYPE_HASH, kPid, kName, kPids},
-    {"cpu_policy_map", BPF_MAP_TYPE_HASH, sizeof(zelk_cpu_key), sizeof(zelk_policy_ordinal), 1024},
-    {"freq_to_idx_map", BPF_MAP_TYPE_HASH, sizeof(zelk_freq_key), sizeof(zelk_freq_index), 4096},
-    {"cpu_last_update_map", BPF_MAP_TYPE_PERCPU_ARRAY, kZero, kTime, 1},
-    {"policy_freq_idx_map", BPF_MAP_TYPE_HASH, sizeof(zelk_policy_ordinal), sizeof(zelk_freq_index),
-     1024},
-};
+const std::vector<MapDef>& definitions() {
+  static const std::vector<MapDef> all = [] {
+    std::vector<MapDef> defs;
+    for (const com::zelkora::MapInfo& map : com::zelkora::kMaps) defs.push_back(definitionOf(map));
+    return defs;
+  }();
+  return all;
+}
 
 std::string failure(const std::string& what) { return what + ": " + strerror(errno); }
 
 }  // namespace
 
-const MapDef& catalogue(MapId id) { return kDefinitions[static_cast<size_t>(id)]; }
+const MapDef& catalogue(MapId id) { return definitions()[static_cast<size_t>(id)]; }
 
-std::string pinPath(MapId id) { return std::string(ZELK_MAP_PATH("")) + catalogue(id).name; }
+std::string pinPath(MapId id) { return com::zelkora::mapInfo(id).pinPath; }
 
 std::string Maps::create() {
   for (MapId id : kAllMaps) {

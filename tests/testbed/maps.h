@@ -1,5 +1,5 @@
-// Real BPF maps with the kernel object's exact records, created with bpf(2) and pinned at the
-// library's paths inside the test's private bpffs.
+// Real BPF maps with the kernel object's exact records, types and fixed sizes (its catalogue's),
+// created with bpf(2) and pinned at the library's paths inside the test's private bpffs.
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -11,32 +11,17 @@
 #include <string>
 #include <vector>
 
+#include "core/catalogue.h"
 #include "core/map_records.h"
 
 namespace zelk::testbed {
 
-// Every map, the library's nine first in the order in which it opens them.
-enum class MapId {
-  ProcessTime,
-  KthreadTime,
-  TotalTime,
-  TopTime,
-  BgTime,
-  PidAdjUpdate,
-  ClearTime,
-  PidAdj,
-  PidComm,
-  CpuPolicy,
-  FreqToIdx,
-  CpuLastUpdate,
-  PolicyFreqIdx
-};
-inline constexpr size_t kLibraryMapCount = 9;
-inline constexpr MapId kAllMaps[] = {MapId::ProcessTime,  MapId::KthreadTime, MapId::TotalTime,
-                                     MapId::TopTime,      MapId::BgTime,      MapId::PidAdjUpdate,
-                                     MapId::ClearTime,    MapId::PidAdj,      MapId::PidComm,
-                                     MapId::CpuPolicy,    MapId::FreqToIdx,   MapId::CpuLastUpdate,
-                                     MapId::PolicyFreqIdx};
+// Every map of the object, the library's nine first in the order in which it opens them.
+using com::zelkora::MapId;
+inline constexpr size_t kLibraryMapCount = com::zelkora::kOpenedMapCount;
+#define ZELK_TESTBED_MAP_ID(id, ...) MapId::id,
+inline constexpr MapId kAllMaps[] = {ZELK_MAPS(ZELK_TESTBED_MAP_ID)};
+#undef ZELK_TESTBED_MAP_ID
 
 struct MapDef {
   const char* name;

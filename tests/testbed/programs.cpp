@@ -7,20 +7,30 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstring>
+
+#include "core/catalogue.h"
 
 namespace zelk::testbed {
 
 const std::vector<TracepointName>& objectTracepoints() {
-  static const std::vector<TracepointName> tracepoints = {
-      {"sched", "sched_switch"},       {"power", "cpu_frequency"}, {"sched", "sched_process_free"},
-      {"sched", "sched_process_fork"}, {"task", "task_rename"},    {"oom", "oom_score_adj_update"},
-  };
+  static const std::vector<TracepointName> tracepoints = [] {
+    std::vector<TracepointName> all;
+    for (const com::zelkora::ProgramInfo& program : com::zelkora::kPrograms) {
+      all.push_back({program.category, program.event});
+    }
+    return all;
+  }();
   return tracepoints;
 }
 
 std::string programPinPath(const TracepointName& tp) {
-  return "/sys/fs/bpf/prog_zelkCputimeInState_tracepoint_" + tp.category + "_" + tp.event;
+  char path[PATH_MAX];
+  snprintf(path, sizeof(path), com::zelkora::kProgramPinFormat, com::zelkora::kObjectName,
+           tp.category.c_str(), tp.event.c_str());
+  return path;
 }
 
 int loadTrivialProgram(const char* name) {

@@ -12,8 +12,8 @@ struct TracepointName {
   std::string event;
 };
 
-// The kernel object's six tracepoints, in its documented order (written out here, not taken
-// from the library, whose order the tests check).
+// The kernel object's six tracepoints, in its catalogue's order, in which the library checks and
+// attaches them (the tests spell that order out where they check it).
 const std::vector<TracepointName>& objectTracepoints();
 
 std::string programPinPath(const TracepointName& tp);

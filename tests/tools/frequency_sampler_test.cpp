@@ -21,6 +21,7 @@
 
 #include "child_process.h"
 #include "core/map_records.h"
+#include "maps.h"
 #include "namespace.h"
 #include "object_loader.h"
 #include "self_status.h"
@@ -216,8 +217,8 @@ TEST_F(SampledTableTest, TheSamplerIsASampledPolicysOnlySource) {
   cli::FrequencySampler sampler(std::move(sampled), milliseconds(kPeriodMs));
   ASSERT_EQ(sampler.start(), "");
 
-  const android::base::unique_fd toIndex(bpf_obj_get(com::zelkora::kFreqToIdxMapPath));
-  const android::base::unique_fd current(bpf_obj_get(com::zelkora::kPolicyFreqIdxMapPath));
+  const android::base::unique_fd toIndex(bpf_obj_get(pinPath(MapId::FreqToIdx).c_str()));
+  const android::base::unique_fd current(bpf_obj_get(pinPath(MapId::PolicyFreqIdx).c_str()));
   ASSERT_GE(toIndex.get(), 0);
   ASSERT_GE(current.get(), 0);
   uint32_t index = 0;

@@ -68,6 +68,10 @@ TEST_F(ShowCommandTest, LoadStartShowResetUnload) {
   run = runTool({"status", "--json"});
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_TRUE(contains(run.output, R"("supported":true,"tracking_pids":\[\])")) << run.output;
+  // The policies that the library discovered.
+  EXPECT_TRUE(contains(run.output, R"("policies":\[\{"name":"policy0","related_cpus":"0 1 2 3"\},)"
+                                   R"(\{"name":"policy4","related_cpus":"4 5 6"\}\])"))
+      << run.output;
 
   EXPECT_EQ(runTool({"reset", "total"}).status, 0);
   run = runTool({"show", "total"});  // the map is empty again

@@ -1,6 +1,7 @@
 #include "object_setup.h"
 
 #include <android-base/errno_restorer.h>
+#include <android-base/unique_fd.h>
 #include <bcc/libbpf.h>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "kernel/config_maps.h"
 #include "object_pins.h"
 
 namespace zelk::exercise {
@@ -16,33 +18,18 @@ namespace {
 
 std::string failure(const std::string& what) { return what + ": " + strerror(errno); }
 
-// Opens a map pin, or returns -1 with the reason in `error`.
-int openMap(const char* name, std::string* error) {
-  const std::string path = loader::mapPinPath(name);
-  const int fd = bpf_obj_get(path.c_str());
-  if (fd < 0) *error = failure("opening " + path);
-  return fd;
-}
+namespace lib = com::zelkora;
 
-std::string updateAll(const char* name,
-                      const std::vector<std::pair<const void*, const void*>>& kv) {
-  std::string error;
-  const int fd = openMap(name, &error);
-  if (fd < 0) return error;
-  for (const auto& [key, value] : kv) {
-    if (bpf_map_update_elem(fd, key, value, BPF_ANY) != 0) {
-      error = failure(std::string("writing ") + name);
-      break;
-    }
-  }
-  close(fd);
-  return error;
+// Opens a map's pin read-write and hands it to `write`, one of the library's writers; "" or what
+// failed.
+template <typename Write>
+std::string writeMap(lib::MapId map, Write write) {
+  const lib::MapInfo& info = lib::mapInfo(map);
+  const android::base::unique_fd fd(bpf_obj_get(info.pinPath));
+  if (fd.get() < 0) return failure(std::string("opening ") + info.pinPath);
+  if (!write(fd.get())) return failure(std::string("writing ") + info.name);
+  return "";
 }
-
-struct FreqKey {
-  uint32_t policy;
-  uint32_t freq;
-};
 
 }  // namespace
 
@@ -54,33 +41,34 @@ Policy wholeMachinePolicy(const std::vector<uint32_t>& freqs, uint32_t currentIn
 }
 
 std::string configure(const std::vector<Policy>& policies) {
-  std::vector<uint32_t> ordinals(policies.size());
-  std::vector<std::vector<uint32_t>> indexes(policies.size());
-  std::vector<std::vector<FreqKey>> freqKeys(policies.size());
-  std::vector<std::pair<const void*, const void*>> cpuPolicy, freqToIdx, currentIdx;
-  for (uint32_t i = 0; i < policies.size(); ++i) {
-    ordinals[i] = i;
-    for (const uint32_t& cpu : policies[i].cpus) cpuPolicy.emplace_back(&cpu, &ordinals[i]);
-    for (uint32_t j = 0; j < policies[i].freqs.size(); ++j) {
-      indexes[i].push_back(j + 1);
-      freqKeys[i].push_back({i, policies[i].freqs[j]});
-    }
-    for (size_t j = 0; j < freqKeys[i].size(); ++j) {
-      freqToIdx.emplace_back(&freqKeys[i][j], &indexes[i][j]);
-    }
-    currentIdx.emplace_back(&ordinals[i], &policies[i].currentIndex);
+  lib::PolicyLists relatedCpus, freqTable;
+  for (const Policy& policy : policies) {
+    relatedCpus.emplace_back(policy.cpus.begin(), policy.cpus.end());
+    freqTable.emplace_back(policy.freqs.begin(), policy.freqs.end());
   }
-  std::string error = updateAll("cpu_policy_map", cpuPolicy);
-  if (error.empty()) error = updateAll("freq_to_idx_map", freqToIdx);
-  const uint32_t zeroKey = 0;
-  const std::vector<uint64_t> zeros(static_cast<size_t>(libbpf_num_possible_cpus()), 0);
-  if (error.empty()) error = updateAll("cpu_last_update_map", {{&zeroKey, zeros.data()}});
-  if (error.empty()) error = updateAll("policy_freq_idx_map", currentIdx);
+  const int cpus = libbpf_num_possible_cpus();
+  if (cpus <= 0) return "cannot read the number of possible CPUs";
+  std::string error = writeMap(lib::MapId::CpuPolicy,
+                               [&](int fd) { return lib::writeCpuPolicies(fd, relatedCpus); });
+  if (error.empty()) {
+    error = writeMap(lib::MapId::FreqToIdx,
+                     [&](int fd) { return lib::writeFreqIndices(fd, freqTable); });
+  }
+  if (error.empty()) {
+    error = writeMap(lib::MapId::CpuLastUpdate, [&](int fd) {
+      return lib::writeZeroLastUpdate(fd, static_cast<uint32_t>(cpus));
+    });
+  }
+  // Each policy's index as given, not read from sysfs: this machine may have no cpufreq.
+  for (uint32_t i = 0; error.empty() && i < policies.size(); ++i) {
+    error = setCurrentIndex(i, policies[i].currentIndex);
+  }
   return error;
 }
 
 std::string setCurrentIndex(uint32_t policy, uint32_t index) {
-  return updateAll("policy_freq_idx_map", {{&policy, &index}});
+  return writeMap(lib::MapId::PolicyFreqIdx,
+                  [&](int fd) { return lib::writeCurrentFreqIndex(fd, policy, index); });
 }
 
 Attachment::~Attachment() { detach(); }

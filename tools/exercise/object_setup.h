@@ -17,8 +17,9 @@ struct Policy {
 // One policy over every possible CPU.
 Policy wholeMachinePolicy(const std::vector<uint32_t>& freqs, uint32_t currentIndex);
 
-// Writes cpu_policy_map, freq_to_idx_map, a zeroed cpu_last_update_map and policy_freq_idx_map
-// through their pins, with the library's records. "" on success, else what failed.
+// Writes the four configuration maps (CPU to policy, frequency to index, a zeroed last update,
+// each policy's current index) through their pins, with the library's records. "" on success,
+// else what failed.
 std::string configure(const std::vector<Policy>& policies);
 
 // Writes one policy's current frequency index, as a frequency change would.

@@ -44,10 +44,12 @@ int main(int argc, char** argv) {
       options.replace = true;
       continue;
     }
-    uint32_t* entries = option == "--names"      ? &options.sizes.names
-                        : option == "--kthreads" ? &options.sizes.kthreads
-                        : option == "--pids"     ? &options.sizes.pids
-                                                 : nullptr;
+    uint32_t* entries = nullptr;
+    for (const zelk_size_option size : {ZELK_SIZE_NAMES, ZELK_SIZE_KTHREADS, ZELK_SIZE_PIDS}) {
+      if (option == zelk::loader::sizeOption(size)) {
+        entries = &(options.sizes.*zelk::loader::sizeMember(size));
+      }
+    }
     if (entries == nullptr) return usage();
     const std::string error =
         zelk::loader::parseMapSize(option, arg + 1 < argc ? argv[arg + 1] : "", entries);

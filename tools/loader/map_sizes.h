@@ -2,36 +2,81 @@
 // their defaults for a machine.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include "core/catalogue.h"
+
 namespace zelk::loader {
 
+// The entries of the maps of each size option; which maps those are is the catalogue's.
 struct MapSizes {
-  uint32_t names = 0;     // process_time_in_state_map, comm_to_toptime_map, comm_to_bgtime_map
-  uint32_t kthreads = 0;  // kthread_time_in_state_map
-  uint32_t pids = 0;      // pid_to_adj_last_update_map, pid_to_adj_map, pid_to_comm_map
+  uint32_t names = 0;     // process names (of both classes), top and background names
+  uint32_t kthreads = 0;  // kernel-thread names
+  uint32_t pids = 0;      // the pid maps
 };
+
+// The option that sets a size, as zelk-loader and `zelkcputime load` take it; "" for none.
+constexpr const char* sizeOption(zelk_size_option size) {
+  switch (size) {
+    case ZELK_SIZE_NAMES:
+      return "--names";
+    case ZELK_SIZE_KTHREADS:
+      return "--kthreads";
+    case ZELK_SIZE_PIDS:
+      return "--pids";
+    case ZELK_SIZE_FIXED:
+      break;
+  }
+  return "";
+}
+
+// Where MapSizes holds a size; null for none.
+constexpr uint32_t MapSizes::*sizeMember(zelk_size_option size) {
+  switch (size) {
+    case ZELK_SIZE_NAMES:
+      return &MapSizes::names;
+    case ZELK_SIZE_KTHREADS:
+      return &MapSizes::kthreads;
+    case ZELK_SIZE_PIDS:
+      return &MapSizes::pids;
+    case ZELK_SIZE_FIXED:
+      break;
+  }
+  return nullptr;
+}
 
 // A map whose entries one of the sizes sets, and the option that sets it.
 struct SizedMap {
-  const char* name;
-  uint32_t MapSizes::*entries;
-  const char* option;
+  const char* name = nullptr;
+  uint32_t MapSizes::*entries = nullptr;
+  const char* option = nullptr;
 };
 
-inline constexpr SizedMap kSizedMaps[] = {
-    {"process_time_in_state_map", &MapSizes::names, "--names"},
-    {"comm_to_toptime_map", &MapSizes::names, "--names"},
-    {"comm_to_bgtime_map", &MapSizes::names, "--names"},
-    {"kthread_time_in_state_map", &MapSizes::kthreads, "--kthreads"},
-    {"pid_to_adj_last_update_map", &MapSizes::pids, "--pids"},
-    {"pid_to_adj_map", &MapSizes::pids, "--pids"},
-    {"pid_to_comm_map", &MapSizes::pids, "--pids"},
-};
+constexpr size_t countSizedMaps() {
+  size_t count = 0;
+  for (const com::zelkora::MapInfo& map : com::zelkora::kMaps) count += map.size != ZELK_SIZE_FIXED;
+  return count;
+}
 
-// Every CPU's block of a per-CPU counting map's value (struct zelk_time_in_state).
-inline constexpr uint64_t kTimeInStateBytes = 256;
+template <size_t N>
+constexpr std::array<SizedMap, N> sizedMaps() {
+  std::array<SizedMap, N> sized{};
+  size_t i = 0;
+  for (const com::zelkora::MapInfo& map : com::zelkora::kMaps) {
+    if (map.size != ZELK_SIZE_FIXED)
+      sized[i++] = {map.name, sizeMember(map.size), sizeOption(map.size)};
+  }
+  return sized;
+}
+
+// The catalogue's sized maps, in its order.
+inline constexpr auto kSizedMaps = sizedMaps<countSizedMaps()>();
+
+// Every CPU's block of a per-CPU counting map's value.
+inline constexpr uint64_t kTimeInStateBytes = sizeof(zelk_time_in_state);
 
 // The defaults on a machine with `possibleCpus` possible CPUs and that pid_max:
 //   kthreads = min(256 + 8 x CPUs, 4096): some names per CPU (ksoftirqd/N, migration/N,

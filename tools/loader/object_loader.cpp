@@ -130,14 +130,15 @@ std::string memoryOf(bpf_object* object, uint64_t* total) {
 }
 
 std::string writeClearTime(bpf_object* object) {
-  bpf_map* map = bpf_object__find_map_by_name(object, "clear_time_map");
-  if (map == nullptr) return "the object has no clear_time_map";
+  const char* name = com::zelkora::mapInfo(com::zelkora::MapId::ClearTime).name;
+  bpf_map* map = bpf_object__find_map_by_name(object, name);
+  if (map == nullptr) return std::string("the object has no ") + name;
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
   const uint32_t key = 0;
   const uint64_t value = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + now.tv_nsec;
   if (bpf_map_update_elem(bpf_map__fd(map), &key, &value, BPF_ANY) != 0) {
-    return withErrno("cannot write the load time into clear_time_map", errno);
+    return withErrno(std::string("cannot write the load time into ") + name, errno);
   }
   return "";
 }

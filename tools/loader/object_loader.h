@@ -32,8 +32,8 @@ struct LoadOptions {
 };
 
 // Mounts bpffs on /sys/fs/bpf if needed, loads the object, writes the load time (CLOCK_MONOTONIC
-// nanoseconds) into clear_time_map key 0 and pins every map and program. On failure nothing of
-// this load stays pinned. The message of a load tells the sizes and the kernel memory taken.
+// nanoseconds) into the clear-time map's key 0 and pins every map and program. On failure nothing
+// of this load stays pinned. The message of a load tells the sizes and the kernel memory taken.
 Outcome load(const LoadOptions& options = {});
 
 // Removes the object's pins under /sys/fs/bpf, and nothing else.

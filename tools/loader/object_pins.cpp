@@ -3,15 +3,30 @@
 #include <bpf/libbpf.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
 #include "zelkCputimeInState.skel.h"
 
 namespace zelk::loader {
+namespace {
+
+// The catalogue's pin rule is a format: printf into a string. (libbase's StringPrintf would make
+// the installed loader need libbase, which lies outside the library path.)
+template <typename... Args>
+std::string formatPin(const char* format, Args... args) {
+  const int length = snprintf(nullptr, 0, format, args...);
+  if (length <= 0) return "";
+  std::string text(static_cast<size_t>(length), '\0');
+  snprintf(text.data(), text.size() + 1, format, args...);
+  return text;
+}
+
+}  // namespace
 
 std::string mapPinPath(const std::string& mapName) {
-  return std::string(kBpffsDir) + "/map_" + kObjectName + "_" + mapName;
+  return formatPin(com::zelkora::kMapPinFormat, kObjectName, mapName.c_str());
 }
 
 ProgramPin programPin(const std::string& sectionName) {
@@ -26,8 +41,8 @@ ProgramPin programPin(const std::string& sectionName) {
   ProgramPin pin;
   pin.category = tracepoint.substr(0, slash);
   pin.event = tracepoint.substr(slash + 1);
-  pin.path = std::string(kBpffsDir) + "/prog_" + kObjectName + "_tracepoint_" + pin.category + "_" +
-             pin.event;
+  pin.path = formatPin(com::zelkora::kProgramPinFormat, kObjectName, pin.category.c_str(),
+                       pin.event.c_str());
   return pin;
 }
 

@@ -4,11 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "core/catalogue.h"
+
 namespace zelk::loader {
 
-inline constexpr const char kBpffsDir[] = "/sys/fs/bpf";
-inline constexpr const char kObjectName[] = "zelkCputimeInState";
+using com::zelkora::kBpffsDir;
+using com::zelkora::kObjectName;
 
+// Where a map of the object is pinned, by the catalogue's rule:
 // /sys/fs/bpf/map_zelkCputimeInState_<map>.
 std::string mapPinPath(const std::string& mapName);
 

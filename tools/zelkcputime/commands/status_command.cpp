@@ -9,6 +9,7 @@
 #include "views/text_views.h"
 #include "views/units.h"
 #include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_policies.h"
 
 namespace zelk::cli {
 namespace {
@@ -27,16 +28,30 @@ struct Status {
   std::string problem;       // the first failed check, or the library's failure
 };
 
+// related_cpus as the kernel writes it: "0 1 2 3".
+std::vector<PolicyDir> policyDirs(const std::vector<com::zelkora::CpuFreqPolicy>& policies) {
+  std::vector<PolicyDir> dirs;
+  for (const com::zelkora::CpuFreqPolicy& policy : policies) {
+    std::string cpus;
+    for (const uint64_t cpu : policy.cpus) cpus += (cpus.empty() ? "" : " ") + std::to_string(cpu);
+    dirs.push_back({policy.name, cpus});
+  }
+  return dirs;
+}
+
 Status gather() {
   Status s;
   s.root = checkRoot().empty();
   s.bpffs = checkBpffs().empty();
+  // Until the library can be asked (no root, no pins), the machine's directory is all there is.
   s.policies = cpufreqPolicies();
   s.pinsMissing = missingPins(&s.pinsExpected);
   s.problem = checkReady();
   if (!s.problem.empty()) return s;
   s.asked = true;
   s.freqs = com::zelkora::getCpuFreqs();
+  // Then the policies that its numbers are of, as it discovered them.
+  if (const auto policies = com::zelkora::getCpuFreqPolicies()) s.policies = policyDirs(*policies);
   s.supported = com::zelkora::isTrackingCpuFreqTimeSupported();
   if (!s.freqs || !s.supported) {
     s.problem = "the library cannot use the kernel object (run with -v for its messages)";

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <sstream>
 #include <thread>
 
 #include "commands/commands.h"
@@ -22,6 +21,7 @@
 #include "views/frequency_source.h"
 #include "views/top_view.h"
 #include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_policies.h"
 
 namespace zelk::cli {
 namespace {
@@ -65,14 +65,6 @@ class SelfCost {
   Clock::time_point start_;
 };
 
-// related_cpus lists CPUs separated by blanks ("0 1 2 3").
-std::vector<uint32_t> relatedCpuList(const std::string& relatedCpus) {
-  std::istringstream words(relatedCpus);
-  std::vector<uint32_t> cpus;
-  for (uint32_t cpu = 0; words >> cpu;) cpus.push_back(cpu);
-  return cpus;
-}
-
 // No value when unreadable.
 std::optional<std::vector<uint32_t>> onlineCpus() {
   std::string text;
@@ -83,7 +75,7 @@ std::optional<std::vector<uint32_t>> onlineCpus() {
 struct Source {
   DemoMachine machine;
   std::optional<lib::PowerModel> model;
-  std::vector<std::vector<uint32_t>> relatedCpus;  // per policy
+  std::vector<std::vector<uint64_t>> relatedCpus;  // per policy, as the library discovered them
   TopContext context;                              // policyCpus as of the last frame
 };
 
@@ -94,9 +86,9 @@ struct Source {
 void countOnlineCpus(Source* source) {
   const std::optional<std::vector<uint32_t>> online = onlineCpus();
   source->context.policyCpus.clear();
-  for (const std::vector<uint32_t>& related : source->relatedCpus) {
+  for (const std::vector<uint64_t>& related : source->relatedCpus) {
     unsigned count = 0;
-    for (const uint32_t cpu : related) {
+    for (const uint64_t cpu : related) {
       if (!online || std::find(online->begin(), online->end(), cpu) != online->end()) ++count;
     }
     source->context.policyCpus.push_back(count);
@@ -121,9 +113,9 @@ std::string setUp(const Options& options, Source* source) {
   }
   std::string note, error;
   if (!optionalModel(options, &source->model, &note, &error)) return error;
-  for (const PolicyDir& policy : cpufreqPolicies()) {
-    source->relatedCpus.push_back(relatedCpuList(policy.relatedCpus));
-  }
+  const std::optional<std::vector<lib::CpuFreqPolicy>> policies = lib::getCpuFreqPolicies();
+  if (!policies) return "the library could not discover the cpufreq policies";
+  for (const lib::CpuFreqPolicy& policy : *policies) source->relatedCpus.push_back(policy.cpus);
   source->context.model = source->model ? &*source->model : nullptr;
   return "";
 }

@@ -27,7 +27,9 @@ struct PolicyDir {
   std::string relatedCpus;  // the related_cpus file, trimmed; "" when unreadable
 };
 
-// The policy directories of the cpufreq directory, in ascending policy number.
+// The policy directories of the cpufreq directory, in ascending policy number: for the checks and
+// set-ups that run before the library can be asked, on the real machine (the demo's private
+// trees are built from it). Once it can, getCpuFreqPolicies() says what the library discovered.
 std::vector<PolicyDir> cpufreqPolicies();
 
 }  // namespace zelk::cli

@@ -8,9 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "core/map_records.h"
+
 namespace zelk::cli {
 
-inline constexpr size_t kMaxBins = 32;  // the slots of the kernel object's records
+// One bin per slot of the kernel object's time-in-state record: 32.
+inline constexpr size_t kMaxBins = com::zelkora::kFreqSlots;
 
 // kHz from `minKhz` to `maxKhz`, both included: 100 MHz apart, the P-state step of current x86
 // processors, when that makes at most 32 bins; else the smallest multiple of 100 MHz that does.

@@ -7,11 +7,13 @@
 #include <cstring>
 #include <ctime>
 
-#include "core/map_records.h"
+#include "core/catalogue.h"
+#include "kernel/config_maps.h"
 #include "machine/frequency_bins.h"
-#include "object_pins.h"
 
 namespace zelk::cli {
+
+namespace lib = com::zelkora;
 
 FrequencySampler::FrequencySampler(std::vector<SampledPolicy> policies,
                                    std::chrono::milliseconds period)
@@ -20,7 +22,7 @@ FrequencySampler::FrequencySampler(std::vector<SampledPolicy> policies,
 FrequencySampler::~FrequencySampler() { stop(); }
 
 std::string FrequencySampler::start() {
-  const std::string path = loader::mapPinPath("policy_freq_idx_map");
+  const std::string path = lib::mapInfo(lib::MapId::PolicyFreqIdx).pinPath;
   map_.reset(bpf_obj_get(path.c_str()));
   if (map_.get() < 0) return "cannot open " + path + ": " + strerror(errno);
   if (std::string error = silenceFrequencyEvents(); !error.empty()) return error;
@@ -33,17 +35,13 @@ std::string FrequencySampler::start() {
 }
 
 std::string FrequencySampler::silenceFrequencyEvents() {
-  const std::string path = loader::mapPinPath("freq_to_idx_map");
+  const std::string path = lib::mapInfo(lib::MapId::FreqToIdx).pinPath;
   const android::base::unique_fd map(bpf_obj_get(path.c_str()));
   if (map.get() < 0) return "cannot open " + path + ": " + strerror(errno);
   for (const SampledPolicy& policy : policies_) {
-    for (uint64_t khz : policy.freqs) {
-      const com::zelkora::freq_key_t key = {policy.ordinal, static_cast<uint32_t>(khz)};
-      // A frequency listed twice is gone after its first delete.
-      if (bpf_map_delete_elem(map.get(), &key) != 0 && errno != ENOENT) {
-        return "cannot take " + policy.name + "'s frequencies out of " + path + ": " +
-               strerror(errno);
-      }
+    if (!lib::deleteFreqIndices(map.get(), policy.ordinal, policy.freqs)) {
+      return "cannot take " + policy.name + "'s frequencies out of " + path + ": " +
+             strerror(errno);
     }
   }
   return "";
@@ -91,9 +89,9 @@ void FrequencySampler::sampleOnce() {
       continue;
     }
     ++stats_.samples;
-    const uint32_t index = nearestBin(policy.freqs, *khz);
-    const uint32_t key = policy.ordinal;
-    if (bpf_map_update_elem(map_.get(), &key, &index, BPF_ANY) == 0) ++stats_.writes;
+    if (lib::writeCurrentFreqIndex(map_.get(), policy.ordinal, nearestBin(policy.freqs, *khz))) {
+      ++stats_.writes;
+    }
   }
 }
 

@@ -10,8 +10,9 @@
 #include <unordered_set>
 #include <vector>
 
+#include "core/catalogue.h"
+#include "map_sizes.h"
 #include "model/task_rows.h"
-#include "object_pins.h"
 #include "views/units.h"
 
 namespace zelk::cli {
@@ -19,23 +20,17 @@ namespace {
 
 namespace lib = com::zelkora;
 
-enum class Overflow { kProcess, kKthread, kTop, kBg, kNone };
+// The maps that fill: those that a size option of `zelkcputime load` sizes, whose need grows with
+// the machine. The others hold the machine's layout or single entries.
+bool fills(const lib::MapInfo& map) { return map.size != ZELK_SIZE_FIXED; }
 
-struct CountedMap {
-  const char* name;
-  Overflow overflow;
-  const char* sizeOption;  // of `zelkcputime load`
-};
-
-constexpr CountedMap kMaps[] = {
-    {"process_time_in_state_map", Overflow::kProcess, "--names"},
-    {"kthread_time_in_state_map", Overflow::kKthread, "--kthreads"},
-    {"comm_to_toptime_map", Overflow::kTop, "--names"},
-    {"comm_to_bgtime_map", Overflow::kBg, "--names"},
-    {"pid_to_comm_map", Overflow::kNone, "--pids"},
-    {"pid_to_adj_map", Overflow::kNone, "--pids"},
-    {"pid_to_adj_last_update_map", Overflow::kNone, "--pids"},
-};
+// The catalogue's entry of a map measured here.
+const lib::MapInfo* catalogued(const std::string& name) {
+  for (const lib::MapInfo& map : lib::kMaps) {
+    if (name == map.name) return &map;
+  }
+  return nullptr;
+}
 
 // The kernel's error for an operation that a map type does not implement (not in the uapi).
 constexpr int kENOTSUPP = 524;
@@ -92,15 +87,15 @@ std::optional<uint64_t> countEntries(int fd, const bpf_map_info& info) {
   }
 }
 
-std::optional<MapFill> measure(const char* name) {
-  const android::base::unique_fd fd(bpf_obj_get(loader::mapPinPath(name).c_str()));
+std::optional<MapFill> measure(const lib::MapInfo& map) {
+  const android::base::unique_fd fd(bpf_obj_get(map.pinPath));
   if (fd.get() < 0) return std::nullopt;
   bpf_map_info info = {};
   __u32 length = sizeof(info);
   if (bpf_obj_get_info_by_fd(fd.get(), &info, &length) != 0) return std::nullopt;
   const std::optional<uint64_t> entries = countEntries(fd.get(), info);
   if (!entries) return std::nullopt;
-  return MapFill{name, *entries, info.max_entries, std::nullopt};
+  return MapFill{map.name, *entries, info.max_entries, std::nullopt};
 }
 
 uint64_t timeOf(const std::optional<Times>& times) { return times ? sumTimes(*times) : 0; }
@@ -112,18 +107,18 @@ uint64_t overflowOf(const std::optional<lib::TimeTable>& table) {
 }
 
 // Through the library, so that the numbers are the ones `show` prints.
-uint64_t overflowNs(Overflow which) {
-  switch (which) {
-    case Overflow::kProcess:
+uint64_t overflowNs(zelk_overflow_kind kind) {
+  switch (kind) {
+    case ZELK_OVERFLOW_CLASSES:
       return timeOf(lib::getCpuFreqTimesFromProcess(lib::kOverflowTaskName, false)) +
              timeOf(lib::getCpuFreqTimesFromProcess(lib::kOverflowTaskName, true));
-    case Overflow::kKthread:
+    case ZELK_OVERFLOW_KTHREAD:
       return timeOf(lib::getCpuFreqTimesFromKthread(lib::kOverflowTaskName));
-    case Overflow::kTop:
+    case ZELK_OVERFLOW_TOP:
       return overflowOf(lib::getProcessTopTimes());
-    case Overflow::kBg:
+    case ZELK_OVERFLOW_BACKGROUND:
       return overflowOf(lib::getProcessBgTimes());
-    case Overflow::kNone:
+    case ZELK_OVERFLOW_NONE:
       break;
   }
   return 0;
@@ -133,8 +128,9 @@ uint64_t overflowNs(Overflow which) {
 
 std::vector<MapFill> measureMaps() {
   std::vector<MapFill> maps;
-  for (const CountedMap& map : kMaps) {
-    if (std::optional<MapFill> measured = measure(map.name)) maps.push_back(std::move(*measured));
+  for (const lib::MapInfo& map : lib::kMaps) {
+    if (!fills(map)) continue;
+    if (std::optional<MapFill> measured = measure(map)) maps.push_back(std::move(*measured));
   }
   return maps;
 }
@@ -143,10 +139,9 @@ Fill readFill() {
   Fill fill;
   fill.maps = measureMaps();
   for (MapFill& map : fill.maps) {
-    for (const CountedMap& counted : kMaps) {
-      if (map.name == counted.name && counted.overflow != Overflow::kNone) {
-        map.overflowNs = overflowNs(counted.overflow);
-      }
+    const lib::MapInfo* counted = catalogued(map.name);
+    if (counted != nullptr && counted->overflow != ZELK_OVERFLOW_NONE) {
+      map.overflowNs = overflowNs(counted->overflow);
     }
   }
   fill.counts = lib::getOverflowCounts();
@@ -157,10 +152,8 @@ std::vector<std::string> fillWarnings(const Fill& fill, uint64_t percent) {
   std::vector<std::string> warnings;
   for (const MapFill& map : fill.maps) {
     if (map.capacity == 0 || map.entries * 100 <= map.capacity * percent) continue;
-    const char* option = "";
-    for (const CountedMap& counted : kMaps) {
-      if (map.name == counted.name) option = counted.sizeOption;
-    }
+    const lib::MapInfo* counted = catalogued(map.name);
+    const char* option = counted != nullptr ? loader::sizeOption(counted->size) : "";
     warnings.push_back(
         map.name + " is " + formatPercent(map.entries, map.capacity) + "% full (" +
         std::to_string(map.entries) + " of " + std::to_string(map.capacity) + "): " +

@@ -1,11 +1,11 @@
-#include "accounting/clear_map.h"
+#include "reset/clear_map.h"
 
 #include <cerrno>
 #include <cstring>
 
-#include "accounting/clock.h"
+#include "core/clock.h"
 #include "core/log.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 namespace com {
 namespace zelkora {

@@ -1,4 +1,4 @@
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "accounting/clock.h"
+#include "core/clock.h"
 
 #include <time.h>
 

@@ -4,12 +4,12 @@
 #include <cerrno>
 #include <vector>
 
-#include "accounting/clear_map.h"
-#include "accounting/clock.h"
+#include "core/clock.h"
 #include "core/map_records.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
 #include "query/task_key.h"
+#include "reset/clear_map.h"
+#include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime.h"
 
 namespace com {

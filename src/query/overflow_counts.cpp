@@ -6,7 +6,7 @@
 #include "core/map_records.h"
 #include "core/map_shape.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
+#include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime_overflow.h"
 
 namespace com {
@@ -32,11 +32,11 @@ bool readCounter(int fd, uint32_t counter, uint64_t* sum) {
 std::optional<OverflowCounts> getOverflowCounts() {
   if (!ensureGlobals()) return std::nullopt;
   // Opened per call: the map is optional, and may be loaded after this process started.
-  const android::base::unique_fd fd(bpfObjGet(kOverflowCountMapPath, BPF_F_RDONLY));
+  const MapInfo& counters = mapInfo(MapId::OverflowCount);
+  const android::base::unique_fd fd(bpfObjGet(counters.pinPath, BPF_F_RDONLY));
   if (fd.get() < 0) return std::nullopt;
   // Another shape would make the kernel write past the per-CPU buffer.
-  if (!describeMapMismatch(fd.get(), {sizeof(uint32_t), sizeof(uint64_t), /*perCpu=*/true})
-           .empty()) {
+  if (!describeMapMismatch(fd.get(), mapShape(counters)).empty()) {
     return std::nullopt;
   }
   OverflowCounts counts{};

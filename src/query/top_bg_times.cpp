@@ -4,11 +4,11 @@
 #include <optional>
 #include <string>
 
-#include "accounting/clock.h"
+#include "core/clock.h"
 #include "core/map_records.h"
 #include "core/state.h"
-#include "kernel/bpf_syscall.h"
 #include "query/task_key.h"
+#include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime.h"
 #include "zelkcpufreqtime_class_time.h"
 
