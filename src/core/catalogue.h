@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <string_view>
 
 #include "../../bpf/catalogue.h"
 
@@ -46,6 +47,14 @@ inline constexpr MapInfo kMaps[] = {ZELK_MAPS(ZELK_MAP_INFO)};
 inline constexpr size_t kMapCount = std::size(kMaps);
 
 constexpr const MapInfo& mapInfo(MapId id) { return kMaps[static_cast<size_t>(id)]; }
+
+// The map named `name`, or nullptr.
+constexpr const MapInfo* findMap(std::string_view name) {
+  for (const MapInfo& map : kMaps) {
+    if (name == map.name) return &map;
+  }
+  return nullptr;
+}
 
 // The maps that the library opens at initialisation: the first kOpenedMapCount of kMaps.
 constexpr size_t countOpenedMaps() {

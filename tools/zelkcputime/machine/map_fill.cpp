@@ -11,9 +11,6 @@
 #include <vector>
 
 #include "core/catalogue.h"
-#include "map_sizes.h"
-#include "model/task_rows.h"
-#include "views/units.h"
 
 namespace zelk::cli {
 namespace {
@@ -23,14 +20,6 @@ namespace lib = com::zelkora;
 // The maps that fill: those that a size option of `zelkcputime load` sizes, whose need grows with
 // the machine. The others hold the machine's layout or single entries.
 bool fills(const lib::MapInfo& map) { return map.size != ZELK_SIZE_FIXED; }
-
-// The catalogue's entry of a map measured here.
-const lib::MapInfo* catalogued(const std::string& name) {
-  for (const lib::MapInfo& map : lib::kMaps) {
-    if (name == map.name) return &map;
-  }
-  return nullptr;
-}
 
 // The kernel's error for an operation that a map type does not implement (not in the uapi).
 constexpr int kENOTSUPP = 524;
@@ -98,32 +87,6 @@ std::optional<MapFill> measure(const lib::MapInfo& map) {
   return MapFill{map.name, *entries, info.max_entries, std::nullopt};
 }
 
-uint64_t timeOf(const std::optional<Times>& times) { return times ? sumTimes(*times) : 0; }
-
-uint64_t overflowOf(const std::optional<lib::TimeTable>& table) {
-  if (!table) return 0;
-  const auto it = table->find({lib::kOverflowTaskName, 0});
-  return it == table->end() ? 0 : it->second;
-}
-
-// Through the library, so that the numbers are the ones `show` prints.
-uint64_t overflowNs(zelk_overflow_kind kind) {
-  switch (kind) {
-    case ZELK_OVERFLOW_CLASSES:
-      return timeOf(lib::getCpuFreqTimesFromProcess(lib::kOverflowTaskName, false)) +
-             timeOf(lib::getCpuFreqTimesFromProcess(lib::kOverflowTaskName, true));
-    case ZELK_OVERFLOW_KTHREAD:
-      return timeOf(lib::getCpuFreqTimesFromKthread(lib::kOverflowTaskName));
-    case ZELK_OVERFLOW_TOP:
-      return overflowOf(lib::getProcessTopTimes());
-    case ZELK_OVERFLOW_BACKGROUND:
-      return overflowOf(lib::getProcessBgTimes());
-    case ZELK_OVERFLOW_NONE:
-      break;
-  }
-  return 0;
-}
-
 }  // namespace
 
 std::vector<MapFill> measureMaps() {
@@ -133,34 +96,6 @@ std::vector<MapFill> measureMaps() {
     if (std::optional<MapFill> measured = measure(map)) maps.push_back(std::move(*measured));
   }
   return maps;
-}
-
-Fill readFill() {
-  Fill fill;
-  fill.maps = measureMaps();
-  for (MapFill& map : fill.maps) {
-    const lib::MapInfo* counted = catalogued(map.name);
-    if (counted != nullptr && counted->overflow != ZELK_OVERFLOW_NONE) {
-      map.overflowNs = overflowNs(counted->overflow);
-    }
-  }
-  fill.counts = lib::getOverflowCounts();
-  return fill;
-}
-
-std::vector<std::string> fillWarnings(const Fill& fill, uint64_t percent) {
-  std::vector<std::string> warnings;
-  for (const MapFill& map : fill.maps) {
-    if (map.capacity == 0 || map.entries * 100 <= map.capacity * percent) continue;
-    const lib::MapInfo* counted = catalogued(map.name);
-    const char* option = counted != nullptr ? loader::sizeOption(counted->size) : "";
-    warnings.push_back(
-        map.name + " is " + formatPercent(map.entries, map.capacity) + "% full (" +
-        std::to_string(map.entries) + " of " + std::to_string(map.capacity) + "): " +
-        (map.overflowNs ? "new names go to its overflow entry" : "new processes go untracked") +
-        "; `zelkcputime load --replace " + option + " N` makes room");
-  }
-  return warnings;
 }
 
 }  // namespace zelk::cli

@@ -12,6 +12,7 @@
 #include "model/snapshot.h"
 #include "serve/encoder.h"
 #include "zelkcpufreqtime_energy.h"
+#include "zelkcpufreqtime_overflow.h"
 
 namespace zelk::cli {
 

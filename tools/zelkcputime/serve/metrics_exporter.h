@@ -16,6 +16,7 @@
 #include "machine/map_fill.h"
 #include "model/snapshot.h"
 #include "serve/exposition.h"
+#include "zelkcpufreqtime_overflow.h"
 
 namespace zelk::cli {
 
