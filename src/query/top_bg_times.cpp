@@ -62,11 +62,14 @@ bool forEachStoredTotal(int mapFd, AddStored add) REQUIRES_SHARED(gTopBgTimeLock
   }
 }
 
-// Per task name: the stored totals of `mapFd` (the top or the background time map) plus the
-// running period of the first live task of that name in the class (`isTop`: foreground).
-std::optional<TimeTable> getProcessTime(const android::base::unique_fd& mapFd, bool isTop) {
+// The walks of one class under its lock: `addLive(table, key, live)` for each live task of the
+// class, then `addStored(table, key, total)` for each stored total of `mapFd` (the top or the
+// background time map). Empty when the library is not ready or a walk fails.
+template <typename Table, typename AddLive, typename AddStored>
+std::optional<Table> walkClass(const android::base::unique_fd& mapFd, bool isTop, AddLive addLive,
+                               AddStored addStored) {
   if (!ensureGlobals() || mapFd.get() < 0) return std::nullopt;
-  TimeTable table;
+  Table table;
   // One key for every name: its string keeps its buffer from one name to the next.
   process_key_char_t taskKey{std::string(), 0};
   const uint64_t now = getTimeSinceBoot();
@@ -75,38 +78,41 @@ std::optional<TimeTable> getProcessTime(const android::base::unique_fd& mapFd, b
       forEachLivePeriod(isTop, now,
                         [&](const char(&comm)[kCommLen], uint64_t live) {
                           assignTaskName(taskKey.comm, comm);
-                          // The first task of a name stands for it.
-                          table.try_emplace(taskKey, live);
+                          addLive(table, taskKey, live);
                         }) &&
       forEachStoredTotal(mapFd.get(), [&](const char(&comm)[kCommLen], uint64_t total) {
         assignTaskName(taskKey.comm, comm);
-        const auto [entry, inserted] = table.try_emplace(taskKey, total);
-        if (!inserted) entry->second += total;
+        addStored(table, taskKey, total);
       });
   if (!walked) return std::nullopt;
   return table;
 }
 
+// Per task name: the stored totals plus the running period of the first live task of that name
+// in the class (`isTop`: foreground).
+std::optional<TimeTable> getProcessTime(const android::base::unique_fd& mapFd, bool isTop) {
+  return walkClass<TimeTable>(
+      mapFd, isTop,
+      [](TimeTable& table, const process_key_char_t& key, uint64_t live) {
+        table.try_emplace(key, live);  // the first task of a name stands for it
+      },
+      [](TimeTable& table, const process_key_char_t& key, uint64_t total) {
+        const auto [entry, inserted] = table.try_emplace(key, total);
+        if (!inserted) entry->second += total;
+      });
+}
+
 // The same walks, with the parts apart and every live task's period summed.
 std::optional<ClassTimePartsTable> getProcessTimeParts(const android::base::unique_fd& mapFd,
                                                        bool isTop) {
-  if (!ensureGlobals() || mapFd.get() < 0) return std::nullopt;
-  ClassTimePartsTable table;
-  process_key_char_t taskKey{std::string(), 0};
-  const uint64_t now = getTimeSinceBoot();
-  ReaderLock lock(gTopBgTimeLock);
-  const bool walked =
-      forEachLivePeriod(isTop, now,
-                        [&](const char(&comm)[kCommLen], uint64_t live) {
-                          assignTaskName(taskKey.comm, comm);
-                          table[taskKey].openNs += live;
-                        }) &&
-      forEachStoredTotal(mapFd.get(), [&](const char(&comm)[kCommLen], uint64_t total) {
-        assignTaskName(taskKey.comm, comm);
-        table[taskKey].closedNs += total;
+  return walkClass<ClassTimePartsTable>(
+      mapFd, isTop,
+      [](ClassTimePartsTable& table, const process_key_char_t& key, uint64_t live) {
+        table[key].openNs += live;
+      },
+      [](ClassTimePartsTable& table, const process_key_char_t& key, uint64_t total) {
+        table[key].closedNs += total;
       });
-  if (!walked) return std::nullopt;
-  return table;
 }
 
 }  // namespace
