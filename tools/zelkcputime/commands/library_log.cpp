@@ -11,6 +11,15 @@ namespace zelk::cli {
 namespace {
 
 constexpr char kTriggerFailed[] = "Failed to write trigger, reason: ";
+// The seeding pass lists /proc, then opens each process's files: one that ends in between is
+// routine on a live machine (as root nothing else keeps those files shut), not a failure to show.
+constexpr char kSeedingOpenFailed[] = "[doInitMap:";
+constexpr char kProcOpenFailed[] = "] Failed to open /proc/";
+
+bool endedWhileSeeded(const std::string& message) {
+  return message.rfind(kSeedingOpenFailed, 0) == 0 &&
+         message.find(kProcOpenFailed) != std::string::npos;
+}
 
 // Lines come from the library's background thread too.
 com::zelkora::Mutex gMutex;
@@ -33,6 +42,7 @@ void emit(const std::string& line, bool note) REQUIRES(gMutex) {
 void toStderr(const __android_logger_data* data, const char* message) {
   com::zelkora::MutexLock lock(gMutex);
   if (!gVerbose) {
+    if (endedWhileSeeded(message)) return;
     const std::string own = expectedConditionText(message);
     if (!own.empty()) {
       // Once: the library retries the trigger on each start.
