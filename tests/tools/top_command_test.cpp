@@ -148,10 +148,12 @@ TEST_F(TopBatchTest, CpuUseIsOutOfTheOnlineCpus) {
     ASSERT_TRUE(std::regex_search(frame, system, std::regex("system CPU (\\S+)% of (\\d+) CPU")))
         << frame;
     EXPECT_EQ(system[2].str(), "1") << frame;
-    EXPECT_GE(std::stod(system[1].str()), 90) << frame;
+    // A spinner alone on its CPU: about 100%, less where a sanitizer slows the tool beside it;
+    // dividing by both CPUs would show about 50%.
+    EXPECT_GE(std::stod(system[1].str()), 75) << frame;
     ASSERT_TRUE(std::regex_search(frame, policy, std::regex("policy 0 \\[.*\\] +(\\S+)% busy")))
         << frame;
-    EXPECT_GE(std::stod(policy[1].str()), 90) << frame;
+    EXPECT_GE(std::stod(policy[1].str()), 75) << frame;
   }
 }
 
@@ -275,7 +277,10 @@ TEST_F(TopBatchTest, OwnCostAtFiveHundredEntriesIsUnderOnePercent) {
   ASSERT_TRUE(std::regex_search(frames.back(), self, std::regex("self ([0-9.]+)%")));
   printf("own CPU over 4 frames of 2 s with %zu entries: %s%% of one CPU\n", entries,
          self[1].str().c_str());
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  // Instrumented builds cost several times more per instruction; the target is the shipped one.
   EXPECT_LT(std::stod(self[1].str()), 1.0);
+#endif
 }
 
 // The interactive screen in a tmux pane: keys typed with send-keys, the screen read with
