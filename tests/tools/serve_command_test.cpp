@@ -222,12 +222,27 @@ TEST_F(ServeTest, ForegroundTimeCounterNeverFallsAsTasksOfTheNameComeAndGo) {
     return scrapedValue(gauge);
   };
 
-  auto first = task();
-  std::this_thread::sleep_for(milliseconds(300));
-  const double openAlone = scrape();
-  EXPECT_GE(openAlone, 0.3);
+  std::unique_ptr<Child> first;
   std::vector<std::unique_ptr<Child>> others;
-  while (others.size() < 32 && !otherComesFirst(first->pid(), others)) others.push_back(task());
+  double openAlone = 0;
+  // A first task in one of the walk's first buckets has no other before it about once in 33
+  // tries of 32: those end, and a new first task tries again.
+  for (int round = 0; round < 4 && !(first && otherComesFirst(first->pid(), others)); ++round) {
+    for (auto& ended : others) {
+      ended->go();
+      ended->wait();
+    }
+    others.clear();
+    if (first) {
+      first->go();
+      first->wait();
+    }
+    first = task();
+    std::this_thread::sleep_for(milliseconds(300));
+    openAlone = scrape();
+    EXPECT_GE(openAlone, 0.3);
+    while (others.size() < 32 && !otherComesFirst(first->pid(), others)) others.push_back(task());
+  }
   ASSERT_TRUE(otherComesFirst(first->pid(), others)) << "no task came before the first";
   EXPECT_GE(scrape(), openAlone) << "the open periods of every task of the name";
   first->go();
