@@ -99,7 +99,10 @@ enum zelk_overflow_kind {
   /* An array, read at every switch: a lookup costs a bounds check, where a hash lookup cost      \
    * about 30 ns here. A policy that was never written reads index 0, which counts nothing. */   \
   X(PolicyFreqIdx, policy_freq_idx_map, BPF_MAP_TYPE_ARRAY,                                       \
-    zelk_policy_ordinal, zelk_freq_index, FIXED, ZELK_CPU_ENTRIES, NONE, 0)
+    zelk_policy_ordinal, zelk_freq_index, FIXED, ZELK_CPU_ENTRIES, NONE, 0)                      \
+  /* Set while the settle program runs on a CPU (zelkCputimeInState.bpf.c). The object's own. */  \
+  X(SettleBusy, settle_busy_map, BPF_MAP_TYPE_PERCPU_ARRAY,                                       \
+    zelk_zero_key, zelk_u32, FIXED, 1, NONE, 0)
 /* clang-format on */
 
 /* Every program, X(category, event): attached to the tracepoint <category>:<event>, named after
@@ -111,6 +114,13 @@ enum zelk_overflow_kind {
   X(sched, sched_process_fork) \
   X(task, task_rename)         \
   X(oom, oom_score_adj_update)
+
+/* Programs that are never attached: user space runs them on a chosen CPU (BPF_PROG_TEST_RUN with
+ * BPF_F_TEST_RUN_ON_CPU), X(name), each in a bare "raw_tp" section and pinned by its name. */
+#define ZELK_RUN_PROGRAM_SECTION "raw_tp"
+#define ZELK_RUN_PROGRAM_PIN_RULE(object, name) ZELK_BPFFS_DIR "/prog_" object "_raw_tp_" name
+#define ZELK_RUN_PROGRAM_PIN(name) ZELK_RUN_PROGRAM_PIN_RULE(ZELK_OBJECT_NAME, #name)
+#define ZELK_RUN_PROGRAMS(X) X(settle_cpu)
 
 /* Map types whose lookups give one value per possible CPU. */
 #define ZELK_MAP_TYPE_PER_CPU(type) \

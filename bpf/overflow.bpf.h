@@ -16,7 +16,9 @@ static __always_inline void zelk_overflow_name(char dst[ZELK_COMM_LEN]) {
 static __always_inline void zelk_count(__u32 counter) {
   zelk_u64* count = bpf_map_lookup_elem(&overflow_count_map, &counter);
 
-  /* Per-CPU, and tracing programs do not nest on a CPU: a plain add is safe. */
+  /* Per-CPU, and tracing programs do not nest on a CPU: a plain add is safe. A settle
+   * (settle_cpu) can interrupt them, but it adds only to the overflow counts, which only it and
+   * the switch add to. */
   if (count) *count += 1;
 }
 

@@ -3,11 +3,12 @@
  *
  * Times are nanoseconds of bpf_ktime_get_ns(), which is CLOCK_MONOTONIC, the library's clock.
  *
- * Frequency changes: a CPU's time is counted when the task running on it switches out, at the
- * frequency index in force at that switch. A change in the middle of a running period therefore
- * moves the part of that one period before the change to the new frequency; the error is at
- * most one scheduling period per change and CPU, and never alters the total. Counting at the
- * change instead would need to know what runs on every CPU of the policy. */
+ * Frequency changes: a CPU's time is counted when the task running on it switches out, or when
+ * user space settles the CPU (settle_cpu), at the frequency index in force then. A change in the
+ * middle of a running period therefore moves the part of that one period before the change to the
+ * new frequency; the error is at most one scheduling period per change and CPU, and never alters
+ * the total. Counting at the change instead would need to know what runs on every CPU of the
+ * policy; a writer of the index that knows the CPUs (the tool's sampler) settles them first. */
 /* The kernel's types must come before libbpf's headers. */
 /* clang-format off */
 #include "vmlinux.h"
@@ -39,7 +40,8 @@ static __always_inline void zelk_add_to_slot(struct zelk_time_in_state* value, _
                                              __u64 delta) {
   /* Clang knows the slot is below 32 and would drop this check, which the verifier needs. */
   asm volatile("" : "+r"(slot));
-  /* Per-CPU block, and tracing programs do not nest on a CPU: a plain add is safe. */
+  /* Per-CPU block, written only by a switch or a settle, which never interleave on a CPU
+   * (settle_cpu): a plain add is safe. */
   if (slot < ZELK_FREQ_SLOTS) value->slot[slot] += delta;
 }
 
@@ -91,35 +93,112 @@ static __always_inline void zelk_add_task_time(void* map, bool classes,
   zelk_add_to_slot(value, slot, delta);
 }
 
-SEC(ZELK_PROGRAM_SECTION(sched, sched_switch))
-int sched_switch(struct trace_event_raw_sched_switch* ctx) {
+/* Charges what this CPU's running task has run since the CPU's last update, at the CPU's current
+ * frequency, to the total and to the task's entry, and restarts the slice at `now`. The task is
+ * current: at a switch the one leaving (the tracepoint fires before the switch), at a settle the
+ * one running. Idle (`pid` 0) only restarts the slice. The one place where time is charged, so
+ * that a switch and a settle can never charge differently. */
+static __always_inline void zelk_charge_running(__u32 pid, __u64 now) {
   struct zelk_process_key key = {};
   __u32 zero = 0;
-  __u64 *last, now, delta;
-  __u32 slot, tgid;
+  __u64 *last, delta;
+  __u32 slot;
 
-  now = bpf_ktime_get_ns();
-  /* The last switch of an exiting process's last thread ends the process. */
-  if (zelk_running_process_ended(&tgid)) zelk_end_process(tgid, now);
   last = bpf_map_lookup_elem(&cpu_last_update_map, &zero);
-  if (!last) return 0;
+  if (!last) return;
   delta = now - *last;
   /* Zero (as the library writes it) only starts the clock on this CPU. */
   if (*last == 0 || now <= *last) {
     *last = now;
-    return 0;
+    return;
   }
   *last = now;
-  if (ctx->prev_pid == 0) /* idle */
-    return 0;
-  if (!zelk_current_slot(bpf_get_smp_processor_id(), &slot)) return 0;
+  if (pid == 0) /* idle */
+    return;
+  if (!zelk_current_slot(bpf_get_smp_processor_id(), &slot)) return;
   zelk_add_total(slot, delta);
-
-  /* The tracepoint fires before the context switch: current is still prev. */
   if (zelk_running_task_key(&key))
     zelk_add_task_time(&kthread_time_in_state_map, /*classes=*/false, &key, slot, delta);
   else
     zelk_add_task_time(&process_time_in_state_map, /*classes=*/true, &key, slot, delta);
+}
+
+SEC(ZELK_PROGRAM_SECTION(sched, sched_switch))
+int sched_switch(struct trace_event_raw_sched_switch* ctx) {
+  __u64 now = bpf_ktime_get_ns();
+  __u32 tgid;
+
+  /* The last switch of an exiting process's last thread ends the process. */
+  if (zelk_running_process_ended(&tgid)) zelk_end_process(tgid, now);
+  zelk_charge_running(ctx->prev_pid, now);
+  return 0;
+}
+
+/* Slack for the scheduler's figure of a running task's time, brought up to date at each tick
+ * (10 ms at the lowest usual rate) and scheduler event, and for the interrupts and hypervisor
+ * time that the CPU's clock counts and the task's leaves out (well under 1% here). */
+#define ZELK_SETTLE_SLACK_NS 20000000ull
+#define ZELK_SCHED_NORMAL 0
+#define ZELK_SCHED_BATCH 3
+#define ZELK_SCHED_IDLE 5
+
+/* Whether the CPU's slice clock (`last`) saw the running task come in: true while the switch
+ * program is attached. Once it is detached (its tracker ended), the clock stands at the last
+ * switch it saw, and charging from there would give the running task time that others ran. The
+ * scheduler keeps, for a task of the fair class, its run time since it was picked
+ * (sum_exec_runtime - prev_sum_exec_runtime): the slice clock must not be older than that. A
+ * task of another class (real-time, deadline) is left to its switch, as before settling. */
+static __always_inline bool zelk_slice_seen(__u64 now, __u64 last) {
+  struct task_struct* task = (struct task_struct*)bpf_get_current_task();
+  __u64 ran;
+  int policy;
+
+  if (last == 0 || now <= last || (__u32)bpf_get_current_pid_tgid() == 0) return true;
+  policy = BPF_CORE_READ(task, policy);
+  if (policy != ZELK_SCHED_NORMAL && policy != ZELK_SCHED_BATCH && policy != ZELK_SCHED_IDLE)
+    return false;
+  ran = BPF_CORE_READ(task, se.sum_exec_runtime) - BPF_CORE_READ(task, se.prev_sum_exec_runtime);
+  return now - last <= ran + ran / 64 + ZELK_SETTLE_SLACK_NS;
+}
+
+/* Settles the CPU it runs on: charges the running task's slice so far, as its switch would, so
+ * that a read right after finds every CPU's time counted up to now. Never attached; user space
+ * runs it on each CPU with BPF_PROG_TEST_RUN and BPF_F_TEST_RUN_ON_CPU: through an interrupt
+ * (IPI) for another CPU, in the caller's context with preemption off for its own.
+ *
+ * Why it is safe there:
+ * - sched_switch runs with interrupts off and cannot run during a settle (preemption is off or
+ *   the CPU is in the interrupt), so the two never interleave; only they touch the slice clock
+ *   and the counting maps, whose updates take their locks with interrupts off.
+ * - The other programs can be interrupted by a settle, but their per-CPU adds are to other
+ *   counters (overflow_count_map's untracked count; the settle's are the overflow counts).
+ * - A settle can interrupt another settle: one on the caller's own CPU is interrupted by another
+ *   process's settle of that CPU. settle_busy_map makes the inner one return: it ran between two
+ *   instructions of the outer one, which then settles all the same. Set before the clock is read
+ *   and cleared after, so that the inner one either sees it or runs wholly before the outer one.
+ * - Two settles of one CPU from two processes run one after the other in its interrupt; the
+ *   second charges the few microseconds between them.
+ * - An offline CPU is refused (ENXIO) before the program runs; one going down runs the pending
+ *   settle first, charging its stopper thread's slice as the switch to idle would.
+ * - A clear or reset that races a settle is the same as one that races a switch: the slice lands
+ *   on whichever side of it the update falls.
+ * - A settle after tracking ended charges nothing (zelk_slice_seen). */
+SEC(ZELK_RUN_PROGRAM_SECTION)
+int settle_cpu(void* ctx __attribute__((unused))) {
+  __u32 zero = 0;
+  __u32* busy = bpf_map_lookup_elem(&settle_busy_map, &zero);
+  __u64* last;
+  __u64 now;
+
+  if (!busy || *busy) return 0;
+  *busy = 1;
+  asm volatile("" ::: "memory");
+  now = bpf_ktime_get_ns();
+  last = bpf_map_lookup_elem(&cpu_last_update_map, &zero);
+  if (last && zelk_slice_seen(now, *last))
+    zelk_charge_running((__u32)bpf_get_current_pid_tgid(), now);
+  asm volatile("" ::: "memory");
+  *busy = 0;
   return 0;
 }
 
@@ -255,3 +334,7 @@ int sched_process_free(struct trace_event_raw_sched_process_template* ctx) {
   _Static_assert(sizeof(&event) != 0, "the catalogue's " #event " program");
 ZELK_PROGRAMS(ZELK_CHECK_PROGRAM)
 #undef ZELK_CHECK_PROGRAM
+#define ZELK_CHECK_RUN_PROGRAM(name) \
+  _Static_assert(sizeof(&name) != 0, "the catalogue's " #name " program");
+ZELK_RUN_PROGRAMS(ZELK_CHECK_RUN_PROGRAM)
+#undef ZELK_CHECK_RUN_PROGRAM

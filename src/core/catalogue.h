@@ -86,5 +86,19 @@ struct ProgramInfo {
 inline constexpr ProgramInfo kPrograms[] = {ZELK_PROGRAMS(ZELK_PROGRAM_INFO)};
 #undef ZELK_PROGRAM_INFO
 
+// The programs that are run, never attached, and the rule of their pins, with the object's name
+// and the program's.
+inline constexpr const char kRunProgramSection[] = ZELK_RUN_PROGRAM_SECTION;
+inline constexpr const char kRunProgramPinFormat[] = ZELK_RUN_PROGRAM_PIN_RULE("%s", "%s");
+
+struct RunProgramInfo {
+  const char* name;
+  const char* pinPath;
+};
+
+#define ZELK_RUN_PROGRAM_INFO(name) RunProgramInfo{#name, ZELK_RUN_PROGRAM_PIN(name)},
+inline constexpr RunProgramInfo kRunPrograms[] = {ZELK_RUN_PROGRAMS(ZELK_RUN_PROGRAM_INFO)};
+#undef ZELK_RUN_PROGRAM_INFO
+
 }  // namespace zelkora
 }  // namespace com

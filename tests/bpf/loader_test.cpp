@@ -31,6 +31,7 @@ std::map<std::string, uint32_t> pinIds() {
   std::vector<std::string> paths;
   for (MapId id : kAllMaps) paths.push_back(pinPath(id));
   for (const auto& tp : objectTracepoints()) paths.push_back(programPinPath(tp));
+  for (const auto& program : com::zelkora::kRunPrograms) paths.push_back(program.pinPath);
   std::map<std::string, uint32_t> ids;
   for (const std::string& path : paths) {
     android::base::unique_fd fd(bpf_obj_get(path.c_str()));
@@ -67,14 +68,19 @@ TEST(ObjectPinsTest, TheObjectHasTheCataloguesMapsAndPrograms) {
   std::set<std::string> programs, catalogued;
   for (const loader::ProgramPin& program : pins.programs) {
     programs.insert(program.path);
-    EXPECT_EQ(program.path, programPinPath({program.category, program.event}));
+    if (!program.category.empty()) {
+      EXPECT_EQ(program.path, programPinPath({program.category, program.event}));
+    }
   }
   for (const auto& tp : objectTracepoints()) catalogued.insert(programPinPath(tp));
+  for (const auto& program : com::zelkora::kRunPrograms) catalogued.insert(program.pinPath);
   EXPECT_EQ(programs, catalogued);
   EXPECT_EQ(pins.programs.size(), catalogued.size());
   EXPECT_EQ(pinPath(MapId::ClearTime), "/sys/fs/bpf/map_zelkCputimeInState_clear_time_map");
   EXPECT_EQ(programPinPath({"sched", "sched_switch"}),
             "/sys/fs/bpf/prog_zelkCputimeInState_tracepoint_sched_sched_switch");
+  EXPECT_STREQ(com::zelkora::kRunPrograms[0].pinPath,
+               "/sys/fs/bpf/prog_zelkCputimeInState_raw_tp_settle_cpu");
 }
 
 TEST_F(LoaderTest, LoadsIntoItsOwnBpffsKeepsOrReplacesPinsAndUnloadsExactlyItsOwn) {
@@ -103,9 +109,10 @@ TEST_F(LoaderTest, LoadsIntoItsOwnBpffsKeepsOrReplacesPinsAndUnloadsExactlyItsOw
     }
   }
   const auto first = pinIds();
-  const size_t objectPinCount = std::size(kAllMaps) + objectTracepoints().size();
+  const size_t objectPinCount =
+      std::size(kAllMaps) + objectTracepoints().size() + std::size(com::zelkora::kRunPrograms);
   ASSERT_EQ(first.size(), objectPinCount)
-      << "every map and the six programs, which tests/e2e attach";
+      << "every map, the six programs which tests/e2e attach, and the settle program";
   const uint64_t firstClear = clearTime();
 
   // Existing pins are kept unless replaced.

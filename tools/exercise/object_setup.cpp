@@ -77,6 +77,7 @@ std::string Attachment::attach() {
   const loader::PinList pins = loader::objectPins(loader::embeddedObject());
   if (!pins.error.empty()) return pins.error;
   for (const loader::ProgramPin& program : pins.programs) {
+    if (program.category.empty()) continue;  // run on a CPU, never attached
     const int fd = bpf_obj_get(program.path.c_str());
     if (fd < 0) return failure("opening " + program.path);
     const int link = bpf_attach_tracepoint(fd, program.category.c_str(), program.event.c_str());

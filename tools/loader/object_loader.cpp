@@ -162,7 +162,8 @@ std::string pinAll(bpf_object* object) {
   }
   bpf_program* program;
   bpf_object__for_each_program(program, object) {
-    const std::string path = programPin(bpf_program__section_name(program)).path;
+    const std::string path =
+        programPin(bpf_program__section_name(program), bpf_program__name(program)).path;
     if (bpf_obj_pin(bpf_program__fd(program), path.c_str()) != 0) {
       const int error = errno;
       removePins(pinned);

@@ -29,7 +29,12 @@ std::string mapPinPath(const std::string& mapName) {
   return formatPin(com::zelkora::kMapPinFormat, kObjectName, mapName.c_str());
 }
 
-ProgramPin programPin(const std::string& sectionName) {
+ProgramPin programPin(const std::string& sectionName, const std::string& programName) {
+  if (sectionName == com::zelkora::kRunProgramSection) {
+    if (programName.empty()) return {};
+    return {formatPin(com::zelkora::kRunProgramPinFormat, kObjectName, programName.c_str()), "",
+            programName};
+  }
   static const std::string kPrefix = "tracepoint/";
   if (sectionName.compare(0, kPrefix.size(), kPrefix) != 0) return {};
   const std::string tracepoint = sectionName.substr(kPrefix.size());
@@ -64,10 +69,10 @@ PinList objectPins(ObjectBytes object) {
   bpf_object__for_each_map(map, parsed) { pins.maps.push_back(mapPinPath(bpf_map__name(map))); }
   bpf_program* program;
   bpf_object__for_each_program(program, parsed) {
-    ProgramPin pin = programPin(bpf_program__section_name(program));
+    ProgramPin pin = programPin(bpf_program__section_name(program), bpf_program__name(program));
     if (pin.path.empty()) {
       pins.error = std::string("program ") + bpf_program__name(program) +
-                   " is not in a tracepoint/<category>/<event> section";
+                   " is not in a tracepoint/<category>/<event> or a raw_tp section";
       break;
     }
     pins.programs.push_back(std::move(pin));

@@ -25,14 +25,15 @@ ObjectBytes embeddedObject();
 
 struct ProgramPin {
   std::string path;
-  std::string category;  // of the tracepoint, as in sched:sched_switch
-  std::string event;
+  std::string category;  // of the tracepoint, as in sched:sched_switch; "" for a run program
+  std::string event;     // of the tracepoint; a run program's name
 };
 
 // The pin of the program in section "tracepoint/<category>/<event>":
-// /sys/fs/bpf/prog_zelkCputimeInState_tracepoint_<category>_<event>. An empty path for any other
-// section.
-ProgramPin programPin(const std::string& sectionName);
+// /sys/fs/bpf/prog_zelkCputimeInState_tracepoint_<category>_<event>; of one in the bare section
+// "raw_tp", which user space runs: /sys/fs/bpf/prog_zelkCputimeInState_raw_tp_<name>. An empty
+// path for any other section.
+ProgramPin programPin(const std::string& sectionName, const std::string& programName);
 
 struct PinList {
   std::vector<std::string> maps;
