@@ -85,5 +85,17 @@ int mapGetInfo(int fd, bpf_map_info* info, uint32_t* infoLen) {
   return ret;
 }
 
+static_assert(offsetof(bpf_attr, test.prog_fd) == 0 && offsetof(bpf_attr, test.flags) == 64 &&
+              offsetof(bpf_attr, test.cpu) == 68);
+
+int progTestRunOnCpu(int fd, uint32_t cpu) {
+  Attr a;
+  memset(&a, 0, sizeof(a));
+  a.attr.test.prog_fd = static_cast<uint32_t>(fd);
+  a.attr.test.flags = BPF_F_TEST_RUN_ON_CPU;
+  a.attr.test.cpu = cpu;
+  return bpfCall(BPF_PROG_TEST_RUN, a);
+}
+
 }  // namespace zelkora
 }  // namespace com

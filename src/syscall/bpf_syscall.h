@@ -22,6 +22,9 @@ int bpfObjGet(const char* path, uint32_t fileFlags);
 // map_extra), zero-filled first; `*infoLen` is set to what the kernel wrote.
 inline constexpr uint32_t kMapInfoLen = 88;
 int mapGetInfo(int fd, bpf_map_info* info, uint32_t* infoLen);
+// Runs a program without input on `cpu` (BPF_F_TEST_RUN_ON_CPU, Linux 5.10 and later), through an
+// interrupt when it is not the caller's; ENXIO for a CPU that is not online.
+int progTestRunOnCpu(int fd, uint32_t cpu);
 
 }  // namespace zelkora
 }  // namespace com
