@@ -42,6 +42,8 @@ std::string checkClassOptions(const Options& options, const std::string& view,
 ProcessClass processClass(const Options& options);
 // Writes `text` to stdout.
 void printOut(const std::string& text);
+// The note for a snapshot's or a task's `unsettled`, to stderr; nothing for 0.
+void tellUnsettled(int error);
 
 // The model of --model PATH, else the machine's Energy Model when it has one that fits its
 // policies (else none, with a note in `note`), for the views where energy is optional. False with

@@ -30,6 +30,7 @@ uint64_t countedNs() {
   request.parts = kTotalPart;
   request.attempts = 1;
   const TakenSnapshot taken = takeSnapshot(request);
+  tellUnsettled(taken.unsettled);
   return taken.snapshot ? sumTimes(taken.snapshot->total) : 0;
 }
 
@@ -153,6 +154,7 @@ int runDemo(const Options& options) {
   }
   sample(options.seconds);
   const TakenSnapshot taken = takeSnapshot();
+  tellUnsettled(taken.unsettled);
   std::optional<SamplerStats> sampler;
   if (machine.sampler) sampler = machine.sampler->stop();
   if (!taken.snapshot) return fail(taken.error);

@@ -69,6 +69,7 @@ int runShowEnergy(const Options& options) {
   SnapshotRequest request;
   request.parts = partsOf(view);
   const TakenSnapshot taken = takeSnapshot(request);
+  tellUnsettled(taken.unsettled);
   if (!taken.snapshot) return fail(taken.error);
   EnergyResult tables =
       energyOf(model, *taken.snapshot, limit,
@@ -78,6 +79,7 @@ int runShowEnergy(const Options& options) {
   if (view == "process" || view == "kthread") {
     result.kthread = view == "kthread";
     const TakenTask taken = takeTask({result.kthread, options.words[3], processClass(options)});
+    tellUnsettled(taken.unsettled);
     if (!taken.task) return fail(taken.error);
     result.task = taskEnergy(model, *taken.task);
     if (!result.task) return fail("the task's times do not have the frequency table's shape");

@@ -75,6 +75,11 @@ void routeLibraryLog(bool verbose) {
   __android_log_set_minimum_priority(verbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_ERROR);
 }
 
+void tellNote(const std::string& line) {
+  com::zelkora::MutexLock lock(gMutex);
+  emit(line, /*note=*/true);
+}
+
 void holdLibraryLog() {
   com::zelkora::MutexLock lock(gMutex);
   gHeld = true;

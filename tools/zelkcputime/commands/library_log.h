@@ -16,6 +16,9 @@ void routeLibraryLog(bool verbose);
 void holdLibraryLog();
 void releaseLibraryLog(bool withNotes = true);
 
+// A note of the tool's own, "zelkcputime: note: ...", in line with the library's: held as they are.
+void tellNote(const std::string& line);
+
 // The tool's line for a library line that reports an expected condition, or "" for a real error.
 std::string expectedConditionText(const std::string& message);
 

@@ -2,6 +2,8 @@
 #include <cstdio>
 
 #include "commands/commands.h"
+#include "commands/library_log.h"
+#include "views/unsettled_note.h"
 
 namespace zelk::cli {
 
@@ -51,5 +53,9 @@ ProcessClass processClass(const Options& options) {
 }
 
 void printOut(const std::string& text) { fwrite(text.data(), 1, text.size(), stdout); }
+
+void tellUnsettled(int error) {
+  if (error != 0) tellNote(unsettledNote(error));
+}
 
 }  // namespace zelk::cli

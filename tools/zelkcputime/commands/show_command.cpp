@@ -69,6 +69,7 @@ int showTable(const Request& r, bool kthreads) {
 
 int showTask(const Request& r, bool kthread, const std::string& name) {
   const TakenTask taken = takeTask({kthread, name, processClass(r.options)});
+  tellUnsettled(taken.unsettled);
   if (!taken.task) return fail(taken.error);
   const NamedTask& task = *taken.task;
   return emit(
@@ -118,6 +119,7 @@ int runShow(const Options& options) {
   SnapshotRequest snapshotRequest;
   snapshotRequest.parts = partsOf(view);
   const TakenSnapshot taken = takeSnapshot(snapshotRequest);
+  tellUnsettled(taken.unsettled);
   if (!taken.snapshot) return fail(taken.error);
   const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
   const Request request{

@@ -123,7 +123,9 @@ std::string setUp(const Options& options, Source* source) {
 TakenSnapshot take() {
   SnapshotRequest request;
   request.parts = kTotalPart | kProcessesPart | kKthreadsPart;
-  return takeSnapshot(request);
+  TakenSnapshot taken = takeSnapshot(request);
+  tellUnsettled(taken.unsettled);
+  return taken;
 }
 
 // Sleeps until `until` or a stop signal.

@@ -17,6 +17,7 @@ namespace {
 std::set<__u32> pinnedProgramIds() {
   std::set<__u32> ids;
   for (const loader::ProgramPin& pin : loader::objectPins(loader::embeddedObject()).programs) {
+    if (pin.category.empty()) continue;  // run on a CPU, never attached
     const android::base::unique_fd fd(bpf_obj_get(pin.path.c_str()));
     bpf_prog_info info = {};
     __u32 length = sizeof(info);

@@ -11,6 +11,7 @@
 #include "machine/tracking.h"
 #include "object_loader.h"
 #include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_policies.h"
 
 namespace zelk::cli {
 namespace {
@@ -63,14 +64,17 @@ std::string useRealPolicies(const Sampling& sampling, std::vector<RealPolicy>* p
 std::string startSampler(const Sampling& sampling, std::vector<RealPolicy>& policies,
                          DemoMachine* machine) {
   const auto freqs = com::zelkora::getCpuFreqs();
-  if (!freqs || freqs->size() != policies.size()) {
+  const auto discovered = com::zelkora::getCpuFreqPolicies();
+  if (!freqs || freqs->size() != policies.size() || !discovered ||
+      discovered->size() != policies.size()) {
     return "the library's policies are not the machine's (run with -v for its messages)";
   }
   std::vector<SampledPolicy> sampled;
   for (size_t i = 0; i < policies.size(); ++i) {
     if (policies[i].curFreq.get() < 0) continue;
-    sampled.push_back(
-        {static_cast<uint32_t>(i), policies[i].name, std::move(policies[i].curFreq), (*freqs)[i]});
+    const std::vector<uint64_t>& cpus = (*discovered)[i].cpus;
+    sampled.push_back({static_cast<uint32_t>(i), policies[i].name, std::move(policies[i].curFreq),
+                       (*freqs)[i], std::vector<uint32_t>(cpus.begin(), cpus.end())});
   }
   machine->sampler = std::make_unique<FrequencySampler>(
       std::move(sampled), std::chrono::milliseconds(sampling.periodMs));

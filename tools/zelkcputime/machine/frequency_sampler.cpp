@@ -10,6 +10,7 @@
 #include "core/catalogue.h"
 #include "kernel/config_maps.h"
 #include "machine/frequency_bins.h"
+#include "zelkcpufreqtime_settle.h"
 
 namespace zelk::cli {
 
@@ -17,7 +18,7 @@ namespace lib = com::zelkora;
 
 FrequencySampler::FrequencySampler(std::vector<SampledPolicy> policies,
                                    std::chrono::milliseconds period)
-    : policies_(std::move(policies)), period_(period) {}
+    : policies_(std::move(policies)), period_(period), written_(policies_.size(), 0) {}
 
 FrequencySampler::~FrequencySampler() { stop(); }
 
@@ -79,7 +80,8 @@ void FrequencySampler::run() {
 }
 
 void FrequencySampler::sampleOnce() {
-  for (const SampledPolicy& policy : policies_) {
+  for (size_t i = 0; i < policies_.size(); ++i) {
+    const SampledPolicy& policy = policies_[i];
     char text[32];
     const ssize_t length = pread(policy.curFreq.get(), text, sizeof(text) - 1, 0);
     const std::optional<uint64_t> khz =
@@ -89,8 +91,15 @@ void FrequencySampler::sampleOnce() {
       continue;
     }
     ++stats_.samples;
-    if (lib::writeCurrentFreqIndex(map_.get(), policy.ordinal, nearestBin(policy.freqs, *khz))) {
+    const uint32_t index = nearestBin(policy.freqs, *khz);
+    // Without settling (an older kernel), the slices running now count at the new frequency, as
+    // they did before settling existed; the snapshots say so.
+    if (index != written_[i] && com::zelkora::settleCpuTimes(policy.cpus)) {
+      ++stats_.settles;
+    }
+    if (lib::writeCurrentFreqIndex(map_.get(), policy.ordinal, index)) {
       ++stats_.writes;
+      written_[i] = index;
     }
   }
 }

@@ -9,6 +9,9 @@
 // which leaves the index alone for a frequency it does not find there, never overrides a sample
 // (drivers that do send events, or an event that matches a bin). The index is also written at every
 // sample, not only on a change, so that no other writer holds it for longer than a period.
+//
+// Before a new index is written, the policy's CPUs are settled, so that what their running tasks
+// have run up to the change counts at the frequency before it, not at the one after.
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -29,6 +32,7 @@ struct SampledPolicy {
   std::string name;                  // "policy0"
   android::base::unique_fd curFreq;  // the real scaling_cur_freq, opened before any tmpfs
   std::vector<uint64_t> freqs;       // the policy's table as the library has it, kHz
+  std::vector<uint32_t> cpus;        // settled before its index changes
 };
 
 struct SamplerStats {
@@ -36,6 +40,7 @@ struct SamplerStats {
   uint64_t samples = 0;  // readings that selected a frequency
   uint64_t skipped = 0;  // readings that could not be read or parsed
   uint64_t writes = 0;   // map updates, one per sample
+  uint64_t settles = 0;  // of a policy's CPUs, before a new index; failed ones are not counted
   uint64_t cpuNs = 0;    // the thread's own CPU time
 };
 
@@ -66,6 +71,7 @@ class FrequencySampler {
   std::condition_variable_any wake_;
   bool stopping_ GUARDED_BY(mutex_) = false;
   SamplerStats stats_ GUARDED_BY(mutex_);
+  std::vector<uint32_t> written_ GUARDED_BY(mutex_);  // each policy's index, 0 before the first
   std::thread thread_;
 };
 

@@ -1,6 +1,8 @@
 #include "model/snapshot.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <thread>
 
 namespace zelk::cli {
@@ -28,20 +30,36 @@ bool read(const std::function<std::optional<T>()>& query, const std::string& fun
   return false;
 }
 
+std::atomic<bool> gSettleFailed{false};
+
 }  // namespace
+
+int settleForReading(const SnapshotQueries& queries, bool* settled) {
+  *settled = queries.settle && queries.settle();
+  if (*settled || !queries.settle) return 0;
+  const int error = errno;
+  // The kernel or the object cannot: it will not be able to at the next read either.
+  return gSettleFailed.exchange(true) ? 0 : error;
+}
 
 TakenSnapshot takeSnapshot(const SnapshotRequest& request, const SnapshotQueries& queries) {
   Snapshot snapshot;
   snapshot.parts = request.parts & (kAllParts | kClassPartsPart);
   const auto wants = [&](SnapshotPart part) { return (snapshot.parts & part) != 0; };
+  bool settled = false;
+  const int unsettled = settleForReading(queries, &settled);
+  const auto settledAt = std::chrono::steady_clock::now();
   std::string error;
-  if (!read(queries.freqs, "getCpuFreqs", request, &snapshot.freqs, &error)) return {{}, error};
+  if (!read(queries.freqs, "getCpuFreqs", request, &snapshot.freqs, &error)) {
+    return {{}, error, unsettled};
+  }
   if (wants(kTotalPart) &&
       !read(queries.total, "getTotalCpuFreqTimes", request, &snapshot.total, &error)) {
     // The query also comes back empty when the map holds no entry at all.
     return {{},
             "getTotalCpuFreqTimes returned nothing: nothing has been counted since the load "
-            "or the last reset (is `zelkcputime start` running?), or the map could not be read"};
+            "or the last reset (is `zelkcputime start` running?), or the map could not be read",
+            unsettled};
   }
   const bool ok =
       (!wants(kProcessesPart) ||
@@ -54,12 +72,14 @@ TakenSnapshot takeSnapshot(const SnapshotRequest& request, const SnapshotQueries
       (!wants(kClassPartsPart) ||
        (read(queries.topParts, "getProcessTopTimeParts", request, &snapshot.topParts, &error) &&
         read(queries.bgParts, "getProcessBgTimeParts", request, &snapshot.bgParts, &error)));
-  if (!ok) return {{}, error};
-  snapshot.takenAt = std::chrono::steady_clock::now();
-  return {std::move(snapshot), ""};
+  if (!ok) return {{}, error, unsettled};
+  snapshot.takenAt = settled ? settledAt : std::chrono::steady_clock::now();
+  return {std::move(snapshot), "", unsettled};
 }
 
 TakenTask takeTask(const TaskQuery& query, const SnapshotQueries& queries) {
+  bool settled = false;
+  const int unsettled = settleForReading(queries, &settled);
   NamedTask task{query.name, uint64_t{1}, {}};
   std::optional<Times> times;
   if (query.kthread) {
@@ -76,18 +96,20 @@ TakenTask takeTask(const TaskQuery& query, const SnapshotQueries& queries) {
   }
   if (times) {
     task.times = std::move(*times);
-    return {std::move(task), ""};
+    return {std::move(task), "", unsettled};
   }
   // The single-task queries also fail on a map without any entry: say so when that is why.
   const auto all = query.kthread ? queries.kthreads() : queries.processes();
   if (all && all->empty()) {
     return {{},
             std::string("no ") + (query.kthread ? "kernel thread" : "process") +
-                " has been counted yet: is `zelkcputime start` running?"};
+                " has been counted yet: is `zelkcputime start` running?",
+            unsettled};
   }
-  return {{},
-          failedMessage(query.kthread ? "getCpuFreqTimesFromKthread" : "getCpuFreqTimesFromProcess",
-                        1)};
+  return {
+      {},
+      failedMessage(query.kthread ? "getCpuFreqTimesFromKthread" : "getCpuFreqTimesFromProcess", 1),
+      unsettled};
 }
 
 }  // namespace zelk::cli

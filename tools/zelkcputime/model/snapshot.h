@@ -9,6 +9,7 @@
 #include "model/times.h"
 #include "zelkcpufreqtime.h"
 #include "zelkcpufreqtime_class_time.h"
+#include "zelkcpufreqtime_settle.h"
 
 namespace zelk::cli {
 
@@ -36,11 +37,16 @@ struct Snapshot {
   com::zelkora::TimeTable bg;
   com::zelkora::ClassTimePartsTable topParts;
   com::zelkora::ClassTimePartsTable bgParts;
-  std::chrono::steady_clock::time_point takenAt;  // when the last table had been read
+  // The instant the tables count up to: when the CPUs were settled, else when the last table had
+  // been read.
+  std::chrono::steady_clock::time_point takenAt;
 };
 
 // The library's queries; tests replace them to see the retries without a kernel.
 struct SnapshotQueries {
+  // Charges the running slices up to now before the tables are read, so that they are exact at
+  // that instant; none where counts may lag.
+  std::function<bool()> settle = [] { return com::zelkora::settleCpuTimes(); };
   std::function<std::optional<FreqTable>()> freqs = com::zelkora::getCpuFreqs;
   std::function<std::optional<Times>()> total = com::zelkora::getTotalCpuFreqTimes;
   std::function<std::optional<com::zelkora::TimeInStateTable>()> processes =
@@ -60,6 +66,10 @@ struct SnapshotQueries {
       com::zelkora::getCpuFreqTimesFromKthread;
 };
 
+// Settles before a read; `settled` says whether it did. The errno of the first failure in this
+// process, which the caller tells once; 0 otherwise.
+int settleForReading(const SnapshotQueries& queries, bool* settled);
+
 struct SnapshotRequest {
   unsigned parts = kAllParts;
   // A whole-map walk fails when another process deletes the key it stands on between its steps,
@@ -72,6 +82,7 @@ struct SnapshotRequest {
 struct TakenSnapshot {
   std::optional<Snapshot> snapshot;  // all the parts asked for, or nothing
   std::string error;                 // without a snapshot: the query that kept failing, and why
+  int unsettled = 0;                 // settleForReading's, to be told
 };
 
 TakenSnapshot takeSnapshot(const SnapshotRequest& request = {},
@@ -96,6 +107,7 @@ struct NamedTask {
 struct TakenTask {
   std::optional<NamedTask> task;
   std::string error;  // without a task: the message to print
+  int unsettled = 0;  // settleForReading's, to be told
 };
 
 // One task through the library's single-task query: both classes of a process are two queries,

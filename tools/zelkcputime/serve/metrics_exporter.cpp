@@ -1,6 +1,9 @@
 #include "serve/metrics_exporter.h"
 
+#include <cstdio>
 #include <utility>
+
+#include "views/unsettled_note.h"
 
 namespace zelk::cli {
 namespace {
@@ -43,6 +46,7 @@ Collected MetricsExporter::collectNow() {
   Collected collected;
   collected.startedAt = Clock::now();
   TakenSnapshot taken = takeSnapshot(request_, sources_.queries);
+  if (taken.unsettled != 0) fprintf(stderr, "%s\n", unsettledNote(taken.unsettled).c_str());
   if (taken.snapshot) {
     collected.snapshot = std::move(taken.snapshot);
     collected.maps = sources_.maps();
