@@ -3,8 +3,10 @@
 // back and forth through pipes, so that nearly every pass is a context switch; with --churn also
 // a stream of short-lived processes that rename themselves and change their oom_score_adj, for
 // the other programs. The programs' own statistics (kernel.bpf_stats_enabled) then give their
-// cost per event.
+// cost per event; with --settle-runs, it then times the settle program as a caller sees it.
+#include <bpf/bpf.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,11 +16,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "core/catalogue.h"
 #include "core/decimal.h"
 #include "object_setup.h"
+#include "syscall/bpf_syscall.h"
 
 namespace {
 
@@ -59,15 +64,50 @@ void churn() {
   gProcesses = processes;
 }
 
+// What settling costs the caller, with the programs attached and the load ended: per CPU (the
+// caller's own runs the program in place, another's through an interrupt that may wake it from
+// idle) and for every CPU in turn, as the library's settle does. Mean microseconds of `runs`.
+std::string settleCost(unsigned runs) {
+  const int fd = bpf_obj_get(com::zelkora::kRunPrograms[0].pinPath);
+  if (fd < 0) return std::string("cannot open the settle program: ") + strerror(errno);
+  const auto meanUs = [&](const std::vector<uint32_t>& cpus) {
+    const auto start = std::chrono::steady_clock::now();
+    for (unsigned i = 0; i < runs; ++i) {
+      for (uint32_t cpu : cpus) {
+        if (com::zelkora::progTestRunOnCpu(fd, cpu) != 0) return -1.0;
+      }
+    }
+    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
+               .count() /
+           runs;
+  };
+  const int self = sched_getcpu();
+  std::vector<uint32_t> all;
+  std::string line =
+      "settle (mean of " + std::to_string(runs) + ", caller on CPU " + std::to_string(self) + "):";
+  char text[64];
+  for (uint32_t cpu = 0; cpu < std::thread::hardware_concurrency(); ++cpu) {
+    all.push_back(cpu);
+    snprintf(text, sizeof(text), " CPU %u %.2f us;", cpu, meanUs({cpu}));
+    line += text;
+  }
+  snprintf(text, sizeof(text), " all %zu CPUs %.2f us", all.size(), meanUs(all));
+  close(fd);
+  return line + text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   unsigned seconds = 10;
   unsigned pairs = 8;
   bool churning = false;
+  unsigned settleRuns = 0;
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--churn") == 0) {
       churning = true;
+    } else if (strcmp(argv[i], "--settle-runs") == 0 && i + 1 < argc) {
+      if (!com::zelkora::parseDecimal(argv[++i], &settleRuns, 1000000u)) seconds = 0;
     } else if (strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
       if (!com::zelkora::parseDecimal(argv[++i], &seconds, 86400u)) seconds = 0;
     } else if (strcmp(argv[i], "--pairs") == 0 && i + 1 < argc) {
@@ -77,7 +117,7 @@ int main(int argc, char** argv) {
     }
   }
   if (seconds == 0 || pairs == 0) {
-    fprintf(stderr, "usage: zelk-exercise [--seconds N] [--pairs N] [--churn]\n");
+    fprintf(stderr, "usage: zelk-exercise [--seconds N] [--pairs N] [--churn] [--settle-runs N]\n");
     return 2;
   }
   std::string error = zelk::exercise::configure(
@@ -110,5 +150,6 @@ int main(int argc, char** argv) {
   printf("%u thread pairs, %llu passes, %llu short-lived processes in %u s\n", pairs,
          static_cast<unsigned long long>(gPasses.load()),
          static_cast<unsigned long long>(gProcesses.load()), seconds);
+  if (settleRuns > 0) printf("%s\n", settleCost(settleRuns).c_str());
   return 0;
 }
