@@ -9,9 +9,9 @@
 // itself; their results are as before, only later. While no process tracks (the programs are
 // detached), a settle charges nothing.
 //
-// Cost: one interrupt to each CPU other than the caller's (about 15 us of the caller's time
-// apiece on an x86 test machine; under 1 us for its own CPU). An idle CPU is woken for it, which
-// on a phone costs energy: settle before reads that need to be exact, not on a timer of its own.
+// Cost: one interrupt to each CPU other than the caller's (12 us of the caller's time apiece on
+// an x86 test machine, 1 us for its own CPU). An idle CPU is woken for it, which on a phone costs
+// energy: settle before reads that need to be exact, not on a timer of its own.
 #pragma once
 
 #include <cstdint>
