@@ -19,10 +19,14 @@ using namespace com::zelkora;
 using CpuTimeTest = TrackingTest;
 
 // The object counts a CPU's wall time between switches, schedstat the task's own clock, which
-// leaves out interrupts and time the hypervisor took; under load here they differ by up to 1.4%.
-void expectWithin2Percent(const std::string& what, uint64_t counted, uint64_t runtime) {
-  printf("%s: counted %.3f ms, schedstat %.3f ms\n", what.c_str(), counted / 1e6, runtime / 1e6);
-  EXPECT_NEAR(static_cast<double>(counted), runtime, 0.02 * runtime) << what;
+// leaves out interrupts and time the hypervisor took: the object may count more by what
+// /proc/stat says those took meanwhile (`untasked`, over all CPUs), and otherwise by 2%.
+void expectWithin2Percent(const std::string& what, uint64_t counted, uint64_t runtime,
+                          uint64_t untasked) {
+  printf("%s: counted %.3f ms, schedstat %.3f ms, interrupts and steal %.3f ms\n", what.c_str(),
+         counted / 1e6, runtime / 1e6, untasked / 1e6);
+  EXPECT_GE(static_cast<double>(counted), 0.98 * runtime) << what;
+  EXPECT_LE(static_cast<double>(counted), 1.02 * runtime + untasked) << what;
 }
 
 void* spinInThread(void* link) {
@@ -71,7 +75,7 @@ TEST_P(ProcessTimeTest, MatchesSchedstatAtTheCurrentFrequencyApartFromKernelThre
   ASSERT_TRUE(times.has_value());
   EXPECT_EQ((*times)[0][0], sum(times)) << "all at the current frequency, the first";
   EXPECT_EQ(sum(getCpuFreqTimesFromProcess("zelkspin", /*flag=*/false)), 0u);
-  expectWithin2Percent("zelkspin", sum(times), runtime);
+  expectWithin2Percent("zelkspin", sum(times), runtime, untaskedSinceStart());
 
   // Kernel threads have run meanwhile, apart from the processes; the worker thread counts only
   // under its process, and its rename names no top time.
@@ -116,8 +120,8 @@ TEST_F(CpuTimeTest, TimeFollowsTheIndexAndRestartsAfterAClear) {
   const auto times = counted();
   ASSERT_TRUE(times.has_value());
   EXPECT_EQ((*times)[0][0] + (*times)[0][3], sum(times));
-  expectWithin2Percent("zelkfreq at the first", (*times)[0][0], first);
-  expectWithin2Percent("zelkfreq at the fourth", (*times)[0][3], second);
+  expectWithin2Percent("zelkfreq at the first", (*times)[0][0], first, untaskedSinceStart());
+  expectWithin2Percent("zelkfreq at the fourth", (*times)[0][3], second, untaskedSinceStart());
 
   for (uint32_t index : {0u, 33u}) {
     ASSERT_EQ(exercise::setCurrentIndex(0, index), "");

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "clocked_spinner.h"
 #include "namespace.h"
 #include "object_loader.h"
 #include "self_status.h"
@@ -58,12 +59,17 @@ class TrackingTest : public KernelTest {
     // entries it finds already made, and ThreadSanitizer lets a child start threads only when
     // forked from a single thread.
     ASSERT_TRUE(threads_.ended(log_)) << "the library's background thread did not end";
+    untaskedAtStart_ = untaskedNs();
   }
+  // What the task clocks have left out since the set-up: how much more than schedstat the object
+  // may count.
+  uint64_t untaskedSinceStart() const { return untaskedNs() - untaskedAtStart_; }
   // The background thread uses the library's map descriptors; it must end before they close.
   void TearDown() override { threads_.ended(log_); }
 
   LogCapture log_;
   BackgroundThreads threads_;
+  uint64_t untaskedAtStart_ = 0;
 };
 
 // Time over every policy and frequency; 0 for no result.

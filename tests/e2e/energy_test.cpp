@@ -42,8 +42,10 @@ TEST_F(EnergyTest, ToolEnergyIsRuntimeTimesPowerAtTheCurrentFrequency) {
          energy, expected, runtime / 1e6, static_cast<unsigned long long>(kPowerUw),
          100 * (energy - expected) / expected);
   // The object counts the CPU's wall time, schedstat the task's own clock, which leaves out
-  // interrupts and what the hypervisor took: up to 1.7% apart here when the host is busy.
-  EXPECT_NEAR(energy, expected, 0.02 * expected);
+  // interrupts and what the hypervisor took (/proc/stat's figure for them, over all CPUs).
+  const double untasked = static_cast<double>(untaskedSinceStart()) * kPowerUw / 1e9;
+  EXPECT_GE(energy, 0.99 * expected);
+  EXPECT_LE(energy, 1.01 * expected + untasked) << untasked << " uJ of interrupts and steal";
 }
 
 }  // namespace

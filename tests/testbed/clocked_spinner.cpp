@@ -10,7 +10,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <new>
+#include <sstream>
+#include <string>
 #include <thread>
 
 namespace zelk::testbed {
@@ -22,7 +25,24 @@ void pinToCpu(pid_t pid, int cpu) {
   sched_setaffinity(pid, sizeof(set), &set);
 }
 
-ClockedSpinner::ClockedSpinner(const char* name, int cpu, std::chrono::milliseconds duration) {
+uint64_t untaskedNs(int cpu) {
+  std::ifstream file("/proc/stat");
+  const std::string wanted = cpu < 0 ? "cpu" : "cpu" + std::to_string(cpu);
+  for (std::string line; std::getline(file, line);) {
+    std::istringstream fields(line);
+    std::string name;
+    uint64_t user, nice, system, idle, iowait, irq, softirq, steal;
+    if (!(fields >> name >> user >> nice >> system >> idle >> iowait >> irq >> softirq >> steal) ||
+        name != wanted) {
+      continue;
+    }
+    return (irq + softirq + steal) * (1000000000u / static_cast<uint64_t>(sysconf(_SC_CLK_TCK)));
+  }
+  return 0;
+}
+
+ClockedSpinner::ClockedSpinner(const char* name, int cpu, std::chrono::milliseconds duration)
+    : cpu_(cpu), untaskedAtStart_(untaskedNs(cpu)) {
   void* shared = mmap(nullptr, sizeof(std::atomic<uint64_t>), PROT_READ | PROT_WRITE,
                       MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) return;

@@ -10,6 +10,11 @@
 
 namespace zelk::testbed {
 
+// The CPU time that a task's clock leaves out and the object, which counts a CPU's wall time
+// between switches, includes: interrupts and what the hypervisor took (irq, softirq and steal of
+// /proc/stat), in nanoseconds since boot; of CPU `cpu`, or of all CPUs for -1.
+uint64_t untaskedNs(int cpu = -1);
+
 class ClockedSpinner {
  public:
   // Named `name` from its first instruction on, in the foreground (oom_score_adj 0), at nice -20
@@ -25,9 +30,14 @@ class ClockedSpinner {
   uint64_t clockNs() const { return clock_->load(); }
   // Waits until it has started spinning; false after five seconds.
   bool started() const;
+  // What its CPU's interrupts and hypervisor took since it was made: how much more than its
+  // clock the object may count for it.
+  uint64_t untaskedSinceStart() const { return untaskedNs(cpu_) - untaskedAtStart_; }
 
  private:
   pid_t pid_ = -1;
+  int cpu_ = -1;
+  uint64_t untaskedAtStart_ = 0;
   std::atomic<uint64_t>* clock_ = nullptr;
 };
 

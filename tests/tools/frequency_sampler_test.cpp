@@ -119,8 +119,10 @@ TEST_F(SampledFrequencyTest, TimeLandsInTheBinOfTheSampledFrequency) {
   ASSERT_GT(child, 0);
   if (possibleCpus() >= 2) pinToCpu(0, 0);  // the tool
   close(pipeFds[1]);
+  const uint64_t untaskedBefore = untaskedNs();
   const ChildResult run = runTool({"demo", "--seconds", "5", "--json", "--limit", "0",
                                    "--sample-ms", std::to_string(kPeriodMs)});
+  const uint64_t untasked = untaskedNs() - untaskedBefore;
   std::string runtimes;
   android::base::ReadFdToString(pipeFds[0], &runtimes);
   close(pipeFds[0]);
@@ -144,10 +146,11 @@ TEST_F(SampledFrequencyTest, TimeLandsInTheBinOfTheSampledFrequency) {
   EXPECT_NEAR(static_cast<double>(times[16]), second, slack);
   uint64_t all = 0;
   for (uint64_t t : times) all += t;
-  // Nothing is lost to sampling: the total is the child's runtime (within the 2% by which the
-  // object's switch-to-switch time and schedstat's task clock differ under load), and all but
-  // its moments between the phases is in the two bins.
-  EXPECT_NEAR(static_cast<double>(all), first + second, 0.02 * (first + second));
+  // Nothing is lost to sampling: the total is the child's runtime (within 2%, and what
+  // interrupts and the hypervisor took, which the object's wall time between switches counts and
+  // the task clock does not), and all but its moments between the phases is in the two bins.
+  EXPECT_GE(static_cast<double>(all), 0.98 * (first + second));
+  EXPECT_LE(static_cast<double>(all), 1.02 * (first + second) + untasked);
   EXPECT_LT(all - times[4] - times[16], slack);
 }
 
