@@ -42,6 +42,9 @@ std::string checkClassOptions(const Options& options, const std::string& view,
 ProcessClass processClass(const Options& options);
 // Writes `text` to stdout.
 void printOut(const std::string& text);
+// The library's queries for a command that reads what another process may track (show, show
+// energy): they settle only while some process tracks.
+SnapshotQueries readingQueries();
 // The note for a snapshot's or a task's `unsettled`, to stderr; nothing for 0.
 void tellUnsettled(int error);
 

@@ -68,7 +68,7 @@ int runShowEnergy(const Options& options) {
   const size_t limit = textDefault ? kDefaultTextRows : options.limit;
   SnapshotRequest request;
   request.parts = partsOf(view);
-  const TakenSnapshot taken = takeSnapshot(request);
+  const TakenSnapshot taken = takeSnapshot(request, readingQueries());
   tellUnsettled(taken.unsettled);
   if (!taken.snapshot) return fail(taken.error);
   EnergyResult tables =
@@ -78,7 +78,8 @@ int runShowEnergy(const Options& options) {
   EnergyView result{model, std::move(*tables.energy), {}, false};
   if (view == "process" || view == "kthread") {
     result.kthread = view == "kthread";
-    const TakenTask taken = takeTask({result.kthread, options.words[3], processClass(options)});
+    const TakenTask taken =
+        takeTask({result.kthread, options.words[3], processClass(options)}, readingQueries());
     tellUnsettled(taken.unsettled);
     if (!taken.task) return fail(taken.error);
     result.task = taskEnergy(model, *taken.task);

@@ -3,6 +3,7 @@
 
 #include "commands/commands.h"
 #include "commands/library_log.h"
+#include "machine/attached_programs.h"
 #include "views/unsettled_note.h"
 
 namespace zelk::cli {
@@ -53,6 +54,14 @@ ProcessClass processClass(const Options& options) {
 }
 
 void printOut(const std::string& text) { fwrite(text.data(), 1, text.size(), stdout); }
+
+SnapshotQueries readingQueries() {
+  SnapshotQueries queries;
+  // Settling while no process tracks would charge the running tasks for all the time since the
+  // last switch the detached program saw: the counts stand still then, and are exact as they are.
+  if (pidsTracking().empty()) queries.settle = nullptr;
+  return queries;
+}
 
 void tellUnsettled(int error) {
   if (error != 0) tellNote(unsettledNote(error));

@@ -68,7 +68,7 @@ int showTable(const Request& r, bool kthreads) {
 }
 
 int showTask(const Request& r, bool kthread, const std::string& name) {
-  const TakenTask taken = takeTask({kthread, name, processClass(r.options)});
+  const TakenTask taken = takeTask({kthread, name, processClass(r.options)}, readingQueries());
   tellUnsettled(taken.unsettled);
   if (!taken.task) return fail(taken.error);
   const NamedTask& task = *taken.task;
@@ -118,7 +118,7 @@ int runShow(const Options& options) {
 
   SnapshotRequest snapshotRequest;
   snapshotRequest.parts = partsOf(view);
-  const TakenSnapshot taken = takeSnapshot(snapshotRequest);
+  const TakenSnapshot taken = takeSnapshot(snapshotRequest, readingQueries());
   tellUnsettled(taken.unsettled);
   if (!taken.snapshot) return fail(taken.error);
   const bool textDefault = options.format == Format::kText && options.given.count("--limit") == 0;
