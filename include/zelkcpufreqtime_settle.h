@@ -6,8 +6,10 @@
 // out for seconds). settleCpuTimes() charges those slices up to now, each to its running task at
 // its CPU's current frequency exactly as its switch would, so that the queries of
 // zelkcpufreqtime.h that follow count every CPU up to the call. None of those queries settles by
-// itself; their results are as before, only later. While no process tracks (the programs are
-// detached), a settle charges nothing.
+// itself; their results are as before, only later. Settle while some process tracks: once the
+// programs are detached the counts stand still, and the object then declines to charge a task
+// that came in after the last switch it saw, but within about 20 ms of that switch one settle may
+// still charge the running task that much.
 //
 // Cost: one interrupt to each CPU other than the caller's (12 us of the caller's time apiece on
 // an x86 test machine, 1 us for its own CPU). An idle CPU is woken for it, which on a phone costs
