@@ -31,13 +31,16 @@
 #define ZELK_PID_ENTRIES 16384    /* live processes, not threads */
 #define ZELK_CPU_ENTRIES 1024     /* CPUs and so policies, far above any phone or server here */
 #define ZELK_FREQ_ENTRIES 8192    /* every frequency of every policy: the library writes them all */
+#define ZELK_CGROUP_ENTRIES 4096  /* cgroups that ran a task: services, containers, pods */
 
-/* What sets a map's entries at load: the loader's --names, --kthreads or --pids, or nothing. */
+/* What sets a map's entries at load: the loader's --names, --kthreads, --pids or --cgroups, or
+ * nothing. */
 enum zelk_size_option {
   ZELK_SIZE_FIXED,
   ZELK_SIZE_NAMES,
   ZELK_SIZE_KTHREADS,
   ZELK_SIZE_PIDS,
+  ZELK_SIZE_CGROUPS,
 };
 
 /* Where a full map sends what it cannot take (records.h): a counting map to its overflow entries
@@ -48,6 +51,7 @@ enum zelk_overflow_kind {
   ZELK_OVERFLOW_KTHREAD,
   ZELK_OVERFLOW_TOP,
   ZELK_OVERFLOW_BACKGROUND,
+  ZELK_OVERFLOW_CGROUP,
 };
 
 /* Every map, in the order of the object's definitions: X(id, name, type, key, value, size option,
@@ -102,7 +106,11 @@ enum zelk_overflow_kind {
     zelk_policy_ordinal, zelk_freq_index, FIXED, ZELK_CPU_ENTRIES, NONE, 0)                      \
   /* Set while the settle program runs on a CPU (zelkCputimeInState.bpf.c). The object's own. */  \
   X(SettleBusy, settle_busy_map, BPF_MAP_TYPE_PERCPU_ARRAY,                                       \
-    zelk_zero_key, zelk_u32, FIXED, 1, NONE, 0)
+    zelk_zero_key, zelk_u32, FIXED, 1, NONE, 0)                                                   \
+  /* Time per cgroup v2, charged with the process map's. Opened by the cgroup queries, and an     \
+   * object without it works with the library all the same. */                                    \
+  X(CgroupTime, cgroup_time_in_state_map, BPF_MAP_TYPE_PERCPU_HASH,                               \
+    zelk_cgroup_id, struct zelk_time_in_state, CGROUPS, ZELK_CGROUP_ENTRIES, CGROUP, 0)
 /* clang-format on */
 
 /* Every program, X(category, event): attached to the tracepoint <category>:<event>, named after

@@ -64,6 +64,9 @@ typedef zelk_u32 zelk_cpu_key;
 typedef zelk_u32 zelk_policy_ordinal; /* cpu_policy_map value, policy_freq_idx_map key */
 typedef zelk_u32 zelk_freq_index;     /* from 1; 0 counts nothing */
 typedef zelk_u32 zelk_zero_key;
+/* Key of the cgroup map: the cgroup v2 id, which is the inode number of the cgroup's directory
+ * under the v2 mount (what name_to_handle_at gives for it). The root's is 1. */
+typedef zelk_u64 zelk_cgroup_id;
 
 ZELK_RECORD_ASSERT(sizeof(struct zelk_process_key) == 24 &&
                        __builtin_offsetof(struct zelk_process_key, flag) == 16,
@@ -74,8 +77,8 @@ ZELK_RECORD_ASSERT(sizeof(struct zelk_freq_key) == 8 &&
                        __builtin_offsetof(struct zelk_freq_key, freq) == 4,
                    "frequency key: policy, then kHz");
 ZELK_RECORD_ASSERT(sizeof(zelk_pid_key) == 4 && sizeof(zelk_adj_value) == 2 &&
-                       sizeof(zelk_time_value) == 8,
-                   "pid, adj and time records");
+                       sizeof(zelk_time_value) == 8 && sizeof(zelk_cgroup_id) == 8,
+                   "pid, adj, time and cgroup records");
 
 /* The overflow entry of a counting map: where the object counts what a full map cannot take a
  * new entry for, so that nothing is lost. Its name is 16 bytes without a NUL, which no task can
@@ -89,6 +92,8 @@ ZELK_RECORD_ASSERT(sizeof(ZELK_OVERFLOW_COMM) == ZELK_COMM_LEN + 1, "16 bytes an
  * read-only data map into the object. */
 #define ZELK_OVERFLOW_COMM_LOW 0x65766f2070616d3cull
 #define ZELK_OVERFLOW_COMM_HIGH 0x3e6465776f6c6672ull
+/* The cgroup map's overflow entry: an id no cgroup has (ids are inode numbers, counted up from 1). */
+#define ZELK_OVERFLOW_CGROUP_ID 0xffffffffffffffffull
 #ifdef __cplusplus
 constexpr bool zelk_overflow_words_match() {
   for (int i = 0; i < ZELK_COMM_LEN; ++i) {

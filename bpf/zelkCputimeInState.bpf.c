@@ -1,5 +1,5 @@
 /* zelkCputimeInState: counts CPU time per cpufreq frequency for the whole system, per process
- * name and per kernel thread, and foreground/background time per process name.
+ * name, per kernel thread and per cgroup v2, and foreground/background time per process name.
  *
  * Times are nanoseconds of bpf_ktime_get_ns(), which is CLOCK_MONOTONIC, the library's clock.
  *
@@ -62,7 +62,7 @@ static __always_inline void zelk_add_total(__u32 slot, __u64 delta) {
 }
 
 /* Makes sure that the overflow entry `overflow` is in `map`, inserting `empty` (zeros). */
-static __always_inline void zelk_ensure_overflow(void* map, const struct zelk_process_key* overflow,
+static __always_inline void zelk_ensure_overflow(void* map, const void* overflow,
                                                  const struct zelk_time_in_state* empty) {
   if (!bpf_map_lookup_elem(map, overflow)) bpf_map_update_elem(map, overflow, empty, BPF_NOEXIST);
 }
@@ -93,6 +93,26 @@ static __always_inline void zelk_add_task_time(void* map, bool classes,
   zelk_add_to_slot(value, slot, delta);
 }
 
+/* The running task's cgroup v2 entry, made when missing; the overflow entry when the map is full.
+ * The overflow entry goes in first, as for names. Without a v2 hierarchy mounted every task is in
+ * the root's cgroup, so the map holds the root's id alone. */
+static __always_inline void zelk_add_cgroup_time(__u32 slot, __u64 delta) {
+  zelk_cgroup_id id = bpf_get_current_cgroup_id();
+  struct zelk_time_in_state* value = bpf_map_lookup_elem(&cgroup_time_in_state_map, &id);
+
+  if (!value) {
+    const zelk_cgroup_id overflow = ZELK_OVERFLOW_CGROUP_ID;
+    struct zelk_time_in_state empty = {};
+
+    zelk_ensure_overflow(&cgroup_time_in_state_map, &overflow, &empty);
+    bpf_map_update_elem(&cgroup_time_in_state_map, &id, &empty, BPF_NOEXIST);
+    value = bpf_map_lookup_elem(&cgroup_time_in_state_map, &id);
+    if (!value) value = zelk_overflow_entry(&cgroup_time_in_state_map, &overflow);
+    if (!value) return;
+  }
+  zelk_add_to_slot(value, slot, delta);
+}
+
 /* Charges what this CPU's running task has run since the CPU's last update, at the CPU's current
  * frequency, to the total and to the task's entry, and restarts the slice at `now`. The task is
  * current: at a switch the one leaving (the tracepoint fires before the switch), at a settle the
@@ -117,6 +137,7 @@ static __always_inline void zelk_charge_running(__u32 pid, __u64 now) {
     return;
   if (!zelk_current_slot(bpf_get_smp_processor_id(), &slot)) return;
   zelk_add_total(slot, delta);
+  zelk_add_cgroup_time(slot, delta);
   if (zelk_running_task_key(&key))
     zelk_add_task_time(&kthread_time_in_state_map, /*classes=*/false, &key, slot, delta);
   else

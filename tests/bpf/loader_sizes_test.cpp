@@ -66,16 +66,17 @@ TEST_F(LoaderSizesTest, SizesReachTheMapsAndTheMemoryIsCounted) {
   const PinnedMap big = pinned("process_time_in_state_map");
 
   // Given sizes, through the command line, which says them and the memory in its one line.
-  const ChildResult run = runProgram(ZELK_LOADER_PATH, {"load", "--replace", "--names", "64",
-                                                        "--kthreads", "32", "--pids", "128"});
+  const ChildResult run =
+      runProgram(ZELK_LOADER_PATH, {"load", "--replace", "--names", "64", "--kthreads", "32",
+                                    "--pids", "128", "--cgroups", "48"});
   ASSERT_EQ(run.status, 0) << run.output;
   EXPECT_EQ(lines(run.output), 1u) << run.output;
-  EXPECT_TRUE(std::regex_search(run.output,
-                                std::regex(R"(^loaded zelkCputimeInState \(names 64, kthreads 32, )"
-                                           R"(pids 128\): .*; kernel memory [0-9.]+ [KM]iB \(maps )"
-                                           R"([0-9.]+ [KM]iB, most in freq_to_idx_map )")))
+  EXPECT_TRUE(std::regex_search(
+      run.output, std::regex(R"(^loaded zelkCputimeInState \(names 64, kthreads 32, )"
+                             R"(pids 128, cgroups 48\): .*; kernel memory [0-9.]+ [KM]iB \(maps )"
+                             R"([0-9.]+ [KM]iB, most in freq_to_idx_map )")))
       << run.output;
-  expectEntries({64, 32, 128});
+  expectEntries({64, 32, 128, 48});
 
   // A per-CPU map costs 256 bytes per entry and CPU, plus some overhead per entry.
   const PinnedMap small = pinned("process_time_in_state_map");
@@ -112,6 +113,7 @@ TEST_F(LoaderSizesTest, RefusedSizesSayWhichOptionAndLoadNothing) {
       {{"--names", "0"}, 2, "--names" + usage},
       {{"--kthreads", "abc"}, 2, "--kthreads" + usage},
       {{"--pids", "12x"}, 2, "--pids" + usage},
+      {{"--cgroups", "-1"}, 2, "--cgroups" + usage},
       {{"--names", "4294967296"}, 2, "--names" + usage},
       {{"--replace", "--pids"}, 2, "--pids" + usage},
       // Within what max_entries holds, above what the kernel's hash maps take.
@@ -135,12 +137,13 @@ TEST_F(LoaderSizesTest, RefusedSizesSayWhichOptionAndLoadNothing) {
   }
 
   // Over a load, a refused size keeps the pins that were there.
-  ASSERT_EQ(loader::load({.sizes = {64, 32, 128}}).status, Status::kLoaded);
+  ASSERT_EQ(loader::load({.sizes = {64, 32, 128, 48}}).status, Status::kLoaded);
   const std::set<std::string> loaded = bpffsEntries();
-  const loader::Outcome refused = loader::load({.replace = true, .sizes = {64, 4294967295u, 128}});
+  const loader::Outcome refused =
+      loader::load({.replace = true, .sizes = {64, 4294967295u, 128, 48}});
   EXPECT_EQ(refused.status, Status::kFailed);
   EXPECT_EQ(bpffsEntries(), loaded);
-  expectEntries({64, 32, 128});
+  expectEntries({64, 32, 128, 48});
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ namespace {
 
 void expectSizes(const MapSizes& sizes, uint32_t names, uint32_t kthreads, uint32_t pids) {
   EXPECT_EQ(sizes.names, names);
+  EXPECT_EQ(sizes.cgroups, names);
   EXPECT_EQ(sizes.kthreads, kthreads);
   EXPECT_EQ(sizes.pids, pids);
 }
@@ -18,8 +19,8 @@ void expectSizes(const MapSizes& sizes, uint32_t names, uint32_t kthreads, uint3
 TEST(DefaultMapSizesTest, TypicalMachines) {
   expectSizes(defaultMapSizes(8, 32768), 4096, 320, 32768);       // phone
   expectSizes(defaultMapSizes(2, 4194304), 4096, 272, 32768);     // VM, systemd's pid_max
-  expectSizes(defaultMapSizes(64, 4194304), 3328, 768, 32768);    // names give way to kthreads
-  expectSizes(defaultMapSizes(96, 4194304), 1706, 1024, 49152);   // pids grow with the CPUs
+  expectSizes(defaultMapSizes(64, 4194304), 1664, 768, 32768);    // names give way to kthreads
+  expectSizes(defaultMapSizes(96, 4194304), 1024, 1024, 49152);   // pids grow with the CPUs
   expectSizes(defaultMapSizes(128, 4194304), 1024, 1280, 65536);  // at the floor of names
   expectSizes(defaultMapSizes(8192, 4194304), 1024, 4096, 65536);
   expectSizes(defaultMapSizes(128, 40000), 1024, 1280, 40000);  // pid_max bounds the pids
@@ -34,7 +35,8 @@ TEST(DefaultMapSizesTest, PerCpuMapsStayWithinTheBudgetUnlessAtTheFloor) {
     EXPECT_GE(sizes.names, 1024u);
     EXPECT_LE(sizes.names, 4096u);
     EXPECT_LE(sizes.kthreads, 4096u);
-    const uint64_t bytes = uint64_t{sizes.names + sizes.kthreads} * kTimeInStateBytes * cpus;
+    const uint64_t bytes =
+        uint64_t{sizes.names + sizes.kthreads + sizes.cgroups} * kTimeInStateBytes * cpus;
     EXPECT_TRUE(sizes.names == 1024 || bytes <= (64u << 20)) << bytes;
   }
 }

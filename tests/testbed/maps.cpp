@@ -12,12 +12,13 @@
 namespace zelk::testbed {
 namespace {
 
-// The sized maps as a load with --names 16384 --kthreads 16384 --pids 32768 makes them, room for
-// the tests' and benchmarks' many keys; the fixed ones as compiled.
+// The sized maps as a load with --names 16384 --kthreads 16384 --pids 32768 --cgroups 16384 makes
+// them, room for the tests' and benchmarks' many keys; the fixed ones as compiled.
 uint32_t bedEntries(const com::zelkora::MapInfo& map) {
   switch (map.size) {
     case ZELK_SIZE_NAMES:
     case ZELK_SIZE_KTHREADS:
+    case ZELK_SIZE_CGROUPS:
       return 16384;
     case ZELK_SIZE_PIDS:
       return 32768;

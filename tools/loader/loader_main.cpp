@@ -9,15 +9,18 @@
 namespace {
 
 int usage() {
-  fprintf(stderr,
-          "usage: zelk-loader [load [--replace] [--names N] [--kthreads N] [--pids N] | unload]\n"
-          "  load          load the object and pin its maps and programs under /sys/fs/bpf "
-          "(default)\n"
-          "  --replace     replace pins that already exist\n"
-          "  --names N     entries of the maps keyed by process name (default from the CPUs)\n"
-          "  --kthreads N  entries of the kernel-thread map (default from the CPUs)\n"
-          "  --pids N      entries of the maps keyed by pid (default from pid_max)\n"
-          "  unload        remove the object's pins\n");
+  fprintf(
+      stderr,
+      "usage: zelk-loader [load [--replace] [--names N] [--kthreads N] [--pids N] [--cgroups N]\n"
+      "                   | unload]\n"
+      "  load          load the object and pin its maps and programs under /sys/fs/bpf "
+      "(default)\n"
+      "  --replace     replace pins that already exist\n"
+      "  --names N     entries of the maps keyed by process name (default from the CPUs)\n"
+      "  --kthreads N  entries of the kernel-thread map (default from the CPUs)\n"
+      "  --pids N      entries of the maps keyed by pid (default from pid_max)\n"
+      "  --cgroups N   entries of the cgroup map (default as --names)\n"
+      "  unload        remove the object's pins\n");
   return 2;
 }
 
@@ -45,7 +48,8 @@ int main(int argc, char** argv) {
       continue;
     }
     uint32_t* entries = nullptr;
-    for (const zelk_size_option size : {ZELK_SIZE_NAMES, ZELK_SIZE_KTHREADS, ZELK_SIZE_PIDS}) {
+    for (const zelk_size_option size :
+         {ZELK_SIZE_NAMES, ZELK_SIZE_KTHREADS, ZELK_SIZE_PIDS, ZELK_SIZE_CGROUPS}) {
       if (option == zelk::loader::sizeOption(size)) {
         entries = &(options.sizes.*zelk::loader::sizeMember(size));
       }

@@ -12,7 +12,8 @@
 namespace zelk::loader {
 namespace {
 
-// Of the two per-CPU maps that grow with names and kernel threads, near what a server can spare.
+// Of the three per-CPU maps that grow with names, kernel threads and cgroups, near what a server
+// can spare.
 constexpr uint64_t kPerCpuBudgetBytes = 64ull << 20;
 constexpr uint64_t kMaxNames = 4096;
 constexpr uint64_t kMinNames = 1024;
@@ -41,7 +42,8 @@ MapSizes defaultMapSizes(uint32_t possibleCpus, uint64_t pidMax) {
   const uint64_t budget = kPerCpuBudgetBytes / (kTimeInStateBytes * cpus);
   sizes.kthreads = static_cast<uint32_t>(kthreads);
   sizes.names = static_cast<uint32_t>(
-      std::clamp(budget > kthreads ? budget - kthreads : 0, kMinNames, kMaxNames));
+      std::clamp(budget > kthreads ? (budget - kthreads) / 2 : 0, kMinNames, kMaxNames));
+  sizes.cgroups = sizes.names;
   // A pid entry costs about 80 bytes in each of three maps, and distributions raise pid_max to
   // 4194304 on any machine: a small one gets no more entries than it can have processes.
   const uint64_t maxPids = std::clamp(kPidsPerCpu * cpus, kMaxPidsFloor, kMaxPids);
@@ -50,13 +52,16 @@ MapSizes defaultMapSizes(uint32_t possibleCpus, uint64_t pidMax) {
 }
 
 std::string fillDefaultSizes(MapSizes* sizes) {
-  if (sizes->names != 0 && sizes->kthreads != 0 && sizes->pids != 0) return "";
+  if (sizes->names != 0 && sizes->kthreads != 0 && sizes->pids != 0 && sizes->cgroups != 0) {
+    return "";
+  }
   const int cpus = libbpf_num_possible_cpus();
   if (cpus <= 0) return "cannot read the number of possible CPUs";
   uint64_t pidMax = 0;
   if (std::string error = readPidMax(&pidMax); !error.empty()) return error;
   const MapSizes defaults = defaultMapSizes(static_cast<uint32_t>(cpus), pidMax);
-  for (uint32_t MapSizes::*size : {&MapSizes::names, &MapSizes::kthreads, &MapSizes::pids}) {
+  for (uint32_t MapSizes::*size :
+       {&MapSizes::names, &MapSizes::kthreads, &MapSizes::pids, &MapSizes::cgroups}) {
     if (sizes->*size == 0) sizes->*size = defaults.*size;
   }
   return "";
@@ -72,7 +77,7 @@ std::string parseMapSize(const std::string& option, const std::string& text, uin
 
 std::string describeSizes(const MapSizes& sizes) {
   return "names " + std::to_string(sizes.names) + ", kthreads " + std::to_string(sizes.kthreads) +
-         ", pids " + std::to_string(sizes.pids);
+         ", pids " + std::to_string(sizes.pids) + ", cgroups " + std::to_string(sizes.cgroups);
 }
 
 }  // namespace zelk::loader

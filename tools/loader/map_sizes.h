@@ -16,6 +16,7 @@ struct MapSizes {
   uint32_t names = 0;     // process names (of both classes), top and background names
   uint32_t kthreads = 0;  // kernel-thread names
   uint32_t pids = 0;      // the pid maps
+  uint32_t cgroups = 0;   // the cgroup map
 };
 
 // The option that sets a size, as zelk-loader and `zelkcputime load` take it; "" for none.
@@ -27,6 +28,8 @@ constexpr const char* sizeOption(zelk_size_option size) {
       return "--kthreads";
     case ZELK_SIZE_PIDS:
       return "--pids";
+    case ZELK_SIZE_CGROUPS:
+      return "--cgroups";
     case ZELK_SIZE_FIXED:
       break;
   }
@@ -42,6 +45,8 @@ constexpr uint32_t MapSizes::*sizeMember(zelk_size_option size) {
       return &MapSizes::kthreads;
     case ZELK_SIZE_PIDS:
       return &MapSizes::pids;
+    case ZELK_SIZE_CGROUPS:
+      return &MapSizes::cgroups;
     case ZELK_SIZE_FIXED:
       break;
   }
@@ -81,7 +86,9 @@ inline constexpr uint64_t kTimeInStateBytes = sizeof(zelk_time_in_state);
 // The defaults on a machine with `possibleCpus` possible CPUs and that pid_max:
 //   kthreads = min(256 + 8 x CPUs, 4096): some names per CPU (ksoftirqd/N, migration/N,
 //              kworker/N:M...) and, shared, unbound kworkers, IRQ and driver threads;
-//   names    = what keeps both per-CPU counting maps within 64 MiB, in [1024, 4096];
+//   names    = half of what keeps the three per-CPU counting maps within 64 MiB, in
+//              [1024, 4096];
+//   cgroups  = names: a cgroup per service, container or pod, no more of them than names;
 //   pids     = pid_max (no more processes can live at once) in [4096, 512 x CPUs], the upper
 //              bound itself within [32768, 65536].
 MapSizes defaultMapSizes(uint32_t possibleCpus, uint64_t pidMax);

@@ -2,6 +2,7 @@
 
 #include "core/catalogue.h"
 #include "model/times.h"
+#include "zelkcpufreqtime_cgroups.h"
 
 namespace zelk::cli {
 namespace {
@@ -27,6 +28,8 @@ uint64_t overflowNs(zelk_overflow_kind kind) {
       return overflowOf(lib::getProcessTopTimes());
     case ZELK_OVERFLOW_BACKGROUND:
       return overflowOf(lib::getProcessBgTimes());
+    case ZELK_OVERFLOW_CGROUP:
+      return timeOf(lib::getCpuFreqTimesFromCgroup(lib::kOverflowCgroupId));
     case ZELK_OVERFLOW_NONE:
       break;
   }
