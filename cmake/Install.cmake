@@ -10,6 +10,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime.h
   ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_class_time.h
   ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_policies.h
   ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_settle.h
+  ${PROJECT_SOURCE_DIR}/include/zelkcpufreqtime_cgroups.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT zelkcpufreqtimeTargets NAMESPACE zelkcpufreqtime::
   DESTINATION ${ZELK_CMAKE_DIR})

@@ -38,6 +38,8 @@ bool clearMap(const android::base::unique_fd& mapFd, KeyT key, std::string mapNa
 template bool clearMap<process_key_t>(const android::base::unique_fd&, process_key_t, std::string);
 template bool clearMap<process_info_t>(const android::base::unique_fd&, process_info_t,
                                        std::string);
+template bool clearMap<zelk_cgroup_id>(const android::base::unique_fd&, zelk_cgroup_id,
+                                       std::string);
 
 }  // namespace zelkora
 }  // namespace com

@@ -26,6 +26,8 @@ extern template bool clearMap<process_key_t>(const android::base::unique_fd&, pr
                                              std::string);
 extern template bool clearMap<process_info_t>(const android::base::unique_fd&, process_info_t,
                                               std::string);
+extern template bool clearMap<zelk_cgroup_id>(const android::base::unique_fd&, zelk_cgroup_id,
+                                              std::string);
 
 // The clock that times a pass: getTimeSinceBoot. Tests of the slow-pass warning replace it.
 extern uint64_t (*gClearMapClock)();
