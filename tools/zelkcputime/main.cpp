@@ -23,10 +23,10 @@ constexpr const char kUsage[] =
     "       [--sample] [--sample-ms P]  a policy without a frequency table counts in bins\n"
     "                          at its scaling_cur_freq read every P ms (default 20);\n"
     "                          --sample does so for every policy (no frequency events)\n"
-    "  load [--replace] [--names N] [--kthreads N] [--pids N]\n"
+    "  load [--replace] [--names N] [--kthreads N] [--pids N] [--cgroups N]\n"
     "                          load the kernel object and pin it under /sys/fs/bpf, its maps\n"
-    "                          sized for N process names, kernel threads and pids (defaults\n"
-    "                          from the CPUs and pid_max)\n"
+    "                          sized for N process names, kernel threads, pids and cgroups\n"
+    "                          (defaults from the CPUs and pid_max)\n"
     "  unload                  remove the kernel object's pins\n"
     "  start [--seconds N]     track until interrupted (or for N s); counts stay in the maps\n"
     "  status                  root, bpffs, pins, policies, support, where tracking runs\n"
@@ -70,21 +70,23 @@ const Command kCommands[] = {
      runDemo,
      {"--seconds", "--json", "--csv", "--limit", "--sample", "--sample-ms", "--model",
       "--voltage"}},
-    {"load", runLoad, {"--replace", "--names", "--kthreads", "--pids"}},
+    {"load", runLoad, {"--replace", "--names", "--kthreads", "--pids", "--cgroups"}},
     {"unload", runUnload, {}},
     {"start", runStart, {"--seconds"}},
     {"status", runStatus, {"--json"}},
     {"show",
      runShow,
-     {"--json", "--csv", "--limit", "--flag", "--background", "--model", "--voltage"}},
+     {"--json", "--csv", "--limit", "--flag", "--background", "--model", "--voltage", "--depth",
+      "--match"}},
     {"reset", runReset, {"--flag"}},
     {"top",
      runTop,
-     {"--interval", "--iterations", "--batch", "--kthreads", "--model", "--voltage", "--limit",
-      "--sample", "--sample-ms"}},
+     {"--interval", "--iterations", "--batch", "--kthreads", "--cgroups", "--model", "--voltage",
+      "--limit", "--sample", "--sample-ms"}},
     {"serve",
      runServe,
-     {"--listen", "--model", "--voltage", "--per-frequency", "--sample", "--sample-ms"}},
+     {"--listen", "--model", "--voltage", "--per-frequency", "--sample", "--sample-ms",
+      "--cgroup-depth", "--cgroup-match"}},
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "commands/options.h"
 
 #include <optional>
+#include <regex>
 
 #include "core/decimal.h"
 
@@ -57,6 +58,17 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       }
     } else if (name == "--kthreads" && !options.words.empty() && options.words[0] == "top") {
       options.kthreadView = true;
+    } else if (name == "--cgroups" && !options.words.empty() && options.words[0] == "top") {
+      options.cgroupView = true;
+    } else if (name == "--depth" || name == "--cgroup-depth") {
+      unsigned long long value = 0;
+      if (i + 1 >= args.size() || !parseCount(args[i + 1], 0, kMaxCgroupDepth, &value)) {
+        parsed.error = name + " takes a number of levels below the root from 0 to " +
+                       std::to_string(kMaxCgroupDepth);
+        return parsed;
+      }
+      ++i;
+      options.cgroupDepth = static_cast<unsigned>(value);
     } else if (name == "--interval" || name == "--iterations") {
       const std::string value = i + 1 < args.size() ? args[i + 1] : "";
       const std::optional<double> seconds = com::zelkora::parsePlainDecimal(value);
@@ -75,10 +87,12 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       }
     } else if (name == "--batch") {
       options.batch = true;
-    } else if (name == "--names" || name == "--kthreads" || name == "--pids") {
+    } else if (name == "--names" || name == "--kthreads" || name == "--pids" ||
+               name == "--cgroups") {
       uint32_t* entries = name == "--names"      ? &options.sizes.names
                           : name == "--kthreads" ? &options.sizes.kthreads
-                                                 : &options.sizes.pids;
+                          : name == "--pids"     ? &options.sizes.pids
+                                                 : &options.sizes.cgroups;
       parsed.error = loader::parseMapSize(name, i + 1 < args.size() ? args[i + 1] : "", entries);
       if (!parsed.error.empty()) return parsed;
       ++i;
@@ -104,6 +118,18 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
         return parsed;
       }
       (name == "--listen" ? options.listen : options.perFrequency) = args[++i];
+    } else if (name == "--match" || name == "--cgroup-match") {
+      if (i + 1 >= args.size()) {
+        parsed.error = name + " takes a regular expression";
+        return parsed;
+      }
+      options.cgroupMatch = args[++i];
+      try {
+        std::regex check(options.cgroupMatch, std::regex::ECMAScript | std::regex::nosubs);
+      } catch (const std::regex_error& e) {
+        parsed.error = name + " takes a regular expression: " + e.what();
+        return parsed;
+      }
     } else if (name == "--json" || name == "--csv") {
       if (options.given.count(name == "--json" ? "--csv" : "--json") != 0) {
         parsed.error = "--json and --csv exclude each other";

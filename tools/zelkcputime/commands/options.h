@@ -34,7 +34,14 @@ struct Options {
   unsigned iterations = 0;        // top --iterations N: frames before it ends; 0: until q
   bool batch = false;             // top --batch: plain text frames
   bool kthreadView = false;       // top --kthreads: start on the kernel threads
+  bool cgroupView = false;        // top --cgroups: start on the cgroups
+  // show cgroups --depth N, serve --cgroup-depth N: levels below the root; none: every level
+  // (serve's default is its own).
+  std::optional<unsigned> cgroupDepth;
+  std::string cgroupMatch;  // --match / --cgroup-match REGEX (ECMAScript), as given
 };
+
+inline constexpr unsigned kMaxCgroupDepth = 64;
 
 struct ParsedOptions {
   Options options;
@@ -44,8 +51,9 @@ struct ParsedOptions {
 // Options: --json, --csv, --limit N, --seconds N (1 to 3600), --sample, --sample-ms N (1 to
 // 1000), --flag, --background, --replace, --names N, --kthreads N, --pids N, --model PATH,
 // --voltage V (volts, a positive decimal), --interval S (0.1 to 3600 s), --iterations N, --batch,
-// --listen ADDR:PORT, --per-frequency REGEX, -v/--verbose, -h/--help; "--" ends the options, so
-// that a task named like one can be given. After `top`, --kthreads takes no value.
+// --listen ADDR:PORT, --per-frequency REGEX, --depth/--cgroup-depth N (0 to 64), --match/
+// --cgroup-match REGEX, --cgroups N, -v/--verbose, -h/--help; "--" ends the options, so that a
+// task named like one can be given. After `top`, --kthreads and --cgroups take no value.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 
 }  // namespace zelk::cli

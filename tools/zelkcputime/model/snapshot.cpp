@@ -44,7 +44,7 @@ int settleForReading(const SnapshotQueries& queries, bool* settled) {
 
 TakenSnapshot takeSnapshot(const SnapshotRequest& request, const SnapshotQueries& queries) {
   Snapshot snapshot;
-  snapshot.parts = request.parts & (kAllParts | kClassPartsPart);
+  snapshot.parts = request.parts & (kAllParts | kClassPartsPart | kCgroupsPart);
   const auto wants = [&](SnapshotPart part) { return (snapshot.parts & part) != 0; };
   bool settled = false;
   const int unsettled = settleForReading(queries, &settled);
@@ -71,7 +71,9 @@ TakenSnapshot takeSnapshot(const SnapshotRequest& request, const SnapshotQueries
       (!wants(kBgPart) || read(queries.bg, "getProcessBgTimes", request, &snapshot.bg, &error)) &&
       (!wants(kClassPartsPart) ||
        (read(queries.topParts, "getProcessTopTimeParts", request, &snapshot.topParts, &error) &&
-        read(queries.bgParts, "getProcessBgTimeParts", request, &snapshot.bgParts, &error)));
+        read(queries.bgParts, "getProcessBgTimeParts", request, &snapshot.bgParts, &error))) &&
+      (!wants(kCgroupsPart) ||
+       read(queries.cgroups, "getCgroupCpuFreqTimes", request, &snapshot.cgroups, &error));
   if (!ok) return {{}, error, unsettled};
   snapshot.takenAt = settled ? settledAt : std::chrono::steady_clock::now();
   return {std::move(snapshot), "", unsettled};

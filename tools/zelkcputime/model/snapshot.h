@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "model/cgroup_rows.h"
 #include "model/times.h"
 #include "zelkcpufreqtime.h"
 #include "zelkcpufreqtime_class_time.h"
@@ -25,6 +26,8 @@ enum SnapshotPart : unsigned {
   // Foreground and background time with the closed periods apart from the open ones: the
   // exporter's counters, which top and bg cannot be, as they can fall.
   kClassPartsPart = 1u << 5,
+  // Time per cgroup, which only the cgroup views and the exporter show.
+  kCgroupsPart = 1u << 6,
 };
 
 struct Snapshot {
@@ -37,6 +40,7 @@ struct Snapshot {
   com::zelkora::TimeTable bg;
   com::zelkora::ClassTimePartsTable topParts;
   com::zelkora::ClassTimePartsTable bgParts;
+  CgroupEntries cgroups;
   // The instant the tables count up to: when the CPUs were settled, else when the last table had
   // been read.
   std::chrono::steady_clock::time_point takenAt;
@@ -59,6 +63,7 @@ struct SnapshotQueries {
       com::zelkora::getProcessTopTimeParts;
   std::function<std::optional<com::zelkora::ClassTimePartsTable>()> bgParts =
       com::zelkora::getProcessBgTimeParts;
+  std::function<std::optional<CgroupEntries>()> cgroups = readCgroupEntries;
   // The single-task queries.
   std::function<std::optional<Times>(std::string, bool)> process =
       com::zelkora::getCpuFreqTimesFromProcess;
