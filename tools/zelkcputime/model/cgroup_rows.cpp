@@ -1,7 +1,11 @@
 #include "model/cgroup_rows.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <map>
 
+#include "core/catalogue.h"
 #include "zelkcpufreqtime_cgroups.h"
 #include "zelkcpufreqtime_overflow.h"
 
@@ -28,8 +32,15 @@ void addInto(const Times& times, std::map<std::string, Times>* rows, const std::
 
 }  // namespace
 
+bool hasCgroupMap() {
+  return access(com::zelkora::mapInfo(com::zelkora::MapId::CgroupTime).pinPath, F_OK) == 0;
+}
+
 std::optional<CgroupEntries> readCgroupEntries() {
   std::optional<lib::CgroupTimeTable> table = lib::getCgroupCpuFreqTimes();
+  // An object loaded before the cgroup map existed: no cgroup has time, and the other tables
+  // read as before.
+  if (!table && errno == ENOENT && !hasCgroupMap()) return CgroupEntries{};
   if (!table) return std::nullopt;
   std::vector<uint64_t> ids;
   ids.reserve(table->size());

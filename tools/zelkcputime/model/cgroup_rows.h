@@ -20,7 +20,11 @@ struct CgroupEntry {
 };
 using CgroupEntries = std::vector<CgroupEntry>;
 
-// The library's table with the paths; nothing when it cannot be read.
+// Whether the loaded object has the cgroup map: one loaded by an older tool has not.
+bool hasCgroupMap();
+
+// The library's table with the paths: empty without the cgroup map, nothing when it cannot be
+// read.
 std::optional<CgroupEntries> readCgroupEntries();
 
 // "" where the cgroup v2 hierarchy is mounted; otherwise why every task counts under the root.
