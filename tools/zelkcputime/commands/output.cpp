@@ -23,16 +23,19 @@ std::string checkViewWords(const Options& options, const std::vector<std::string
   const std::vector<std::string>& words = options.words;
   const std::string& command = words[0];
   const std::string view = words.size() > 1 ? words[1] : "";
-  const auto isNamed = [](const std::string& v) { return v == "process" || v == "kthread"; };
+  const auto isNamed = [](const std::string& v) {
+    return v == "process" || v == "kthread" || v == "cgroup";
+  };
+  const auto argument = [](const std::string& v) { return v == "cgroup" ? "PATH" : "NAME"; };
   if (std::find(views.begin(), views.end(), view) == views.end()) {
     std::string all;
     for (const std::string& v : views)
-      all += (all.empty() ? "" : ", ") + v + (isNamed(v) ? " NAME" : "");
+      all += (all.empty() ? "" : ", ") + v + (isNamed(v) ? std::string(" ") + argument(v) : "");
     return command + " takes one of " + all;
   }
   const bool named = isNamed(view);
   if (words.size() != (named ? 3u : 2u)) {
-    return command + " " + view + (named ? " takes one NAME" : " takes no NAME");
+    return command + " " + view + (named ? " takes one " : " takes no ") + argument(view);
   }
   return checkClassOptions(options, view, command);
 }

@@ -3,14 +3,15 @@
 #include "machine/environment.h"
 #include "views/text_table.h"
 #include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_cgroups.h"
 
 namespace zelk::cli {
 
 int runReset(const Options& options) {
   namespace lib = com::zelkora;
   const std::vector<std::string>& words = options.words;
-  const std::string usage =
-      checkViewWords(options, {"processes", "kthreads", "process", "kthread", "total", "topbg"});
+  const std::string usage = checkViewWords(
+      options, {"processes", "kthreads", "process", "kthread", "total", "topbg", "cgroups"});
   if (!usage.empty()) return usageError(usage);
   const std::string& what = words[1];
   if (std::string message = checkReady(); !message.empty()) return fail(message);
@@ -30,6 +31,9 @@ int runReset(const Options& options) {
   } else if (what == "kthread") {
     done = lib::clearTimesFromKthread(words[2]);
     cleared = "the times of kernel thread " + printableName(words[2]);
+  } else if (what == "cgroups") {
+    done = lib::clearCgroupTimes();
+    cleared = "the times of every cgroup";
   } else if (what == "total") {
     done = lib::clearTotalCpuTime();
     cleared = "the whole system's times";

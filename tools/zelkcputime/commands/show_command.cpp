@@ -1,13 +1,18 @@
 // show: every number comes from one snapshot of the tables the view shows.
 #include <functional>
+#include <optional>
+#include <regex>
 
 #include "commands/commands.h"
+#include "commands/library_log.h"
 #include "machine/environment.h"
 #include "model/snapshot.h"
+#include "views/cgroup_views.h"
 #include "views/csv_views.h"
 #include "views/json_views.h"
 #include "views/text_table.h"
 #include "views/text_views.h"
+#include "zelkcpufreqtime_cgroups.h"
 
 namespace zelk::cli {
 namespace {
@@ -94,6 +99,62 @@ int showClassTimes(const Request& r, bool top) {
       [&] { return csvNamedTimes(name, rows); });
 }
 
+std::optional<std::regex> matchOf(const Options& options) {
+  if (options.cgroupMatch.empty()) return std::nullopt;
+  return std::regex(options.cgroupMatch, std::regex::ECMAScript | std::regex::nosubs);
+}
+
+void tellCgroupV2Note() {
+  if (const std::string note = cgroupV2Note(); !note.empty()) tellNote(note);
+}
+
+int showCgroups(const Request& r) {
+  const std::optional<std::regex> match = matchOf(r.options);
+  const std::vector<CgroupRow> rows = sortedCgroupRows(
+      cgroupRows(r.snapshot.cgroups, {r.options.cgroupDepth, match ? &*match : nullptr}), r.limit);
+  tellCgroupV2Note();
+  return emit(
+      r.options, [&] { return textCgroupTable(r.freqs, rows, r.options.cgroupDepth); },
+      [&](JsonWriter& json) {
+        json.key("freqs_khz").numbers(r.freqs).key("includes_descendants").value(true);
+        json.key("depth");
+        r.options.cgroupDepth ? json.value(uint64_t{*r.options.cgroupDepth}) : json.null();
+        json.key("cgroups");
+        writeCgroups(json, rows);
+      },
+      [&] { return csvCgroups(r.freqs, rows); });
+}
+
+int showCgroup(const Request& r, const std::string& given) {
+  const std::string mount = com::zelkora::getCgroupV2Mount();
+  const std::string path = normalCgroupPath(given, mount);
+  std::optional<CgroupRow> found;
+  for (CgroupRow& row : cgroupRows(r.snapshot.cgroups, {})) {
+    if (row.kind == CgroupRowKind::kCgroup && row.path == path) found = std::move(row);
+  }
+  if (!found) {
+    // A cgroup that exists but has run nothing since the load or the last reset.
+    if (!com::zelkora::getCgroupId(path)) {
+      return fail("no cgroup " + printableName(path) + " has been counted" +
+                  (mount.empty() ? " (no cgroup v2 hierarchy is mounted)"
+                                 : " and there is none under " + mount));
+    }
+    Times zeros;
+    for (const std::vector<uint64_t>& policy : r.freqs) zeros.emplace_back(policy.size(), 0);
+    found = CgroupRow{path, CgroupRowKind::kCgroup, recogniseWorkload(path), zeros, 0};
+  }
+  tellCgroupV2Note();
+  const CgroupRow& row = *found;
+  return emit(
+      r.options, [&] { return textTask(cgroupTitle(row), r.freqs, row.times); },
+      [&](JsonWriter& json) {
+        json.key("freqs_khz").numbers(r.freqs).key("includes_descendants").value(true);
+        json.key("cgroup");
+        writeCgroup(json, row);
+      },
+      [&] { return csvCgroups(r.freqs, {row}); });
+}
+
 // The tables `view` shows; "freqs" and the single-task views need only the frequency table.
 unsigned partsOf(const std::string& view) {
   if (view == "total") return kTotalPart;
@@ -101,6 +162,7 @@ unsigned partsOf(const std::string& view) {
   if (view == "kthreads") return kKthreadsPart;
   if (view == "top") return kTopPart;
   if (view == "bg") return kBgPart;
+  if (view == "cgroups" || view == "cgroup") return kCgroupsPart;
   return 0;
 }
 
@@ -110,10 +172,14 @@ int runShow(const Options& options) {
   if (options.words.size() > 1 && options.words[1] == "energy") return runShowEnergy(options);
   if (!options.model.empty() || options.voltage)
     return usageError("--model and --voltage apply to show energy");
-  const std::string usage = checkViewWords(
-      options, {"total", "processes", "kthreads", "process", "kthread", "top", "bg", "freqs"});
+  const std::string usage =
+      checkViewWords(options, {"total", "processes", "kthreads", "process", "kthread", "top", "bg",
+                               "freqs", "cgroups", "cgroup"});
   if (!usage.empty()) return usageError(usage);
   const std::string& view = options.words[1];
+  if ((options.cgroupDepth || !options.cgroupMatch.empty()) && view != "cgroups") {
+    return usageError("--depth and --match apply to show cgroups");
+  }
   if (std::string message = checkReady(); !message.empty()) return fail(message);
 
   SnapshotRequest snapshotRequest;
@@ -132,6 +198,8 @@ int runShow(const Options& options) {
   if (view == "process" || view == "kthread") {
     return showTask(request, view == "kthread", options.words[2]);
   }
+  if (view == "cgroups") return showCgroups(request);
+  if (view == "cgroup") return showCgroup(request, options.words[2]);
   return showClassTimes(request, view == "top");
 }
 
