@@ -4,6 +4,8 @@
 #include <android-base/file.h>
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -270,6 +272,19 @@ TEST_F(CgroupCommandTest, CgroupsBeyondTheMapGoToItsOverflowEntry) {
   EXPECT_TRUE(
       contains(status.output, R"(\{"name":"cgroup_time_in_state_map","entries":3,"capacity":3,)"))
       << status.output;
+
+  // Without the v2 hierarchy in its namespace the tool cannot name the cgroups, and says why.
+  const auto withoutV2 = +[] {
+    const std::string mount = lib::getCgroupV2Mount();
+    return unshare(CLONE_NEWNS) == 0 &&
+           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           umount2(mount.c_str(), MNT_DETACH) == 0;
+  };
+  const ChildResult unnamed = runProgram(ZELK_TOOL_PATH, {"show", "cgroups"}, withoutV2);
+  EXPECT_EQ(unnamed.status, 0) << unnamed.output;
+  EXPECT_TRUE(contains(unnamed.output,
+                       "note: no cgroup v2 hierarchy is mounted here, so no cgroup has a path"))
+      << unnamed.output;
 }
 
 }  // namespace

@@ -105,7 +105,8 @@ std::optional<std::regex> matchOf(const Options& options) {
 }
 
 void tellCgroupV2Note() {
-  if (const std::string note = cgroupV2Note(); !note.empty()) tellNote(note);
+  if (const std::string note = cgroupV2Note(); !note.empty())
+    tellNote("zelkcputime: note: " + note);
 }
 
 int showCgroups(const Request& r) {

@@ -56,7 +56,8 @@ std::optional<CgroupEntries> readCgroupEntries() {
 
 std::string cgroupV2Note() {
   if (!lib::getCgroupV2Mount().empty()) return "";
-  return "no cgroup v2 hierarchy is mounted: every task counts under the root cgroup";
+  return "no cgroup v2 hierarchy is mounted here, so no cgroup has a path to show (where none is "
+         "mounted at all, every task counts under the root)";
 }
 
 std::vector<CgroupRow> cgroupRows(const CgroupEntries& entries, const CgroupRowSettings& settings) {

@@ -27,7 +27,7 @@ bool hasCgroupMap();
 // read.
 std::optional<CgroupEntries> readCgroupEntries();
 
-// "" where the cgroup v2 hierarchy is mounted; otherwise why every task counts under the root.
+// "" where the cgroup v2 hierarchy is mounted; otherwise why no row has a path.
 std::string cgroupV2Note();
 
 enum class CgroupRowKind { kCgroup, kRemoved, kOverflow };

@@ -1,6 +1,7 @@
 #include "views/cgroup_views.h"
 
 #include <algorithm>
+#include <map>
 
 #include "views/csv_views.h"
 #include "views/text_table.h"
@@ -11,13 +12,45 @@ namespace {
 
 constexpr size_t kShortIdLength = 12;  // as `docker ps` shows an id
 
-std::vector<TaskTimes> asTasks(const std::vector<CgroupRow>& rows) {
+constexpr size_t kMaxNameLength = 40;
+
+// What `workload` names that its parent's does not: a pod's containers need not repeat the pod.
+CgroupWorkload newIn(const CgroupWorkload& workload, const CgroupWorkload* parent) {
+  if (parent == nullptr) return workload;
+  CgroupWorkload shown;
+  if (workload.unit != parent->unit) shown.unit = workload.unit;
+  if (workload.containerId != parent->containerId) shown.containerId = workload.containerId;
+  if (workload.podUid != parent->podUid) shown.podUid = workload.podUid;
+  return shown;
+}
+
+// A row as the tree shows it: its last component, indented by its depth and cut where long (a
+// container's scope holds a 64-digit id, which the workload shows short), and what it names
+// beyond its parent.
+std::string treeName(const CgroupRow& row, const CgroupWorkload* parent) {
+  if (row.kind != CgroupRowKind::kCgroup || row.path == "/") return row.path;
+  const size_t depth = static_cast<size_t>(std::count(row.path.begin(), row.path.end(), '/'));
+  std::string name = row.path.substr(row.path.rfind('/') + 1);
+  if (name.size() > kMaxNameLength) name = name.substr(0, kMaxNameLength - 3) + "...";
+  const std::string workload = workloadText(newIn(row.workload, parent));
+  return std::string(2 * depth, ' ') + name + (workload.empty() ? "" : "  [" + workload + "]");
+}
+
+// In tree order: each parent before its children, the rows without a path last.
+std::vector<TaskTimes> asTree(std::vector<CgroupRow> rows) {
+  std::stable_sort(rows.begin(), rows.end(), [](const CgroupRow& a, const CgroupRow& b) {
+    if (a.kind != b.kind) return a.kind < b.kind;
+    return a.path < b.path;
+  });
+  std::map<std::string, const CgroupWorkload*> shown;
   std::vector<TaskTimes> tasks;
   tasks.reserve(rows.size());
   for (const CgroupRow& row : rows) {
-    const std::string workload = workloadText(row.workload);
+    const size_t slash = row.path.rfind('/');
+    const auto parent = shown.find(slash == 0 ? "/" : row.path.substr(0, slash));
     tasks.push_back(
-        {row.path + (workload.empty() ? "" : "  [" + workload + "]"), 0, row.times, row.total});
+        {treeName(row, parent == shown.end() ? nullptr : parent->second), 0, row.times, row.total});
+    shown[row.path] = &row.workload;
   }
   return tasks;
 }
@@ -48,7 +81,7 @@ std::string textCgroupTable(const FreqTable& freqs, const std::vector<CgroupRow>
   const std::string levels =
       depth ? ", deeper ones folded in at " + std::to_string(*depth) + " below the root" : "";
   return "each cgroup's time includes its descendants'" + levels + "\n" +
-         textTaskTable(freqs, asTasks(rows), /*withFlag=*/false);
+         textTaskTable(freqs, asTree(rows), /*withFlag=*/false, 6, "cgroup");
 }
 
 std::string cgroupTitle(const CgroupRow& row) {

@@ -17,7 +17,8 @@ std::string workloadText(const CgroupWorkload& workload);
 // Busiest first, then by path; the first `limit` rows, or all when `limit` is 0.
 std::vector<CgroupRow> sortedCgroupRows(std::vector<CgroupRow> rows, size_t limit);
 
-// The header line (what a row holds, down to which depth) and the table.
+// The header line (what a row holds, down to which depth) and the table, as a tree: each row its
+// last component, indented below its parent.
 std::string textCgroupTable(const FreqTable& freqs, const std::vector<CgroupRow>& rows,
                             std::optional<unsigned> depth);
 // "cgroup PATH with its descendants", and the workload where the path names one.

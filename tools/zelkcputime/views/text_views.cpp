@@ -55,7 +55,7 @@ std::string textTotal(const FreqTable& freqs, const Times& times) {
 }
 
 std::string textTaskTable(const FreqTable& freqs, const std::vector<TaskTimes>& rows, bool withFlag,
-                          size_t maxFreqColumns) {
+                          size_t maxFreqColumns, const std::string& nameHeader) {
   const std::vector<FreqColumn> freqColumns = busiestFreqs(freqs, rows, maxFreqColumns);
   uint64_t shownNs = 0;
   for (const FreqColumn& column : freqColumns) shownNs += column.ns;
@@ -63,7 +63,7 @@ std::string textTaskTable(const FreqTable& freqs, const std::vector<TaskTimes>& 
   for (const TaskTimes& row : rows) allNs += row.total;
   const bool other = allNs > shownNs;
 
-  std::vector<Column> columns = {{"name", false}};
+  std::vector<Column> columns = {{nameHeader, false}};
   if (withFlag) columns.push_back({"fg", false});
   columns.push_back({"total s", true});
   for (const FreqColumn& column : freqColumns) {

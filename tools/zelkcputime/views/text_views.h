@@ -20,7 +20,7 @@ std::string textTotal(const FreqTable& freqs, const Times& times);
 // frequency. Only frequencies where the rows spent time get a column, at most `maxFreqColumns`
 // of the busiest, in frequency order; the rest is summed under "other s".
 std::string textTaskTable(const FreqTable& freqs, const std::vector<TaskTimes>& rows, bool withFlag,
-                          size_t maxFreqColumns = 6);
+                          size_t maxFreqColumns = 6, const std::string& nameHeader = "name");
 
 // "kernel thread NAME", or "process NAME" with its class: "(foreground)", "(background)", or
 // "(foreground and background)" without a flag.
