@@ -64,6 +64,23 @@ TEST_F(EnergyCommandTest, FormatsAndErrors) {
                                "+share %\n"))
       << run.output;
 
+  // Each cgroup with its descendants: the root first, as it holds every task's time.
+  run = runTool({"show", "energy", "cgroups", "--model", csv, "--json", "--depth", "1"});
+  EXPECT_TRUE(contains(run.output, "^\\{\"unit\":\"uJ\",\"model\":\"" + csv +
+                                       "\",\"includes_descendants\":true,\"depth\":1,\"cgroups\":"
+                                       "\\[\\{\"path\":\"/\",\"energy\":[1-9][0-9]*,"
+                                       "\"unmodelled_ns\":0\\}"))
+      << run.output;
+  run = runTool({"show", "energy", "cgroups", "--model", csv, "--csv", "--limit", "1"});
+  EXPECT_TRUE(contains(run.output,
+                       "^table,name,flag,energy,unit,unmodelled_ns\ncgroup,/,,[1-9][0-9]*,uJ,0\n$"))
+      << run.output;
+  run = runTool({"show", "energy", "cgroups", "--model", csv, "--match", "^/$"});
+  EXPECT_TRUE(contains(run.output,
+                       "\nCgroups by energy, each with its descendants':\n"
+                       "cgroup +energy uJ +share %\n/ +[1-9][0-9]* +[0-9.]+\n$"))
+      << run.output;
+
   // A profile without a voltage gives charge; with one, energy.
   const std::string xml =
       model("profile.xml",
@@ -132,7 +149,9 @@ TEST_F(EnergyCommandTest, FormatsAndErrors) {
         Args{"show", "energy", "kthread", "k", "--flag"}, Args{"show", "energy", "process"},
         Args{"show", "energy", "--background"},
         Args{"show", "energy", "process", "p", "--flag", "--background"},
-        Args{"show", "energy", "--voltage", "-1"}, Args{"show", "energy", "--voltage", "1e3"}}) {
+        Args{"show", "energy", "--voltage", "-1"}, Args{"show", "energy", "--voltage", "1e3"},
+        Args{"show", "energy", "processes", "--depth", "1"},
+        Args{"show", "energy", "cgroups", "/"}}) {
     run = runTool(args);
     EXPECT_EQ(run.status, 2) << args[2] << ": " << run.output;
   }

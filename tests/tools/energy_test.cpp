@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+
 namespace zelk::cli {
 namespace {
 
@@ -48,6 +50,39 @@ TEST(SnapshotEnergyTest, LeavesAnEmptyOverflowEntryOutOnlyWhenAsked) {
   result = energyOf(model, snapshot, 0);
   EXPECT_FALSE(result.energy);
   EXPECT_NE(result.error.find("getProcessCpuFreqTimes returned times of another shape"),
+            std::string::npos)
+      << result.error;
+
+  // Cgroups with their descendants, by energy, then in path order; shares are of all their time,
+  // which the rows without a path have a part of.
+  snapshot.parts = kCgroupsPart;
+  snapshot.cgroups = {{1, "/", {{1000000000, 0}}},
+                      {5, "/s.slice", {{0, 1000000000}}},
+                      {6, "/s.slice/nginx.service", {{1000000000, 0}}},
+                      {9, std::nullopt, {{1000000000, 0}}}};
+  result = energyOf(model, snapshot, 0);
+  ASSERT_TRUE(result.energy) << result.error;
+  EXPECT_FALSE(result.energy->processes);
+  std::vector<std::string> rows;
+  for (const CgroupEnergyRow& row : result.energy->cgroups->rows) {
+    rows.push_back(row.path + "=" + std::to_string(row.estimate.energy) + row.workload.unit);
+  }
+  EXPECT_EQ(rows, (std::vector<std::string>{"/=4000", "/s.slice=3000",
+                                            "/s.slice/nginx.service=1000nginx.service",
+                                            "<removed cgroups>=1000"}));
+  EXPECT_EQ(result.energy->cgroups->whole, 5000u);
+  const std::regex nginx("nginx");
+  result = energyOf(model, snapshot, 1, OverflowRow::kAlways, {1u, &nginx});
+  ASSERT_TRUE(result.energy) << result.error;
+  EXPECT_TRUE(result.energy->cgroups->rows.empty());  // folded into /s.slice
+  result = energyOf(model, snapshot, 2, OverflowRow::kAlways, {1u, nullptr});
+  ASSERT_TRUE(result.energy) << result.error;
+  ASSERT_EQ(result.energy->cgroups->rows.size(), 2u);
+  EXPECT_EQ(result.energy->cgroups->rows[1].estimate.energy, 3000u);  // /s.slice with nginx
+  EXPECT_EQ(result.energy->cgroups->whole, 5000u);
+  snapshot.cgroups.push_back({7, "/odd", {{1}}});
+  result = energyOf(model, snapshot, 0);
+  EXPECT_NE(result.error.find("getCgroupCpuFreqTimes returned times of another shape"),
             std::string::npos)
       << result.error;
 }

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+
 namespace zelk::cli {
 namespace {
 
@@ -13,7 +15,7 @@ TaskDelta task(const std::string& name, uint64_t atLow, uint64_t atHigh) {
 }
 
 // One policy at 1 and 3 GHz, a 1 s interval: "busy" ran 0.8 s at 1 GHz, "fast" 0.3 s at 3 GHz,
-// "gone" vanished.
+// "gone" vanished. The cgroups' own: / 0.1 s, /a 0.3 s and /a/b 0.2 s; /idle none, /gone vanished.
 SnapshotDiff interval() {
   SnapshotDiff diff;
   diff.freqs = {{1000000, 3000000}};
@@ -22,6 +24,11 @@ SnapshotDiff interval() {
   diff.processes = {task("busy", 800000000, 0),
                     task("fast", 0, 300000000),
                     {{"gone", 0, {{0, 0}}, 0}, RowChange::kVanished}};
+  diff.cgroups = {{{1, "/", {{100000000, 0}}}, RowChange::kDelta},
+                  {{5, "/a", {{0, 300000000}}}, RowChange::kDelta},
+                  {{6, "/a/b", {{200000000, 0}}}, RowChange::kAppeared},
+                  {{7, "/idle", {{0, 0}}}, RowChange::kDelta},
+                  {{8, "/gone", {{0, 0}}}, RowChange::kVanished}};
   return diff;
 }
 
@@ -40,6 +47,21 @@ TEST(TaskRatesTest, SortByTheChosenKeyAndLeaveVanishedNamesOut) {
 
   rows = taskRates(interval(), /*kthreads=*/false, TopSort::kFrequency, nullptr);
   EXPECT_EQ(names(rows), (std::vector<std::string>{"fast", "busy"}));
+
+  // Each cgroup with its descendants; its rate from the interval's time alone.
+  rows = cgroupRates(interval(), {}, TopSort::kCpu, nullptr);
+  EXPECT_EQ(names(rows), (std::vector<std::string>{"/", "/a", "/a/b"}));
+  EXPECT_NEAR(rows[0].cpuPercent, 60.0, 1e-9);
+  EXPECT_NEAR(rows[1].cpuPercent, 50.0, 1e-9);
+  EXPECT_EQ(rows[1].avgKhz, 2200000u);  // 0.3 s at 3 GHz and 0.2 s at 1 GHz
+  rows = cgroupRates(interval(), {}, TopSort::kFrequency, nullptr);
+  EXPECT_EQ(names(rows), (std::vector<std::string>{"/a", "/", "/a/b"}));
+  const std::regex deep("/b$");
+  rows = cgroupRates(interval(), {1u, nullptr}, TopSort::kCpu, nullptr);
+  EXPECT_EQ(names(rows), (std::vector<std::string>{"/", "/a"}));
+  EXPECT_NEAR(rows[1].cpuPercent, 50.0, 1e-9);
+  EXPECT_EQ(names(cgroupRates(interval(), {std::nullopt, &deep}, TopSort::kCpu, nullptr)),
+            (std::vector<std::string>{"/a/b"}));
 }
 
 TEST(PolicyLoadTest, BusyOutOfTheOnlineCpusAndTheAverageFrequency) {

@@ -54,9 +54,18 @@ std::string text(const std::vector<NamedDelta>& rows) {
   return all;
 }
 
+std::string text(const std::vector<CgroupDelta>& rows) {
+  std::string all;
+  for (const CgroupDelta& d : rows) {
+    all += std::to_string(d.entry.id) + " " + d.entry.path.value_or("-") + " " +
+           changeName(d.change) + " " + text(d.entry.times) + "\n";
+  }
+  return all;
+}
+
 Snapshot snapshot(std::chrono::steady_clock::time_point at) {
   Snapshot s;
-  s.parts = kAllParts;
+  s.parts = kAllParts | kCgroupsPart;
   s.freqs = kFreqs;
   s.takenAt = at;
   return s;
@@ -83,11 +92,16 @@ TEST(SnapshotDiffTest, EachRowIsMarkedAndADecreaseNeverUnderflows) {
   before.top = {{{"a", 0}, 10}, {{"b", 0}, 50}};
   after.top = {{{"a", 0}, 25}, {{"b", 0}, 20}, {{"c", 0}, 5}};
   before.bg = {{{"d", 0}, 3}};
+  // By id: a path seen only before stays with its id.
+  before.cgroups = {
+      {9, "/b", {{5, 5}, {5}}}, {1, "/", {{10, 20}, {5}}}, {7, "/gone", {{1, 1}, {1}}}};
+  after.cgroups = {
+      {1, "/", {{12, 25}, {5}}}, {3, std::nullopt, {{2, 0}, {0}}}, {9, {}, {{1, 9}, {9}}}};
 
   const DiffResult result = diffSnapshots(before, after);
   ASSERT_TRUE(result.diff) << result.error;
   const SnapshotDiff& diff = *result.diff;
-  EXPECT_EQ(diff.parts, unsigned{kAllParts});
+  EXPECT_EQ(diff.parts, unsigned{kAllParts | kCgroupsPart});
   EXPECT_EQ(diff.freqs, kFreqs);
   EXPECT_EQ(diff.elapsed, 2s);
   EXPECT_EQ(text(diff.total), "[5,0][4]");
@@ -101,6 +115,11 @@ TEST(SnapshotDiffTest, EachRowIsMarkedAndADecreaseNeverUnderflows) {
   EXPECT_EQ(text(diff.kthreads), "gone/1 delta [3,0][0] 3\n");
   EXPECT_EQ(text(diff.top), "b reset 20\na delta 15\nc appeared 5\n");
   EXPECT_EQ(text(diff.bg), "d vanished 0\n");
+  EXPECT_EQ(text(diff.cgroups),
+            "1 / delta [2,5][0]\n"
+            "3 - appeared [2,0][0]\n"
+            "7 /gone vanished [0,0][0]\n"
+            "9 /b reset [1,9][9]\n");
 
   // The whole system's counters restart too, after `reset total`.
   std::swap(before.total, after.total);
@@ -115,6 +134,7 @@ TEST(SnapshotDiffTest, ComparesOnlyWhatBothHold) {
   Snapshot before = snapshot(t0), after = snapshot(t0 + 1s);
   before.processes = {{{"p", 0}, {{1, 0}, {0}}}};
   before.top = {{{"p", 0}, 1}};
+  before.cgroups = {{1, "/", {{1, 0}, {0}}}};
 
   // A table the later snapshot did not read is not a table whose rows all vanished.
   after.parts = kTotalPart | kKthreadsPart;
@@ -123,6 +143,7 @@ TEST(SnapshotDiffTest, ComparesOnlyWhatBothHold) {
   EXPECT_EQ(result.diff->parts, unsigned{kTotalPart | kKthreadsPart});
   EXPECT_TRUE(result.diff->processes.empty());
   EXPECT_TRUE(result.diff->top.empty());
+  EXPECT_TRUE(result.diff->cgroups.empty());
 
   // Time vectors of other frequency tables do not line up.
   after = snapshot(t0 + 1s);

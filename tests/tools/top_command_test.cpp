@@ -6,6 +6,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@
 #include "maps.h"
 #include "namespace.h"
 #include "serve_bed.h"
+#include "zelkcpufreqtime_cgroups.h"
 
 namespace zelk::testbed {
 namespace {
@@ -124,6 +126,36 @@ TEST_F(TopBatchTest, SpinnerShowsAtFullCpuInEveryFrameThenLeavesTheRows) {
   }
   EXPECT_LT(cpuOf(frames.back(), "zelktopbusy"), 0) << frames.back();
   EXPECT_LT(cpuOf(frames[frames.size() - 2], "zelktopbusy"), 0) << frames[frames.size() - 2];
+}
+
+// The spinner moved into a fresh cgroup v2: that cgroup's row, which no other task shares, shows
+// it keeping its CPU in each frame.
+TEST_F(TopBatchTest, CgroupOfASpinnerShowsItsCpu) {
+  if (possibleCpus() < 2) GTEST_SKIP() << "needs two CPUs";
+  const std::string mount = com::zelkora::getCgroupV2Mount();
+  if (mount.empty()) ZELK_SKIP_OR_FAIL("no cgroup v2 hierarchy is mounted");
+  pinToCpu(0, 0);
+  std::optional<ClockedSpinner> spinner(std::in_place, "zelktopcg", 1, milliseconds(8000));
+  ASSERT_TRUE(spinner->started());
+  const std::string name = "/zelktopcg" + std::to_string(getpid());
+  ASSERT_EQ(mkdir((mount + name).c_str(), 0755), 0) << strerror(errno);
+  EXPECT_TRUE(android::base::WriteStringToFile(std::to_string(spinner->pid()),
+                                               mount + name + "/cgroup.procs"));
+  const ChildResult run = runProgram(
+      ZELK_TOOL_PATH, {"top", "--cgroups", "--batch", "--interval", "1", "--iterations", "2"},
+      nullptr, /*withStderr=*/false);
+  spinner.reset();
+  EXPECT_EQ(rmdir((mount + name).c_str()), 0) << strerror(errno);
+  ASSERT_EQ(run.status, 0) << run.output;
+  const std::vector<std::string> frames = framesOf(run.output);
+  ASSERT_EQ(frames.size(), 2u) << run.output;
+  for (const std::string& frame : frames) {
+    std::smatch row;
+    ASSERT_TRUE(std::regex_search(frame, row, std::regex("\n +([0-9.]+) .*  " + name + "\n")))
+        << frame;
+    EXPECT_GE(std::stod(row[1].str()), 95) << frame;
+    EXPECT_LE(std::stod(row[1].str()), 105) << frame;
+  }
 }
 
 // CPU 1 offline, as /sys/devices/system/cpu/online says with a file bound over it here, while
@@ -335,6 +367,11 @@ TEST_F(TopScreenTest, HeaderRowKeysAndQuitLeaveTheTerminalUsable) {
   screen = awaitScreen("\nKTHREAD +CPU%");
   EXPECT_TRUE(std::regex_search(screen, std::regex("\nKTHREAD +CPU%"))) << screen;
   EXPECT_FALSE(std::regex_search(screen, std::regex("zelktopscreen"))) << screen;
+  // g: the cgroups instead, the root among them.
+  tmux({"send-keys", "-t", "top", "g"});
+  const std::string cgroups = "\n +CPU% +AVG MHz +BANDS +CGROUP\n.*  /\n";
+  screen = awaitScreen(cgroups);
+  EXPECT_TRUE(std::regex_search(screen, std::regex(cgroups))) << screen;
 
   tmux({"send-keys", "-t", "top", "q"});
   screen = awaitScreen("exit=[0-9]+[^]*\\bspeed\\b");

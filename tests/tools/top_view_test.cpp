@@ -28,9 +28,34 @@ TEST(TopViewTest, PowerFromChargeIsNotRoundedToWholeMicroampHours) {
     const std::vector<TaskRate> rows = topRows(diff, context, TopSettings{});
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_NEAR(rows[0].power.value_or(-1), milliamps, 1e-6);
-    const std::string line = topRowLine(rows[0], context, /*kthreads=*/false);
+    const std::string line = topRowLine(rows[0], context, TopTable::kProcesses);
     EXPECT_EQ(line.substr(line.rfind(' ') + 1), shown) << line;
   }
+}
+
+// A cgroup's row holds its descendants' time; its path comes last, under the column headings.
+TEST(TopViewTest, CgroupRowsLineUpWithTheirHeadings) {
+  com::zelkora::PowerModel model;
+  model.freqRates = {{1000.0, 2000.0, 3000.0}};  // µJ per second
+  model.policyRates = {0};
+  const TopContext context{"policy0", {1}, &model};
+  SnapshotDiff diff;
+  diff.freqs = {{1000000, 2000000, 3000000}};
+  diff.elapsed = 2s;
+  diff.total = {{2000000000, 0, 1000000000}};
+  diff.cgroups = {{{1, "/", {{2000000000, 0, 0}}}, RowChange::kDelta},
+                  {{5, "/app", {{0, 0, 1000000000}}}, RowChange::kDelta}};
+  TopSettings settings;
+  settings.table = TopTable::kCgroups;
+  settings.cgroups.depth = 3;
+  const std::vector<std::string> lines = topFrame(diff, context, settings, 0, 120, 0);
+  ASSERT_EQ(lines.size(), 8u);
+  EXPECT_NE(lines[3].find("sort: CPU;  cgroups with descendants, depth 3"), std::string::npos)
+      << lines[3];
+  EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()),
+            (std::vector<std::string>{"  CPU%   AVG MHz  BANDS              mW  CGROUP",
+                                      " 150.0  1666.667  .......###        2.5  /",
+                                      "  50.0      3000  ##########        1.5  /app"}));
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // show energy: the counted times under a power model.
 #include <algorithm>
+#include <regex>
 
 #include "commands/commands.h"
+#include "commands/library_log.h"
 #include "machine/environment.h"
 #include "machine/power_model_file.h"
 #include "model/energy.h"
@@ -17,14 +19,20 @@ constexpr size_t kDefaultTextRows = 20;
 
 std::string checkWords(const Options& options) {
   const std::vector<std::string>& w = options.words;
-  const std::vector<std::string> views = {"total", "processes", "kthreads", "process", "kthread"};
+  const std::vector<std::string> views = {"total",   "processes", "kthreads",
+                                          "cgroups", "process",   "kthread"};
   std::string usage =
-      "show energy takes nothing, or one of total, processes, kthreads, process NAME, kthread "
-      "NAME";
+      "show energy takes nothing, or one of total, processes, kthreads, cgroups, process NAME, "
+      "kthread NAME";
   const std::string view = w.size() > 2 ? w[2] : "";
   if (!view.empty() && std::find(views.begin(), views.end(), view) == views.end()) return usage;
   const bool named = view == "process" || view == "kthread";
   if (w.size() != (view.empty() ? 2u : named ? 4u : 3u)) return usage;
+  for (const char* option : {"--depth", "--match"}) {
+    if (options.given.count(option) != 0 && view != "cgroups") {
+      return std::string(option) + " applies to show energy cgroups";
+    }
+  }
   return checkClassOptions(options, view, "show energy");
 }
 
@@ -34,7 +42,18 @@ unsigned partsOf(const std::string& view) {
   if (view == "total") return kTotalPart;
   if (view == "processes") return kProcessesPart;
   if (view == "kthreads") return kKthreadsPart;
+  if (view == "cgroups") return kCgroupsPart;
   return 0;
+}
+
+// Why a cgroup table may be empty or hold the root alone, to stderr.
+void tellCgroupNotes() {
+  if (!hasCgroupMap()) {
+    tellNote(
+        "zelkcputime: note: the loaded object has no cgroup map (an older zelkcputime loaded "
+        "it): no cgroup has time until `zelkcputime load --replace`");
+  }
+  if (std::string note = cgroupV2Note(); !note.empty()) tellNote("zelkcputime: note: " + note);
 }
 
 }  // namespace
@@ -71,9 +90,15 @@ int runShowEnergy(const Options& options) {
   const TakenSnapshot taken = takeSnapshot(request, readingQueries());
   tellUnsettled(taken.unsettled);
   if (!taken.snapshot) return fail(taken.error);
+  if (view == "cgroups" && options.format == Format::kText) tellCgroupNotes();
+  std::optional<std::regex> match;
+  if (!options.cgroupMatch.empty()) {
+    match.emplace(options.cgroupMatch, std::regex::ECMAScript | std::regex::nosubs);
+  }
   EnergyResult tables =
       energyOf(model, *taken.snapshot, limit,
-               options.format == Format::kText ? OverflowRow::kWithTime : OverflowRow::kAlways);
+               options.format == Format::kText ? OverflowRow::kWithTime : OverflowRow::kAlways,
+               {options.cgroupDepth, match ? &*match : nullptr});
   if (!tables.energy) return fail(tables.error);
   EnergyView result{model, std::move(*tables.energy), {}, false};
   if (view == "process" || view == "kthread") {

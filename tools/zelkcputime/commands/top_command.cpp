@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <regex>
 #include <thread>
 
 #include "commands/commands.h"
@@ -120,9 +121,16 @@ std::string setUp(const Options& options, Source* source) {
   return "";
 }
 
-TakenSnapshot take() {
+// The tables the frames may show: in batch, only the one asked for; interactive, every one, so
+// that the first frame after a key covers its whole interval.
+unsigned partsOf(const Options& options) {
+  if (!options.batch) return kTotalPart | kProcessesPart | kKthreadsPart | kCgroupsPart;
+  return kTotalPart | (options.cgroupView ? kCgroupsPart : kProcessesPart | kKthreadsPart);
+}
+
+TakenSnapshot take(unsigned parts) {
   SnapshotRequest request;
-  request.parts = kTotalPart | kProcessesPart | kKthreadsPart;
+  request.parts = parts;
   TakenSnapshot taken = takeSnapshot(request);
   tellUnsettled(taken.unsettled);
   return taken;
@@ -139,7 +147,7 @@ void sleepUntil(Clock::time_point until) {
 // The next frame's difference; the previous snapshot moves on only when a new one was read.
 // "" or the line to report.
 std::string advance(Snapshot* previous, std::optional<SnapshotDiff>* diff) {
-  TakenSnapshot taken = take();
+  TakenSnapshot taken = take(previous->parts);
   if (!taken.snapshot) return taken.error;
   DiffResult result = diffSnapshots(*previous, *taken.snapshot);
   *previous = std::move(*taken.snapshot);
@@ -153,10 +161,28 @@ Clock::duration intervalOf(const Options& options) {
       std::chrono::duration<double>(options.interval));
 }
 
-int runBatch(const Options& options, Source* source, Snapshot previous) {
-  const SelfCost cost;
+// The view the command line starts on; `match` outlives the settings that point to it.
+TopSettings initialSettings(const Options& options, const std::optional<std::regex>& match) {
   TopSettings settings;
-  settings.kthreads = options.kthreadView;
+  settings.table = options.cgroupView    ? TopTable::kCgroups
+                   : options.kthreadView ? TopTable::kKthreads
+                                         : TopTable::kProcesses;
+  settings.cgroups = {options.cgroupDepth, match ? &*match : nullptr};
+  return settings;
+}
+
+// Why every task counts under the root cgroup, once the cgroups are shown.
+void tellCgroupNote(const TopSettings& settings, bool* told) {
+  if (*told || settings.table != TopTable::kCgroups) return;
+  *told = true;
+  if (std::string note = cgroupV2Note(); !note.empty()) tellNote("zelkcputime: note: " + note);
+}
+
+int runBatch(const Options& options, Source* source, Snapshot previous,
+             const TopSettings& settings) {
+  bool told = false;
+  tellCgroupNote(settings, &told);
+  const SelfCost cost;
   auto next = Clock::now();
   for (unsigned frame = 0; options.iterations == 0 || frame < options.iterations;) {
     next += intervalOf(options);
@@ -223,29 +249,34 @@ void draw(const std::optional<SnapshotDiff>& diff, const Source& source,
     for (const std::string& line : header) mvaddnstr(y++, 0, line.c_str(), COLS);
     ++y;
     attron(A_REVERSE);
-    mvaddnstr(y++, 0, topColumns(source.context, settings.kthreads).c_str(), COLS);
+    mvaddnstr(y++, 0, topColumns(source.context, settings.table).c_str(), COLS);
     attroff(A_REVERSE);
     for (const TaskRate& row : topRows(*diff, source.context, settings)) {
       if (y >= LINES - 1) break;
-      mvaddnstr(y++, 0, topRowLine(row, source.context, settings.kthreads).c_str(), COLS);
+      mvaddnstr(y++, 0, topRowLine(row, source.context, settings.table).c_str(), COLS);
     }
   }
   const std::string keys =
-      problem.empty() ? "c cpu  p power  f frequency  k kernel threads  space freeze  q quit"
-                      : "no new frame: " + problem;
+      problem.empty()
+          ? "c cpu  p power  f frequency  k kernel threads  g cgroups  space freeze  q quit"
+          : "no new frame: " + problem;
   mvaddnstr(LINES - 1, 0, keys.c_str(), COLS);
   refresh();
 }
 
-int runInteractive(const Options& options, Source* source, Snapshot previous) {
-  const Screen screen;
+// A key toggles its table against the processes.
+TopTable toggled(TopTable shown, TopTable key) { return shown == key ? TopTable::kProcesses : key; }
+
+int runInteractive(const Options& options, Source* source, Snapshot previous,
+                   TopSettings settings) {
+  const Screen screen;  // holds the notes until the terminal is given back
   const SelfCost cost;
-  TopSettings settings;
-  settings.kthreads = options.kthreadView;
+  bool told = false;
   std::optional<SnapshotDiff> diff;
   std::string problem;
   auto next = Clock::now() + intervalOf(options);
   while (gStopSignal == 0) {
+    tellCgroupNote(settings, &told);
     draw(diff, *source, settings, cost.percent(), options, problem);
     const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
     timeout(static_cast<int>(std::max<int64_t>(0, wait.count())));
@@ -262,7 +293,10 @@ int runInteractive(const Options& options, Source* source, Snapshot previous) {
         settings.sort = TopSort::kFrequency;
         break;
       case 'k':
-        settings.kthreads = !settings.kthreads;
+        settings.table = toggled(settings.table, TopTable::kKthreads);
+        break;
+      case 'g':
+        settings.table = toggled(settings.table, TopTable::kCgroups);
         break;
       case ' ':
         settings.frozen = !settings.frozen;
@@ -288,14 +322,22 @@ int runTop(const Options& options) {
   if (options.given.count("--iterations") != 0 && !options.batch) {
     return usageError("--iterations applies to --batch");
   }
+  if (options.kthreadView && options.cgroupView) {
+    return usageError("--kthreads and --cgroups exclude each other");
+  }
   catchStopSignals();
   Source source;
   if (std::string error = setUp(options, &source); !error.empty()) return fail(error);
-  TakenSnapshot first = take();
+  TakenSnapshot first = take(partsOf(options));
   if (!first.snapshot) return fail(first.error);
-  if (options.batch) return runBatch(options, &source, std::move(*first.snapshot));
+  std::optional<std::regex> match;
+  if (!options.cgroupMatch.empty()) {
+    match.emplace(options.cgroupMatch, std::regex::ECMAScript | std::regex::nosubs);
+  }
+  const TopSettings settings = initialSettings(options, match);
+  if (options.batch) return runBatch(options, &source, std::move(*first.snapshot), settings);
   try {
-    return runInteractive(options, &source, std::move(*first.snapshot));
+    return runInteractive(options, &source, std::move(*first.snapshot), settings);
   } catch (const std::exception& error) {
     return fail(error.what());  // after the screen's destructor gave the terminal back
   }

@@ -61,8 +61,35 @@ std::vector<EnergyRow> sortedEnergies(const lib::EnergyTable& table, size_t limi
   return rows;
 }
 
+std::optional<CgroupEnergies> cgroupEnergies(const lib::PowerModel& model,
+                                             const CgroupEntries& entries,
+                                             const CgroupRowSettings& settings, size_t limit) {
+  CgroupEnergies energies;
+  energies.depth = settings.depth;
+  // At depth 0, the root's row and the two without a path hold every entry's time.
+  for (const CgroupRow& row : cgroupRows(entries, {0u, nullptr})) {
+    const auto estimate = lib::estimateEnergy(model, row.times);
+    if (!estimate) return std::nullopt;
+    energies.whole += estimate->energy;
+  }
+  for (CgroupRow& row : cgroupRows(entries, settings)) {
+    const auto estimate = lib::estimateEnergy(model, row.times);
+    if (!estimate) return std::nullopt;
+    energies.rows.push_back({std::move(row.path), std::move(row.workload), *estimate});
+  }
+  // Stable: among equals, a parent stays before its children, as cgroupRows put it.
+  std::stable_sort(energies.rows.begin(), energies.rows.end(),
+                   [](const CgroupEnergyRow& a, const CgroupEnergyRow& b) {
+                     const lib::EnergyEstimate &x = a.estimate, &y = b.estimate;
+                     return x.energy != y.energy ? x.energy > y.energy
+                                                 : x.unmodelledNs > y.unmodelledNs;
+                   });
+  if (limit != 0 && energies.rows.size() > limit) energies.rows.resize(limit);
+  return energies;
+}
+
 EnergyResult energyOf(const lib::PowerModel& model, const Snapshot& snapshot, size_t limit,
-                      OverflowRow overflow) {
+                      OverflowRow overflow, const CgroupRowSettings& cgroups) {
   SnapshotEnergy energy;
   if (snapshot.parts & kTotalPart) {
     energy.total = lib::estimateEnergy(model, snapshot.total);
@@ -78,6 +105,12 @@ EnergyResult energyOf(const lib::PowerModel& model, const Snapshot& snapshot, si
     *rows = tableEnergy(model, *table, limit, overflow);
     if (!*rows) {
       return {{}, std::string(query) + " returned times of another shape than the frequency table"};
+    }
+  }
+  if (snapshot.parts & kCgroupsPart) {
+    energy.cgroups = cgroupEnergies(model, snapshot.cgroups, cgroups, limit);
+    if (!energy.cgroups) {
+      return {{}, "getCgroupCpuFreqTimes returned times of another shape than the frequency table"};
     }
   }
   return {std::move(energy), ""};

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "model/cgroup_rows.h"
 #include "model/snapshot.h"
 #include "model/task_rows.h"
 #include "model/times.h"
@@ -45,11 +46,31 @@ struct EnergyRow {
 // or all when `limit` is 0.
 std::vector<EnergyRow> sortedEnergies(const com::zelkora::EnergyTable& table, size_t limit);
 
-// The energy of the tables a snapshot holds (total, processes, kernel threads), each table's
-// rows as sortedEnergies orders and cuts them.
+struct CgroupEnergyRow {
+  std::string path;  // as its CgroupRow's: a name for the removed cgroups and the overflow entry
+  CgroupWorkload workload;
+  com::zelkora::EnergyEstimate estimate;  // of its own and all its descendants' time
+};
+
+struct CgroupEnergies {
+  std::vector<CgroupEnergyRow> rows;
+  uint64_t whole = 0;             // of every cgroup's time, whatever the rows leave out
+  std::optional<unsigned> depth;  // as the rows were folded
+};
+
+// The energy of cgroupRows' rows, highest first, then more unmodelled time, then in the order of
+// cgroupRows; the first `limit` rows, or all when `limit` is 0. Nothing when some entry does not
+// have the model's shape.
+std::optional<CgroupEnergies> cgroupEnergies(const com::zelkora::PowerModel& model,
+                                             const CgroupEntries& entries,
+                                             const CgroupRowSettings& settings, size_t limit);
+
+// The energy of the tables a snapshot holds (total, processes, kernel threads, cgroups), each
+// table's rows as sortedEnergies (cgroupEnergies for the cgroups) orders and cuts them.
 struct SnapshotEnergy {
   std::optional<com::zelkora::EnergyEstimate> total;
   std::optional<std::vector<EnergyRow>> processes, kthreads;
+  std::optional<CgroupEnergies> cgroups;
 };
 
 struct EnergyResult {
@@ -58,7 +79,8 @@ struct EnergyResult {
 };
 
 EnergyResult energyOf(const com::zelkora::PowerModel& model, const Snapshot& snapshot, size_t limit,
-                      OverflowRow overflow = OverflowRow::kAlways);
+                      OverflowRow overflow = OverflowRow::kAlways,
+                      const CgroupRowSettings& cgroups = {});
 
 // One task, as a single-task query gives it.
 struct TaskEnergy {

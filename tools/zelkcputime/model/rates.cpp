@@ -11,6 +11,38 @@ double seconds(std::chrono::steady_clock::duration d) {
   return std::chrono::duration<double>(d).count();
 }
 
+TaskRate rateOf(const SnapshotDiff& diff, const std::string& name, uint64_t flag,
+                const Times& times, const com::zelkora::PowerModel* model) {
+  TaskRate row;
+  row.name = name;
+  row.flag = flag;
+  row.cpuPercent = cpuPercent(sumTimes(times), diff.elapsed);
+  row.avgKhz = averageKhz(diff.freqs, times);
+  row.bands = timePerBand(diff.freqs, times);
+  if (model != nullptr) row.power = powerOf(*model, times, diff.elapsed);
+  return row;
+}
+
+// A stable sort keeps the rows' own order among equal keys.
+void sortRates(TopSort sort, std::vector<TaskRate>* rows) {
+  switch (sort) {
+    case TopSort::kPower:
+      std::stable_sort(rows->begin(), rows->end(), [](const TaskRate& a, const TaskRate& b) {
+        return a.power.value_or(-1) > b.power.value_or(-1);
+      });
+      break;
+    case TopSort::kFrequency:
+      std::stable_sort(rows->begin(), rows->end(),
+                       [](const TaskRate& a, const TaskRate& b) { return a.avgKhz > b.avgKhz; });
+      break;
+    case TopSort::kCpu:
+      std::stable_sort(rows->begin(), rows->end(), [](const TaskRate& a, const TaskRate& b) {
+        return a.cpuPercent > b.cpuPercent;
+      });
+      break;
+  }
+}
+
 }  // namespace
 
 size_t bandOf(size_t index, size_t count) {
@@ -53,33 +85,23 @@ std::vector<TaskRate> taskRates(const SnapshotDiff& diff, bool kthreads, TopSort
   std::vector<TaskRate> rows;
   for (const TaskDelta& delta : kthreads ? diff.kthreads : diff.processes) {
     if (delta.change == RowChange::kVanished || delta.row.total == 0) continue;
-    TaskRate row;
-    row.name = delta.row.name;
-    row.flag = delta.row.flag;
-    row.cpuPercent = cpuPercent(delta.row.total, diff.elapsed);
-    row.avgKhz = averageKhz(diff.freqs, delta.row.times);
-    row.bands = timePerBand(diff.freqs, delta.row.times);
-    if (model != nullptr) row.power = powerOf(*model, delta.row.times, diff.elapsed);
-    rows.push_back(std::move(row));
+    rows.push_back(rateOf(diff, delta.row.name, delta.row.flag, delta.row.times, model));
   }
-  // The diff's rows are busiest first, then by name and flag: a stable sort keeps that order
-  // among equal keys.
-  switch (sort) {
-    case TopSort::kPower:
-      std::stable_sort(rows.begin(), rows.end(), [](const TaskRate& a, const TaskRate& b) {
-        return a.power.value_or(-1) > b.power.value_or(-1);
-      });
-      break;
-    case TopSort::kFrequency:
-      std::stable_sort(rows.begin(), rows.end(),
-                       [](const TaskRate& a, const TaskRate& b) { return a.avgKhz > b.avgKhz; });
-      break;
-    case TopSort::kCpu:
-      std::stable_sort(rows.begin(), rows.end(), [](const TaskRate& a, const TaskRate& b) {
-        return a.cpuPercent > b.cpuPercent;
-      });
-      break;
+  // The diff's rows are busiest first, then by name and flag.
+  sortRates(sort, &rows);
+  return rows;
+}
+
+std::vector<TaskRate> cgroupRates(const SnapshotDiff& diff, const CgroupRowSettings& settings,
+                                  TopSort sort, const com::zelkora::PowerModel* model) {
+  // A vanished id's zeros add nothing to its rows.
+  CgroupEntries entries;
+  for (const CgroupDelta& delta : diff.cgroups) entries.push_back(delta.entry);
+  std::vector<TaskRate> rows;
+  for (const CgroupRow& row : cgroupRows(entries, settings)) {
+    if (row.total != 0) rows.push_back(rateOf(diff, row.path, 0, row.times, model));
   }
+  sortRates(sort, &rows);
   return rows;
 }
 

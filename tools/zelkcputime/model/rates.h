@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "model/cgroup_rows.h"
 #include "model/snapshot_diff.h"
 #include "model/times.h"
 #include "zelkcpufreqtime_energy.h"
@@ -43,9 +44,9 @@ PolicyLoad policyLoad(const SnapshotDiff& diff, size_t policy, unsigned cpus);
 
 enum class TopSort { kCpu, kPower, kFrequency };
 
-// A task that ran in the interval.
+// A task that ran in the interval, or a cgroup whose tasks did.
 struct TaskRate {
-  std::string name;
+  std::string name;  // a cgroup's path, as its CgroupRow has it
   uint64_t flag = 0;
   double cpuPercent = 0;        // of one CPU
   uint64_t avgKhz = 0;          // time-weighted over the interval
@@ -57,5 +58,11 @@ struct TaskRate {
 // and idle ones have none), in the order of `sort`: then busiest first, then name, then flag.
 std::vector<TaskRate> taskRates(const SnapshotDiff& diff, bool kthreads, TopSort sort,
                                 const com::zelkora::PowerModel* model);
+
+// The cgroups' rows as cgroupRows makes them from the interval's times, each with its
+// descendants', of those that ran in it (ids that vanished add nothing), in the order of `sort`:
+// then in path order.
+std::vector<TaskRate> cgroupRates(const SnapshotDiff& diff, const CgroupRowSettings& settings,
+                                  TopSort sort, const com::zelkora::PowerModel* model);
 
 }  // namespace zelk::cli

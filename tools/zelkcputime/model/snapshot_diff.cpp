@@ -89,6 +89,31 @@ std::vector<NamedDelta> namedDeltas(const lib::TimeTable& before, const lib::Tim
   return rows;
 }
 
+std::vector<CgroupDelta> cgroupDeltas(const CgroupEntries& before, const CgroupEntries& after) {
+  std::unordered_map<uint64_t, const CgroupEntry*> earlier, later;
+  for (const CgroupEntry& entry : before) earlier.emplace(entry.id, &entry);
+  for (const CgroupEntry& entry : after) later.emplace(entry.id, &entry);
+  std::vector<CgroupDelta> rows;
+  for (const CgroupEntry& entry : after) {
+    const auto old = earlier.find(entry.id);
+    if (old == earlier.end()) {
+      rows.push_back({entry, RowChange::kAppeared});
+      continue;
+    }
+    auto [times, change] = delta(old->second->times, entry.times);
+    rows.push_back(
+        {{entry.id, entry.path ? entry.path : old->second->path, std::move(times)}, change});
+  }
+  for (const CgroupEntry& entry : before) {
+    if (later.count(entry.id) == 0) {
+      rows.push_back({{entry.id, entry.path, zeroLike(entry.times)}, RowChange::kVanished});
+    }
+  }
+  std::sort(rows.begin(), rows.end(),
+            [](const CgroupDelta& a, const CgroupDelta& b) { return a.entry.id < b.entry.id; });
+  return rows;
+}
+
 }  // namespace
 
 DiffResult diffSnapshots(const Snapshot& before, const Snapshot& after) {
@@ -109,6 +134,7 @@ DiffResult diffSnapshots(const Snapshot& before, const Snapshot& after) {
   if (diff.parts & kKthreadsPart) diff.kthreads = taskDeltas(before.kthreads, after.kthreads);
   if (diff.parts & kTopPart) diff.top = namedDeltas(before.top, after.top);
   if (diff.parts & kBgPart) diff.bg = namedDeltas(before.bg, after.bg);
+  if (diff.parts & kCgroupsPart) diff.cgroups = cgroupDeltas(before.cgroups, after.cgroups);
   return {std::move(diff), ""};
 }
 

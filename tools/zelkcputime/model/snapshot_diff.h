@@ -28,6 +28,12 @@ struct NamedDelta {
   RowChange change;
 };
 
+// A cgroup's own time, by its id: a path may be another cgroup's by the next snapshot.
+struct CgroupDelta {
+  CgroupEntry entry;  // its times are the delta; the path as the later snapshot knows it
+  RowChange change;
+};
+
 struct SnapshotDiff {
   unsigned parts = 0;  // those both snapshots hold
   FreqTable freqs;
@@ -40,6 +46,7 @@ struct SnapshotDiff {
   std::vector<TaskDelta> kthreads;
   std::vector<NamedDelta> top;
   std::vector<NamedDelta> bg;
+  std::vector<CgroupDelta> cgroups;  // in the order of their ids
 };
 
 struct DiffResult {

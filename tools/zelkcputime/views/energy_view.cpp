@@ -45,6 +45,34 @@ std::string csvRows(const std::string& table, const std::vector<EnergyRow>& rows
   return text;
 }
 
+// `names` holds each row's first cells, under `columns`.
+std::string estimateTable(std::vector<Column> columns, std::vector<std::vector<std::string>> names,
+                          const std::vector<lib::EnergyEstimate>& estimates, lib::EnergyUnit unit,
+                          uint64_t whole) {
+  const bool unmodelled =
+      std::any_of(estimates.begin(), estimates.end(),
+                  [](const lib::EnergyEstimate& estimate) { return estimate.unmodelledNs > 0; });
+  columns.push_back({std::string(unitInfo(unit).quantity) + " " + unitInfo(unit).text, true});
+  columns.push_back({"share %", true});
+  if (unmodelled) columns.push_back({"unmodelled s", true});
+  for (size_t i = 0; i < names.size(); ++i) {
+    names[i].push_back(std::to_string(estimates[i].energy));
+    names[i].push_back(formatPercent(estimates[i].energy, whole));
+    if (unmodelled) names[i].push_back(formatSeconds(estimates[i].unmodelledNs));
+  }
+  return renderTable(columns, names);
+}
+
+std::string cgroupTable(const CgroupEnergies& energies, lib::EnergyUnit unit) {
+  std::vector<std::vector<std::string>> names;
+  std::vector<lib::EnergyEstimate> estimates;
+  for (const CgroupEnergyRow& row : energies.rows) {
+    names.push_back({printableName(row.path)});
+    estimates.push_back(row.estimate);
+  }
+  return estimateTable({{"cgroup", false}}, std::move(names), estimates, unit, energies.whole);
+}
+
 }  // namespace
 
 std::string energyText(const EnergyView& v) {
@@ -59,6 +87,15 @@ std::string energyText(const EnergyView& v) {
   if (t.kthreads) {
     out += "\nKernel threads by energy:\n" +
            textEnergyTable(*t.kthreads, /*withFlag=*/false, v.model.unit, whole);
+  }
+  if (t.cgroups) {
+    // Shares are of every cgroup's energy, which the rows (with their descendants) overlap.
+    const std::string levels =
+        t.cgroups->depth
+            ? ", deeper ones folded in at " + std::to_string(*t.cgroups->depth) + " below the root"
+            : "";
+    out += "\nCgroups by energy, each with its descendants'" + levels + ":\n" +
+           cgroupTable(*t.cgroups, v.model.unit);
   }
   if (v.task) {
     out += taskTitle(v.kthread, v.task->name, v.task->flag) + ": " + energyText(v.task->estimate) +
@@ -83,6 +120,23 @@ void writeEnergyView(JsonWriter& json, const EnergyView& v) {
     json.key("kthreads");
     writeEnergyRows(json, *t.kthreads);
   }
+  if (t.cgroups) {
+    // As show cgroups says what its rows hold.
+    json.key("includes_descendants").value(true).key("depth");
+    t.cgroups->depth ? json.value(uint64_t{*t.cgroups->depth}) : json.null();
+    json.key("cgroups").beginArray();
+    for (const CgroupEnergyRow& row : t.cgroups->rows) {
+      json.beginObject().key("path").value(row.path);
+      for (const auto& [key, value] : {std::pair{"unit", &row.workload.unit},
+                                       std::pair{"container_id", &row.workload.containerId},
+                                       std::pair{"pod_uid", &row.workload.podUid}}) {
+        if (!value->empty()) json.key(key).value(*value);
+      }
+      json.key("energy").value(row.estimate.energy);
+      json.key("unmodelled_ns").value(row.estimate.unmodelledNs).endObject();
+    }
+    json.endArray();
+  }
   if (v.task) {
     // One object, as show process gives its task.
     json.key(v.kthread ? "kthread" : "process").beginObject().key("name").value(v.task->name);
@@ -99,6 +153,12 @@ std::string energyCsv(const EnergyView& v) {
   if (t.total) out += csvEnergy("total", "", "", *t.total);
   if (t.processes) out += csvRows("process", *t.processes);
   if (t.kthreads) out += csvRows("kthread", *t.kthreads);
+  if (t.cgroups) {
+    // The path names it; a cgroup has no flag, as the total has none.
+    for (const CgroupEnergyRow& row : t.cgroups->rows) {
+      out += csvEnergy("cgroup", row.path, "", row.estimate);
+    }
+  }
   if (v.task) {
     out += csvEnergy(v.kthread ? "kthread" : "process", v.task->name,
                      v.task->flag ? std::to_string(*v.task->flag) : "", v.task->estimate);
@@ -108,23 +168,16 @@ std::string energyCsv(const EnergyView& v) {
 
 std::string textEnergyTable(const std::vector<EnergyRow>& rows, bool withFlag, lib::EnergyUnit unit,
                             uint64_t whole) {
-  const bool unmodelled = std::any_of(
-      rows.begin(), rows.end(), [](const EnergyRow& row) { return row.estimate.unmodelledNs > 0; });
-  std::vector<Column> columns = {{"name", false}};
-  if (withFlag) columns.push_back({"fg", false});
-  columns.push_back({std::string(unitInfo(unit).quantity) + " " + unitInfo(unit).text, true});
-  columns.push_back({"share %", true});
-  if (unmodelled) columns.push_back({"unmodelled s", true});
-  std::vector<std::vector<std::string>> cells;
+  std::vector<std::vector<std::string>> names;
+  std::vector<lib::EnergyEstimate> estimates;
   for (const EnergyRow& row : rows) {
-    std::vector<std::string> line = {printableName(row.name)};
-    if (withFlag) line.push_back(std::to_string(row.flag));
-    line.push_back(std::to_string(row.estimate.energy));
-    line.push_back(formatPercent(row.estimate.energy, whole));
-    if (unmodelled) line.push_back(formatSeconds(row.estimate.unmodelledNs));
-    cells.push_back(std::move(line));
+    names.push_back({printableName(row.name)});
+    if (withFlag) names.back().push_back(std::to_string(row.flag));
+    estimates.push_back(row.estimate);
   }
-  return renderTable(columns, cells);
+  return estimateTable(withFlag ? std::vector<Column>{{"name", false}, {"fg", false}}
+                                : std::vector<Column>{{"name", false}},
+                       std::move(names), estimates, unit, whole);
 }
 
 void writeEnergy(JsonWriter& json, const lib::EnergyEstimate& estimate) {

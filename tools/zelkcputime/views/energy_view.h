@@ -1,5 +1,5 @@
-// The energy (or charge) of the whole system, the processes and the kernel threads under a power
-// model, as text, JSON and CSV.
+// The energy (or charge) of the whole system, the processes, the kernel threads and the cgroups
+// under a power model, as text, JSON and CSV.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +22,10 @@ struct EnergyView {
 };
 
 std::string energyText(const EnergyView& view);
-// {"unit", "model", then "total", "processes", "kthreads", "process" or "kthread" as held}
+// {"unit", "model", then "total", "processes", "kthreads", "cgroups", "process" or "kthread" as
+// held}. Before "cgroups", "includes_descendants" and "depth" (null for every level), as show
+// cgroups has them; a cgroup's row has "path" and, where its path names them, "unit",
+// "container_id" and "pod_uid".
 void writeEnergyView(JsonWriter& json, const EnergyView& view);
 std::string energyCsv(const EnergyView& view);
 

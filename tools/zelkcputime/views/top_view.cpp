@@ -74,11 +74,29 @@ const char* sortName(TopSort sort) {
   return "CPU";
 }
 
+std::string tableName(const TopSettings& settings) {
+  switch (settings.table) {
+    case TopTable::kKthreads:
+      return ";  kernel threads";
+    case TopTable::kCgroups:
+      // Short: the line holds "sort: frequency" too within the batch's 120 characters.
+      return ";  cgroups with descendants" +
+             (settings.cgroups.depth ? ", depth " + std::to_string(*settings.cgroups.depth)
+                                     : std::string());
+    case TopTable::kProcesses:
+      break;
+  }
+  return "";
+}
+
 }  // namespace
 
 std::vector<TaskRate> topRows(const SnapshotDiff& diff, const TopContext& context,
                               const TopSettings& settings) {
-  return taskRates(diff, settings.kthreads, settings.sort, context.model);
+  if (settings.table == TopTable::kCgroups) {
+    return cgroupRates(diff, settings.cgroups, settings.sort, context.model);
+  }
+  return taskRates(diff, settings.table == TopTable::kKthreads, settings.sort, context.model);
 }
 
 std::vector<std::string> topHeader(const SnapshotDiff& diff, const TopContext& context,
@@ -121,33 +139,32 @@ std::vector<std::string> topHeader(const SnapshotDiff& diff, const TopContext& c
   }
   lines.push_back(cut(std::string("bands: . low  = middle  # high third of each policy's "
                                   "frequencies;  sort: ") +
-                          sortName(settings.sort) + (settings.kthreads ? ";  kernel threads" : "") +
+                          sortName(settings.sort) + tableName(settings) +
                           (settings.frozen ? ";  FROZEN" : ""),
                       width));
   return lines;
 }
 
-std::string topColumns(const TopContext& context, bool kthreads) {
-  std::string line = padRight(kthreads ? "KTHREAD" : "PROCESS", 16) + (kthreads ? "" : "  FG") +
-                     "    CPU%   AVG MHz  " + padRight("BANDS", kBandWidth);
-  if (context.model != nullptr) {
-    line += "  " + padLeft(unitInfo(context.model->unit).rateText, 9);
+std::string topColumns(const TopContext& context, TopTable table) {
+  const std::string power =
+      context.model != nullptr ? "  " + padLeft(unitInfo(context.model->unit).rateText, 9) : "";
+  if (table == TopTable::kCgroups) {
+    return "  CPU%   AVG MHz  " + padRight("BANDS", kBandWidth) + power + "  CGROUP";
   }
-  return line;
+  const bool kthreads = table == TopTable::kKthreads;
+  return padRight(kthreads ? "KTHREAD" : "PROCESS", 16) + (kthreads ? "" : "  FG") +
+         "    CPU%   AVG MHz  " + padRight("BANDS", kBandWidth) + power;
 }
 
-std::string topRowLine(const TaskRate& row, const TopContext& context, bool kthreads) {
-  std::string line = padRight(printableName(row.name), 16) +
-                     (kthreads        ? ""
-                      : row.flag != 0 ? "  fg"
-                                      : "  bg") +
-                     "  " + padLeft(fixed(row.cpuPercent, 1), 6) + "  " +
-                     padLeft(row.avgKhz > 0 ? formatMhz(row.avgKhz) : "-", 8) + "  " +
-                     bandBar(row.bands, kBandWidth);
-  if (context.model != nullptr) {
-    line += "  " + padLeft(row.power ? fixed(*row.power, 1) : "-", 9);
-  }
-  return line;
+std::string topRowLine(const TaskRate& row, const TopContext& context, TopTable table) {
+  const std::string rates = padLeft(fixed(row.cpuPercent, 1), 6) + "  " +
+                            padLeft(row.avgKhz > 0 ? formatMhz(row.avgKhz) : "-", 8) + "  " +
+                            bandBar(row.bands, kBandWidth);
+  const std::string power =
+      context.model != nullptr ? "  " + padLeft(row.power ? fixed(*row.power, 1) : "-", 9) : "";
+  if (table == TopTable::kCgroups) return rates + power + "  " + printableName(row.name);
+  const std::string flag = table == TopTable::kKthreads ? "" : row.flag != 0 ? "  fg" : "  bg";
+  return padRight(printableName(row.name), 16) + flag + "  " + rates + power;
 }
 
 std::vector<std::string> topFrame(const SnapshotDiff& diff, const TopContext& context,
@@ -155,10 +172,10 @@ std::vector<std::string> topFrame(const SnapshotDiff& diff, const TopContext& co
                                   size_t maxRows) {
   std::vector<std::string> lines = topHeader(diff, context, settings, selfCpuPercent, width);
   lines.emplace_back();
-  lines.push_back(cut(topColumns(context, settings.kthreads), width));
+  lines.push_back(cut(topColumns(context, settings.table), width));
   const std::vector<TaskRate> rows = topRows(diff, context, settings);
   for (size_t i = 0; i < rows.size() && (maxRows == 0 || i < maxRows); ++i) {
-    lines.push_back(cut(topRowLine(rows[i], context, settings.kthreads), width));
+    lines.push_back(cut(topRowLine(rows[i], context, settings.table), width));
   }
   return lines;
 }

@@ -8,15 +8,20 @@
 #include <string>
 #include <vector>
 
+#include "model/cgroup_rows.h"
 #include "model/rates.h"
 #include "model/snapshot_diff.h"
 #include "zelkcpufreqtime_energy.h"
 
 namespace zelk::cli {
 
+// Which rows a frame shows.
+enum class TopTable { kProcesses, kKthreads, kCgroups };
+
 struct TopSettings {
   TopSort sort = TopSort::kCpu;
-  bool kthreads = false;  // kernel threads instead of processes
+  TopTable table = TopTable::kProcesses;
+  CgroupRowSettings cgroups;  // which cgroup rows, folded how deep
   bool frozen = false;
 };
 
@@ -29,7 +34,7 @@ struct TopContext {
 
 inline constexpr size_t kBandWidth = 10;  // characters of a row's band bar
 
-// The rows of the tasks that ran in the interval, in the order of `settings.sort`.
+// The rows of the tasks (or cgroups) that ran in the interval, in the order of `settings.sort`.
 std::vector<TaskRate> topRows(const SnapshotDiff& diff, const TopContext& context,
                               const TopSettings& settings);
 
@@ -39,9 +44,9 @@ std::vector<std::string> topHeader(const SnapshotDiff& diff, const TopContext& c
                                    const TopSettings& settings, double selfCpuPercent,
                                    size_t width);
 
-// The column headings and one line per row, each cut to `width`.
-std::string topColumns(const TopContext& context, bool kthreads);
-std::string topRowLine(const TaskRate& row, const TopContext& context, bool kthreads);
+// The column headings and one line per row. A cgroup's path comes last, as it is long.
+std::string topColumns(const TopContext& context, TopTable table);
+std::string topRowLine(const TaskRate& row, const TopContext& context, TopTable table);
 
 // Header, blank line, column headings and the first `maxRows` rows (all when 0).
 std::vector<std::string> topFrame(const SnapshotDiff& diff, const TopContext& context,
