@@ -3,9 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <vector>
 
 #include "known_snapshot_for_testing.h"
+#include "zelkcpufreqtime_cgroups.h"
 
 namespace zelk::cli {
 namespace {
@@ -164,6 +167,7 @@ Snapshot energySnapshot() {
   s.total = {{1000000000, 750000000}};
   s.processes[{"app", 1}] = {{1000000000, 500000000}};
   s.kthreads[{"k", 1}] = {{0, 250000000}};
+  s.cgroups = {{1, "/", {{1000000000, 500000000}}}};
   return s;
 }
 
@@ -182,6 +186,7 @@ TEST(RenderExposition, EnergyCountersInJoulesOrCoulombsWithTheModel) {
       << text;
   EXPECT_NE(text.find("\nzelk_kthread_cpu_joules_total{comm=\"k\"} 0.1\n"), std::string::npos);
   EXPECT_NE(text.find("\nzelk_cpu_joules_total 0.4\n"), std::string::npos);
+  EXPECT_NE(text.find("\nzelk_cgroup_energy_joules_total{cgroup=\"/\"} 0.3\n"), std::string::npos);
   const std::string om = renderExposition(input, ExpositionFormat::kOpenMetrics);
   EXPECT_NE(
       om.find("# TYPE zelk_process_cpu_joules counter\n# UNIT zelk_process_cpu_joules joules\n"),
@@ -196,12 +201,109 @@ TEST(RenderExposition, EnergyCountersInJoulesOrCoulombsWithTheModel) {
   EXPECT_NE(text.find("\nzelk_process_cpu_coulombs_total{comm=\"app\",foreground=\"true\"} 0.36\n"),
             std::string::npos)
       << text;
+  EXPECT_NE(text.find("\nzelk_cgroup_charge_coulombs_total{cgroup=\"/\"} 0.36\n"),
+            std::string::npos);
   EXPECT_EQ(text.find("joules"), std::string::npos);
 
   // Without a model, no energy family at all.
   input.model = nullptr;
   EXPECT_EQ(renderExposition(input, ExpositionFormat::kText).find("zelk_cpu_joules"),
             std::string::npos);
+}
+
+}  // namespace
+}  // namespace zelk::cli
+
+namespace zelk::cli {
+namespace {
+
+const std::string kPodUid = "e9fd6274-59d1-11e9-af90-9e3c8464d679";
+const std::string kContainer = "4f797c539e6c745de61a93ca3ff892358ecbcaccd8414d5db545c38428142970";
+const std::string kPod = "/kubepods/burstable/pod" + kPodUid;
+
+// Five levels under /kubepods (a pod's container and a cgroup inside it), a unit, the root's own
+// tasks, a cgroup removed unseen and the overflow entry; one policy at 1 and 2 GHz.
+Snapshot cgroupSnapshot() {
+  Snapshot s;
+  s.parts = kAllParts | kCgroupsPart;
+  s.freqs = {{1000000, 2000000}};
+  s.cgroups = {{1, "/", {{1000000000, 0}}},
+               {20, "/system.slice/nginx.service", {{0, 2000000000}}},
+               {30, kPod + "/" + kContainer, {{500000000, 0}}},
+               {31, kPod + "/" + kContainer + "/sub", {{250000000, 250000000}}},
+               {40, std::nullopt, {{3000000000, 0}}},
+               {lib::kOverflowCgroupId, std::nullopt, {{0, 4000000000}}}};
+  return s;
+}
+
+// A family's series in the text format: labels to value.
+std::map<std::string, std::string> seriesOf(const std::string& text, const std::string& name) {
+  std::map<std::string, std::string> series;
+  for (size_t at = 0; (at = text.find("\n" + name + "{", at)) != std::string::npos;) {
+    const size_t labels = at + name.size() + 1, space = text.find("} ", labels);
+    const size_t end = text.find('\n', space);
+    series[text.substr(labels, space + 1 - labels)] = text.substr(space + 2, end - space - 2);
+    at = end;
+  }
+  return series;
+}
+
+TEST(RenderExposition, CgroupRowsToTheDepthWithWorkloadsAndCountersThatNeverFall) {
+  Snapshot s = cgroupSnapshot();
+  const std::regex units("/system\\.slice.*");
+  ExpositionInput input;
+  input.snapshot = &s;
+  input.perFrequency = &units;
+  input.cgroups.depth = 4;
+  const std::string text = renderExposition(input, ExpositionFormat::kText);
+  const std::string pod = "{cgroup=\"" + kPod + "\",pod_uid=\"" + kPodUid + "\"}";
+  const std::string container = "{cgroup=\"" + kPod + "/" + kContainer + "\",container_id=\"" +
+                                kContainer + "\",pod_uid=\"" + kPodUid + "\"}";
+  const std::string nginx = "{cgroup=\"/system.slice/nginx.service\",unit=\"nginx.service\",";
+  // Each parent is its own time plus its children's; sub counts in its container at depth 4. The
+  // paths --per-frequency matches in whole have a series per frequency instead of one.
+  const std::map<std::string, std::string> expected = {
+      {"{cgroup=\"/\"}", "4"},
+      {"{cgroup=\"/kubepods\"}", "1"},
+      {"{cgroup=\"/kubepods/burstable\"}", "1"},
+      {pod, "1"},
+      {container, "1"},
+      {"{cgroup=\"/system.slice\",policy=\"0\",freq_khz=\"1000000\"}", "0"},
+      {"{cgroup=\"/system.slice\",policy=\"0\",freq_khz=\"2000000\"}", "2"},
+      {nginx + "policy=\"0\",freq_khz=\"1000000\"}", "0"},
+      {nginx + "policy=\"0\",freq_khz=\"2000000\"}", "2"},
+      {"{cgroup=\"<removed cgroups>\"}", "3"},
+      {"{cgroup=\"<map overflowed>\"}", "4"}};
+  EXPECT_EQ(seriesOf(text, "zelk_cgroup_cpu_seconds_total"), expected) << text;
+  EXPECT_EQ(seriesOf(text, "zelk_cgroup_cpu_cycles_total")[container], "1250000000");
+
+  // Series bounded by the depth: the cgroups at most that deep, and the two rows without a path.
+  const size_t cgroupsAtDepth[] = {1, 3, 5, 6, 7, 8};
+  input.perFrequency = nullptr;
+  for (unsigned depth = 0; depth <= 5; ++depth) {
+    input.cgroups.depth = depth;
+    const auto series =
+        seriesOf(renderExposition(input, ExpositionFormat::kText), "zelk_cgroup_cpu_seconds_total");
+    EXPECT_EQ(series.size(), cgroupsAtDepth[depth] + 2) << depth;
+    for (const auto& [labels, value] : series) {
+      EXPECT_LE(std::count(labels.begin(), labels.end(), '/'), std::max(depth, 1u)) << labels;
+    }
+  }
+
+  // The container and its sub are removed (the library keeps their ids and last paths), and a
+  // new container at the same path runs 1.5 s: its row and its ancestors' grow by that.
+  const auto before =
+      seriesOf(renderExposition(input, ExpositionFormat::kText), "zelk_cgroup_cpu_seconds_total");
+  s.cgroups.push_back({32, kPod + "/" + kContainer, {{1000000000, 500000000}}});
+  const auto after =
+      seriesOf(renderExposition(input, ExpositionFormat::kText), "zelk_cgroup_cpu_seconds_total");
+  ASSERT_EQ(after.size(), before.size());
+  for (const auto& [labels, value] : before) {
+    const bool grows =
+        labels.find("/sub") == std::string::npos &&
+        (labels == "{cgroup=\"/\"}" || labels.find("\"/kubepods") != std::string::npos);
+    EXPECT_EQ(std::stod(after.at(labels)) - std::stod(value), grows ? 1.5 : 0) << labels;
+  }
 }
 
 }  // namespace

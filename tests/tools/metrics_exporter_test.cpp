@@ -21,6 +21,7 @@ struct FakeLibrary {
   std::atomic<int> processFailures{0};
   std::atomic<int> processCalls{0};
   std::chrono::milliseconds processDelay{0};
+  std::atomic<bool> cgroupsFail{false};
 
   CollectSources sources() {
     CollectSources sources;
@@ -40,6 +41,9 @@ struct FakeLibrary {
       return std::optional<lib::ClassTimePartsTable>(s.topParts);
     };
     sources.queries.bgParts = [this] { return std::optional<lib::ClassTimePartsTable>(s.bgParts); };
+    sources.queries.cgroups = [this] {
+      return cgroupsFail ? std::nullopt : std::optional<CgroupEntries>(s.cgroups);
+    };
     sources.maps = [] { return std::vector<MapFill>{}; };
     sources.overflow = [] { return std::optional<lib::OverflowCounts>(); };
     return sources;
@@ -76,6 +80,18 @@ TEST(MetricsExporter, RetriesAFailedWalkThenAnswersInFullOr503) {
   EXPECT_EQ(response.contentType, "application/openmetrics-text; version=1.0.0; charset=utf-8");
   EXPECT_NE(response.body.find("\nzelk_exporter_failed_scrapes_total 1\n"), std::string::npos);
   EXPECT_NE(response.body.find("\nzelk_exporter_query_failures_total 5\n"), std::string::npos);
+
+  // The cgroup table is read with the others, and fails the scrape as they do.
+  fake.s.cgroups = {{1, "/", {{1, 0, 0}, {0}}}};
+  response = exporter.scrape("");
+  EXPECT_NE(response.body.find("\nzelk_cgroup_cpu_seconds_total{cgroup=\"/\"} 0.000000001\n"),
+            std::string::npos)
+      << response.body;
+  fake.cgroupsFail = true;
+  response = exporter.scrape("");
+  EXPECT_EQ(response.status, 503);
+  EXPECT_NE(response.body.find("getCgroupCpuFreqTimes failed 3 times"), std::string::npos)
+      << response.body;
 }
 
 TEST(MetricsExporter, ConcurrentScrapersShareACollectionNoOlderThanTheirRequest) {

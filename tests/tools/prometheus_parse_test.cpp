@@ -13,6 +13,7 @@
 #include "serve/http_server.h"
 #include "serve/metrics_exporter.h"
 #include "serve_bed.h"
+#include "zelkcpufreqtime_cgroups.h"
 
 namespace zelk::testbed {
 namespace {
@@ -43,6 +44,15 @@ Snapshot hostileSnapshot() {
     s.bgParts[{name, 0}] = {ns * 7, 0};
     ns += 1000;
   }
+  // Five levels under /l1, a unit, names a directory may have, a removed cgroup, the overflow.
+  s.parts |= kCgroupsPart;
+  s.cgroups = {{1, "/", {{1000, 0, 0}}},
+               {2, "/l1/l2/l3/l4/l5", {{2000, 0, 1000}}},
+               {3, "/l1/l2/l3", {{3000, 0, 0}}},
+               {4, "/system.slice/nginx.service", {{0, 4000, 0}}},
+               {5, "/we\"ird\\/new\nline \xff", {{5000, 0, 0}}},
+               {6, std::nullopt, {{6000, 0, 0}}},
+               {lib::kOverflowCgroupId, std::nullopt, {{7000, 0, 0}}}};
   return s;
 }
 
@@ -54,6 +64,7 @@ CollectSources sourcesOf(const Snapshot& s) {
   sources.queries.kthreads = [s] { return std::optional<lib::TimeInStateTable>(s.kthreads); };
   sources.queries.topParts = [s] { return std::optional<lib::ClassTimePartsTable>(s.topParts); };
   sources.queries.bgParts = [s] { return std::optional<lib::ClassTimePartsTable>(s.bgParts); };
+  sources.queries.cgroups = [s] { return std::optional<CgroupEntries>(s.cgroups); };
   sources.maps = [] { return std::vector<MapFill>{{"process_time_in_state_map", 40, 4096, {}}}; };
   sources.overflow = [] { return std::optional<lib::OverflowCounts>({{1, 2, 3}}); };
   return sources;
@@ -93,8 +104,8 @@ class PrometheusParseTest : public KernelTest {
 
 TEST_F(PrometheusParseTest, ScrapesHostileNamesInBothFormats) {
   const Snapshot snapshot = hostileSnapshot();
-  const std::regex selected("x.*");
-  MetricsExporter exporter(sourcesOf(snapshot), {}, &selected);
+  const std::regex selected("x.*|/l1.*");
+  MetricsExporter exporter(sourcesOf(snapshot), {}, &selected, nullptr, 0, {2, nullptr});
   std::mutex mutex;
   std::string askedFor;  // the Accept header of Prometheus's last scrape
   HttpServer openMetrics, text;
@@ -148,6 +159,13 @@ scrape_configs:
     EXPECT_DOUBLE_EQ(value("zelk_process_cpu_frequency_seconds_total" + of +
                            ",comm=\"x\\ufffd\",foreground=\"false\",freq_khz=\"300000\"}"),
                      0.000019)
+        << job;
+    // Depth 2: /, /l1, /l1/l2, the unit and its slice, the two others, the removed, the overflow;
+    // /l1 and /l1/l2, which --per-frequency selects, as a series per frequency (two distinct).
+    EXPECT_EQ(value("count(zelk_cgroup_cpu_seconds_total" + of + "})"), 11.0) << job;
+    EXPECT_EQ(value("count(zelk_cgroup_cpu_seconds_total" + of + ",freq_khz!=\"\"})"), 4.0) << job;
+    EXPECT_DOUBLE_EQ(value("sum(zelk_cgroup_cpu_seconds_total" + of + ",cgroup=\"/l1/l2\"})"),
+                     0.000006)
         << job;
   }
   std::lock_guard<std::mutex> lock(mutex);

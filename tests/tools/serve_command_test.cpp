@@ -1,5 +1,6 @@
 // The built zelkcputime serve in the test's private mount and network namespaces: its command
 // line and address errors, a real Prometheus that scrapes it, and eight scrapers at once.
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <bpf/bpf.h>
@@ -20,6 +21,7 @@
 #include "e2e_bed.h"
 #include "maps.h"
 #include "serve_bed.h"
+#include "zelkcpufreqtime_cgroups.h"
 
 namespace zelk::testbed {
 namespace {
@@ -56,6 +58,8 @@ TEST_F(ServeTest, CommandLineAndAddressErrors) {
       {{"serve", "--listen", "localhost:80"}, "--listen takes an IPv4 address"},
       {{"serve", "--listen"}, "--listen takes a value"},
       {{"serve", "--per-frequency", "(unclosed"}, "--per-frequency: not a regular expression"},
+      {{"serve", "--cgroup-depth", "65"}, "--cgroup-depth takes a number of levels .* to 64"},
+      {{"serve", "--cgroup-match", "(unclosed"}, "--cgroup-match takes a regular expression"},
       {{"serve", "now"}, "serve takes no argument"},
       {{"show", "total", "--listen", "127.0.0.1:1"}, "--listen does not apply to show"},
   };
@@ -264,6 +268,71 @@ TEST_F(ServeTest, ForegroundTimeCounterNeverFallsAsTasksOfTheNameComeAndGo) {
     if (i > 0) {
       EXPECT_GE(counted[i], counted[i - 1]) << "scrape " << i;
     }
+  }
+  EXPECT_EQ(serve->stop(), 0) << serve->output();
+}
+
+// The test's cgroups under the v2 mount, removed deepest first once their tasks have ended.
+struct CgroupDirs {
+  ~CgroupDirs() {
+    for (auto it = made.rbegin(); it != made.rend(); ++it) rmdir((mount + *it).c_str());
+  }
+  bool make(const std::string& path) {
+    made.push_back(path);
+    return mkdir((mount + path).c_str(), 0755) == 0;
+  }
+  bool join(const std::string& path, pid_t pid) const {
+    return android::base::WriteStringToFile(std::to_string(pid), mount + path + "/cgroup.procs");
+  }
+  // The cgroup's id: its directory's inode number.
+  ino_t id(const std::string& path) const {
+    struct stat st = {};
+    return stat((mount + path).c_str(), &st) == 0 ? st.st_ino : 0;
+  }
+
+  std::string mount = com::zelkora::getCgroupV2Mount();
+  std::vector<std::string> made;
+};
+
+// A cgroup's counter never falls: when it is removed and another is made at its path, the new
+// one's time adds to it, and to its ancestors'.
+TEST_F(ServeTest, CgroupCounterGrowsAcrossANewCgroupAtARemovedOnesPath) {
+  CgroupDirs dirs;
+  if (dirs.mount.empty()) ZELK_SKIP_OR_FAIL("no cgroup v2 hierarchy mounted");
+  addMachinePolicy({300000, 600000});
+  std::optional<Background> serve;
+  ASSERT_NO_FATAL_FAILURE(startServe(&serve));
+  const std::string top = "/zelk-serve-test-" + std::to_string(getpid()), leaf = top + "/a/b";
+  for (const std::string& path : {top, top + "/a", leaf}) ASSERT_TRUE(dirs.make(path)) << path;
+  const auto counter = [](const std::string& path) {
+    return scrapedValue("zelk_cgroup_cpu_seconds_total\\{cgroup=\"" + path + "\"\\}");
+  };
+  double leafBefore = 0, topBefore = 0;
+  const ino_t firstId = dirs.id(leaf);
+  for (int round = 0; round < 2; ++round) {
+    if (round == 1) {
+      ASSERT_EQ(rmdir((dirs.mount + leaf).c_str()), 0) << strerror(errno);
+      ASSERT_EQ(mkdir((dirs.mount + leaf).c_str(), 0755), 0) << strerror(errno);
+      ASSERT_NE(dirs.id(leaf), firstId) << "the same cgroup again";
+    }
+    // A new child each round, in the leaf for its spin only, then back in the parent.
+    Child child = spinner("zelkcg", {400});
+    const uint64_t before = runtimeAtWord(child), untaskedBefore = untaskedNs();
+    ASSERT_TRUE(dirs.join(leaf, child.pid())) << strerror(errno);
+    child.go();
+    const double runtime = (runtimeAtWord(child) - before) / 1e9;
+    const double untasked = (untaskedNs() - untaskedBefore) / 1e9;
+    ASSERT_TRUE(dirs.join(top + "/a", child.pid())) << strerror(errno);
+    const double leafNow = counter(leaf), topNow = counter(top);
+    printf("round %d: the leaf's counter grew %.6f s, the child ran %.6f s\n", round,
+           leafNow - leafBefore, runtime);
+    EXPECT_GE(leafNow - leafBefore, 0.98 * runtime) << "round " << round;
+    EXPECT_LE(leafNow - leafBefore, 1.02 * runtime + untasked) << "round " << round;
+    EXPECT_GE(topNow - topBefore, leafNow - leafBefore) << "round " << round;
+    leafBefore = leafNow;
+    topBefore = topNow;
+    child.go();
+    EXPECT_EQ(child.wait(), 0);
   }
   EXPECT_EQ(serve->stop(), 0) << serve->output();
 }

@@ -38,20 +38,29 @@ constexpr const char kUsage[] =
     "  show kthread NAME       one kernel thread\n"
     "  show top | show bg      foreground or background time per task name\n"
     "  show freqs              the frequency table\n"
+    "  show cgroups [--depth N] [--match REGEX]  time per cgroup v2, each row with its\n"
+    "                          descendants', folded N levels below the root, the paths\n"
+    "                          REGEX finds; units, containers and pods named\n"
+    "  show cgroup PATH        one cgroup with its descendants (PATH under the v2 mount)\n"
     "  show energy [total | processes | kthreads | kthread NAME |\n"
-    "               process NAME [--flag | --background]]\n"
+    "               process NAME [--flag | --background] |\n"
+    "               cgroups [--depth N] [--match REGEX]]\n"
     "      [--model PATH] [--voltage V]  energy per task from a power model: an Energy Model\n"
     "                          directory (default /sys/kernel/debug/energy_model), a\n"
     "                          power_profile.xml (charge in µAh, or energy at V volts) or a\n"
     "                          CSV file policy,freq_khz,power_uw\n"
-    "  top [--interval S] [--model PATH] [--kthreads] [--batch --iterations N] [--limit N]\n"
+    "  top [--interval S] [--model PATH] [--kthreads | --cgroups [--depth N] [--match REGEX]]\n"
+    "      [--batch --iterations N] [--limit N]\n"
     "                          live view of the last interval (default 2 s): CPU use, average\n"
-    "                          frequency, bands and power per task; keys c/p/f sort by CPU,\n"
-    "                          power, frequency, k kernel threads, space freezes, q quits\n"
-    "  reset processes | kthreads | total | topbg | process NAME [--flag] | kthread NAME\n"
+    "                          frequency, bands and power per task, or per cgroup with its\n"
+    "                          descendants; keys c/p/f sort by CPU, power, frequency,\n"
+    "                          k kernel threads, g cgroups, space freezes, q quits\n"
+    "  reset processes | kthreads | total | topbg | cgroups | process NAME [--flag] |\n"
+    "        kthread NAME\n"
     "  serve [--listen ADDR:PORT] [--per-frequency REGEX] [--model PATH [--voltage V]]\n"
     "                          load if needed, track, and serve Prometheus metrics on\n"
     "                          http://ADDR:PORT/metrics (default 127.0.0.1:10410) until stopped\n"
+    "        [--cgroup-depth N] [--cgroup-match REGEX]  cgroups N levels deep (default 3)\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
     "  --limit N               at most N rows per table (0: all; default 20 in tables, 10 in\n"
@@ -81,8 +90,8 @@ const Command kCommands[] = {
     {"reset", runReset, {"--flag"}},
     {"top",
      runTop,
-     {"--interval", "--iterations", "--batch", "--kthreads", "--cgroups", "--model", "--voltage",
-      "--limit", "--sample", "--sample-ms"}},
+     {"--interval", "--iterations", "--batch", "--kthreads", "--cgroups", "--depth", "--match",
+      "--model", "--voltage", "--limit", "--sample", "--sample-ms"}},
     {"serve",
      runServe,
      {"--listen", "--model", "--voltage", "--per-frequency", "--sample", "--sample-ms",

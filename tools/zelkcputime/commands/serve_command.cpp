@@ -15,6 +15,7 @@
 #include "machine/environment.h"
 #include "machine/power_model_file.h"
 #include "machine/tracking.h"
+#include "model/cgroup_rows.h"
 #include "object_loader.h"
 #include "serve/http_server.h"
 #include "serve/metrics_exporter.h"
@@ -58,6 +59,11 @@ int runServe(const Options& options) {
     } catch (const std::regex_error& error) {
       return usageError("--per-frequency: not a regular expression: " + options.perFrequency);
     }
+  }
+  // Checked when the options were read.
+  std::optional<std::regex> cgroupMatch;
+  if (options.given.count("--cgroup-match") != 0) {
+    cgroupMatch.emplace(options.cgroupMatch, std::regex::ECMAScript | std::regex::nosubs);
   }
   if (std::string message = checkRoot(); !message.empty()) return fail(message);
 
@@ -108,8 +114,13 @@ int runServe(const Options& options) {
     if (!loaded.model) return fail(loaded.error);
     model = std::move(loaded.model);
   }
+  if (const std::string note = cgroupV2Note(); !note.empty()) {
+    fprintf(stderr, "zelkcputime: note: %s\n", note.c_str());
+  }
   exporter.emplace(CollectSources{}, SnapshotRequest{}, perFrequency ? &*perFrequency : nullptr,
-                   model ? &*model : nullptr, sampled.sampledMs);
+                   model ? &*model : nullptr, sampled.sampledMs,
+                   CgroupRowSettings{options.cgroupDepth.value_or(kServeCgroupDepth),
+                                     cgroupMatch ? &*cgroupMatch : nullptr});
   tracking = true;
   // Beside another tracker the counts grow while that one runs.
   printOut("serving http://" + address.text() + "/metrics; tracking in process " +

@@ -14,6 +14,9 @@ void collectEnergy(const ExpositionInput& input, std::vector<Family>* families);
 void collectSystemTimes(const ExpositionInput& input, std::vector<Family>* families);
 // CPU time and cycles of the processes and the kernel threads, and per frequency where asked.
 void collectTaskTimes(const ExpositionInput& input, std::vector<Family>* families);
+// CPU time, cycles and (with a model) energy of each cgroup row, its descendants' included, and
+// per frequency where asked.
+void collectCgroupTimes(const ExpositionInput& input, std::vector<Family>* families);
 // Time in the foreground and in the background per name.
 void collectClassTimes(const ExpositionInput& input, std::vector<Family>* families);
 // The frequency table and where the counts take the frequency from.

@@ -6,8 +6,8 @@ namespace zelk::cli {
 
 const std::vector<Collector>& collectors() {
   static const std::vector<Collector> kCollectors = {
-      collectEnergy,      collectSystemTimes, collectTaskTimes,     collectClassTimes,
-      collectFrequencies, collectMapFill,     collectExporterHealth};
+      collectEnergy,     collectSystemTimes, collectTaskTimes, collectCgroupTimes,
+      collectClassTimes, collectFrequencies, collectMapFill,   collectExporterHealth};
   return kCollectors;
 }
 

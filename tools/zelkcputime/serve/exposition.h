@@ -23,12 +23,18 @@ struct ExporterStats {
   uint64_t failedScrapes = 0;  // scrapes answered 503 so far
 };
 
+// Levels of cgroups below the root that serve shows unless --cgroup-depth says otherwise: enough
+// for a systemd slice, its units and a container's scope, with series bounded by that.
+inline constexpr unsigned kServeCgroupDepth = 3;
+
 struct ExpositionInput {
   const Snapshot* snapshot = nullptr;  // every part
   std::vector<MapFill> maps;           // entries and capacity; overflowNs is not used
   std::optional<com::zelkora::OverflowCounts> overflow;
-  const std::regex* perFrequency = nullptr;         // names whose time is also shown per frequency
-  const com::zelkora::PowerModel* model = nullptr;  // energy (or charge) counters when given
+  // Task names and cgroup paths whose time is also shown per frequency.
+  const std::regex* perFrequency = nullptr;
+  CgroupRowSettings cgroups{kServeCgroupDepth, nullptr};  // which cgroup rows, folded how deep
+  const com::zelkora::PowerModel* model = nullptr;        // energy (or charge) counters when given
   unsigned sampledMs = 0;  // the sampler's period when frequencies are sampled, not followed
   ExporterStats stats;
 };

@@ -25,14 +25,16 @@ std::function<std::optional<T>()> counted(std::function<std::optional<T>()> quer
 
 MetricsExporter::MetricsExporter(CollectSources sources, SnapshotRequest request,
                                  const std::regex* perFrequency,
-                                 const com::zelkora::PowerModel* model, unsigned sampledMs)
+                                 const com::zelkora::PowerModel* model, unsigned sampledMs,
+                                 CgroupRowSettings cgroups)
     : sources_(std::move(sources)),
       request_(request),
       perFrequency_(perFrequency),
       model_(model),
       sampledMs_(sampledMs),
+      cgroups_(cgroups),
       queryFailures_(std::make_shared<std::atomic<uint64_t>>(0)) {
-  request_.parts = kTotalPart | kProcessesPart | kKthreadsPart | kClassPartsPart;
+  request_.parts = kTotalPart | kProcessesPart | kKthreadsPart | kClassPartsPart | kCgroupsPart;
   SnapshotQueries& q = sources_.queries;
   q.freqs = counted(std::move(q.freqs), queryFailures_);
   q.total = counted(std::move(q.total), queryFailures_);
@@ -40,6 +42,7 @@ MetricsExporter::MetricsExporter(CollectSources sources, SnapshotRequest request
   q.kthreads = counted(std::move(q.kthreads), queryFailures_);
   q.topParts = counted(std::move(q.topParts), queryFailures_);
   q.bgParts = counted(std::move(q.bgParts), queryFailures_);
+  q.cgroups = counted(std::move(q.cgroups), queryFailures_);
 }
 
 Collected MetricsExporter::collectNow() {
@@ -100,6 +103,7 @@ HttpResponse MetricsExporter::scrape(const std::string& accept) {
   input.maps = collected->maps;
   input.overflow = collected->overflow;
   input.perFrequency = perFrequency_;
+  input.cgroups = cgroups_;
   input.model = model_;
   input.sampledMs = sampledMs_;
   input.stats = {collected->collectNs, *queryFailures_, failedScrapes_};

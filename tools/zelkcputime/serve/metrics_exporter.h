@@ -47,11 +47,11 @@ class MetricsExporter {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // `perFrequency`, when given, outlives the exporter.
-  // `model`, when given, outlives the exporter too.
+  // `perFrequency`, `model` and `cgroups.match`, when given, outlive the exporter.
   explicit MetricsExporter(CollectSources sources = {}, SnapshotRequest request = {},
                            const std::regex* perFrequency = nullptr,
-                           const com::zelkora::PowerModel* model = nullptr, unsigned sampledMs = 0);
+                           const com::zelkora::PowerModel* model = nullptr, unsigned sampledMs = 0,
+                           CgroupRowSettings cgroups = {kServeCgroupDepth, nullptr});
 
   // A collection that started at or after `arrival`: the one under way if it started since,
   // else a new one. Concurrent scrapers thus share a walk of the maps, and none is older than
@@ -72,6 +72,7 @@ class MetricsExporter {
   const std::regex* perFrequency_;
   const com::zelkora::PowerModel* model_;
   unsigned sampledMs_;
+  CgroupRowSettings cgroups_;
   // Shared with the counting wrappers of the queries in sources_.
   std::shared_ptr<std::atomic<uint64_t>> queryFailures_;
   std::atomic<uint64_t> failedScrapes_{0};

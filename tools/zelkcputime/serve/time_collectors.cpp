@@ -1,7 +1,10 @@
-// The collectors of counted time: the whole system's, the tasks', the classes', and its energy.
+// The collectors of counted time: the whole system's, the tasks', the cgroups', the classes', and
+// its energy.
 #include <algorithm>
+#include <optional>
 #include <tuple>
 
+#include "model/cgroup_rows.h"
 #include "model/energy.h"
 #include "model/task_rows.h"
 #include "model/times.h"
@@ -86,12 +89,8 @@ void addClassTimes(const lib::ClassTimePartsTable& table, Family* closed, Family
 
 // The counters of a power model, in the unit the model's results have: joules, coulombs for a
 // current-based profile, or the abstract scale's own unit.
-struct EnergyFamilies {
-  explicit EnergyFamilies(const lib::PowerModel& model)
-      : unit(unitInfo(model.unit)),
-        total(family("zelk_cpu", "the whole system")),
-        process(family("zelk_process_cpu", "the processes of each name")),
-        kthread(family("zelk_kthread_cpu", "the kernel threads of each name")) {}
+struct EnergyScale {
+  explicit EnergyScale(const lib::PowerModel& model) : unit(unitInfo(model.unit)) {}
 
   Family family(const std::string& prefix, const std::string& whose) const {
     return Family(prefix + unit.metricSuffix, MetricKind::kCounter, unit.metricUnit,
@@ -101,20 +100,44 @@ struct EnergyFamilies {
     return static_cast<Units>(estimate.energy) * unit.metricMicros;
   }
 
+  const EnergyUnitInfo& unit;
+};
+
+struct EnergyFamilies {
+  explicit EnergyFamilies(const lib::PowerModel& model)
+      : scale(model),
+        total(scale.family("zelk_cpu", "the whole system")),
+        process(scale.family("zelk_process_cpu", "the processes of each name")),
+        kthread(scale.family("zelk_kthread_cpu", "the kernel threads of each name")) {}
+
   void add(const lib::PowerModel& model, const Snapshot& s) {
-    if (const auto estimate = lib::estimateEnergy(model, s.total)) total.add("", value(*estimate));
+    if (const auto estimate = lib::estimateEnergy(model, s.total)) {
+      total.add("", scale.value(*estimate));
+    }
     for (const auto& [table, family, processes] :
          {std::tuple{&s.processes, &process, true}, std::tuple{&s.kthreads, &kthread, false}}) {
       for (const Task& task : byName(*table)) {
         const auto estimate = lib::estimateEnergy(model, *task.times);
-        if (estimate) family->add(taskLabels(task, processes), value(*estimate));
+        if (estimate) family->add(taskLabels(task, processes), scale.value(*estimate));
       }
     }
   }
 
-  const EnergyUnitInfo& unit;
+  EnergyScale scale;
   Family total, process, kthread;
 };
+
+// {cgroup="/path",...} without its closing brace, so that the frequency's labels can follow: the
+// workload's labels where its path names one.
+std::string cgroupLabels(const CgroupRow& row) {
+  std::string out = "{cgroup=" + labelValue(row.path);
+  for (const auto& [name, value] : {std::pair{",unit=", &row.workload.unit},
+                                    std::pair{",container_id=", &row.workload.containerId},
+                                    std::pair{",pod_uid=", &row.workload.podUid}}) {
+    if (!value->empty()) out += name + labelValue(*value);
+  }
+  return out;
+}
 
 }  // namespace
 
@@ -166,6 +189,50 @@ void collectTaskTimes(const ExpositionInput& input, std::vector<Family>* familie
                          &kthreadCycles, &kthreadFrequency}) {
     families->push_back(std::move(*family));
   }
+}
+
+void collectCgroupTimes(const ExpositionInput& input, std::vector<Family>* families) {
+  const Snapshot& s = *input.snapshot;
+  Family seconds("zelk_cgroup_cpu_seconds", MetricKind::kCounter, "seconds",
+                 "CPU time of each cgroup v2 with all its descendants; cgroups below "
+                 "--cgroup-depth count in their ancestor at that depth. A cgroup that "
+                 "--per-frequency selects has one series per policy and frequency, which sum to "
+                 "its time; any other one series over all frequencies.",
+                 kNs);
+  Family cycles("zelk_cgroup_cpu_cycles", MetricKind::kCounter, "",
+                "CPU time times frequency of each cgroup with all its descendants.", kNsTimesKhz);
+  std::optional<EnergyScale> scale;
+  std::optional<Family> energy;
+  if (input.model != nullptr) {
+    scale.emplace(*input.model);
+    // zelk_cgroup_energy_joules, zelk_cgroup_charge_coulombs for a current-based profile, or
+    // zelk_cgroup_energy_abstract for an abstract scale.
+    const std::string suffix = scale->unit.metricSuffix;
+    const char* prefix = suffix == "_joules"     ? "zelk_cgroup_energy"
+                         : suffix == "_coulombs" ? "zelk_cgroup_charge"
+                                                 : "zelk_cgroup";
+    energy = scale->family(prefix, "each cgroup with all its descendants");
+  }
+  for (const CgroupRow& row : cgroupRows(s.cgroups, input.cgroups)) {
+    const std::string open = cgroupLabels(row), own = open + "}";
+    cycles.add(own, cyclesOf(s.freqs, row.times));
+    if (energy) {
+      if (const auto estimate = lib::estimateEnergy(*input.model, row.times)) {
+        energy->add(own, scale->value(*estimate));
+      }
+    }
+    if (input.perFrequency == nullptr || !std::regex_match(row.path, *input.perFrequency)) {
+      seconds.add(own, row.total);
+      continue;
+    }
+    forEachFrequency(s.freqs, row.times, [&](size_t p, uint64_t khz, uint64_t ns) {
+      seconds.add(
+          open + ",policy=\"" + std::to_string(p) + "\",freq_khz=\"" + std::to_string(khz) + "\"}",
+          ns);
+    });
+  }
+  for (Family* family : {&seconds, &cycles}) families->push_back(std::move(*family));
+  if (energy) families->push_back(std::move(*energy));
 }
 
 void collectClassTimes(const ExpositionInput& input, std::vector<Family>* families) {
