@@ -148,3 +148,18 @@ static __always_inline bool zelk_is_new_thread(struct task_struct* parent, __u32
   return zelk_find_in_list(&signal->thread_head,
                            bpf_core_field_offset(struct task_struct, thread_node), pid) != NULL;
 }
+
+/* The running task's cgroup v2 id, as bpf_get_current_cgroup_id() reads it (the cgroup of its
+ * default hierarchy, and that cgroup's kernfs id): with four plain loads where the task has a BTF
+ * pointer and the id is the 64-bit one of Linux 5.5 on, which took sched_switch from 0.45-0.48x
+ * to 0.40-0.44x of the one-liner here; the helper elsewhere. */
+static __always_inline __u64 zelk_running_cgroup_id(void) {
+#ifndef ZELK_PROBE_READS_ONLY
+  if (bpf_core_enum_value_exists(enum bpf_func_id, BPF_FUNC_get_current_task_btf) &&
+      bpf_core_field_size(struct kernfs_node, id) == 8) {
+    struct task_struct* task = bpf_get_current_task_btf();
+    return task->cgroups->dfl_cgrp->kn->id;
+  }
+#endif
+  return bpf_get_current_cgroup_id();
+}

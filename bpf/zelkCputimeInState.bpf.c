@@ -97,7 +97,7 @@ static __always_inline void zelk_add_task_time(void* map, bool classes,
  * The overflow entry goes in first, as for names. Without a v2 hierarchy mounted every task is in
  * the root's cgroup, so the map holds the root's id alone. */
 static __always_inline void zelk_add_cgroup_time(__u32 slot, __u64 delta) {
-  zelk_cgroup_id id = bpf_get_current_cgroup_id();
+  zelk_cgroup_id id = zelk_running_cgroup_id();
   struct zelk_time_in_state* value = bpf_map_lookup_elem(&cgroup_time_in_state_map, &id);
 
   if (!value) {

@@ -53,7 +53,9 @@ ZELK_API std::string getCgroupV2Mount();
 // The path of `id` relative to the mount, "/" for the root, "/system.slice/foo.service" below it;
 // empty when no cgroup of this id was seen.
 ZELK_API std::optional<std::string> getCgroupPath(uint64_t id);
-// The paths of many ids, with at most one walk of the mount: a path or nothing for each id.
+// The paths of many ids, with at most one walk of the mount: a path or nothing for each id. A walk
+// forgets the removed cgroups that `ids` no longer holds: pass a table's ids, and the paths kept
+// are those of its cgroups.
 ZELK_API std::vector<std::optional<std::string>> getCgroupPaths(const std::vector<uint64_t>& ids);
 // The id of the cgroup at `path`, relative to the mount as getCgroupPath gives it or absolute;
 // empty with errno set when there is none.

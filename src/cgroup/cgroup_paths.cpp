@@ -149,6 +149,9 @@ std::vector<std::optional<std::string>> getCgroupPaths(const std::vector<uint64_
       it = gPresent.count(it->first) == 0 && asked.count(it->first) == 0 ? gPaths.erase(it)
                                                                          : std::next(it);
     }
+    for (auto it = gMissed.begin(); it != gMissed.end();) {
+      it = asked.count(*it) == 0 ? gMissed.erase(it) : std::next(it);
+    }
   }
   return paths;
 }
