@@ -29,10 +29,11 @@ TEST_F(LoadCommandTest, LoadTakesMapSizes) {
   struct stat st;
   EXPECT_NE(stat(kTotalPin, &st), 0);
 
-  run = runTool({"load", "--names", "64", "--kthreads", "32", "--pids", "128"});
+  run = runTool({"load", "--names", "64", "--kthreads", "32", "--pids", "128", "--cgroups", "16"});
   ASSERT_EQ(run.status, 0) << run.output;
   EXPECT_TRUE(contains(run.output,
-                       "^loaded zelkCputimeInState \\(names 64, kthreads 32, pids 128\\): "
+                       "^loaded zelkCputimeInState \\(names 64, kthreads 32, pids 128, cgroups "
+                       "16\\): "
                        ".*; kernel memory [0-9.]+ [KM]iB \\(maps [^\n]*\\)\n$"))
       << run.output;
 }
