@@ -55,11 +55,12 @@ pid_t busyChild(const char* name, milliseconds duration) {
   _exit(0);
 }
 
+constexpr char kFrameStart[] = "zelkcputime top - ";
+
 std::vector<std::string> framesOf(const std::string& output) {
-  constexpr char kStart[] = "zelkcputime top - ";
   std::vector<std::string> frames;
-  for (size_t at = output.find(kStart); at != std::string::npos;) {
-    const size_t next = output.find(kStart, at + 1);
+  for (size_t at = output.find(kFrameStart); at != std::string::npos;) {
+    const size_t next = output.find(kFrameStart, at + 1);
     frames.push_back(output.substr(at, next == std::string::npos ? next : next - at));
     at = next;
   }
@@ -103,15 +104,17 @@ class TopBatchTest : public KernelTest {
 TEST_F(TopBatchTest, SpinnerShowsAtFullCpuInEveryFrameThenLeavesTheRows) {
   if (possibleCpus() < 2) GTEST_SKIP() << "needs two CPUs";
   pinToCpu(0, 0);
-  std::optional<ClockedSpinner> spinner(std::in_place, "zelktopbusy", 1, milliseconds(3500));
+  // The spinner starts at the first frame: loading and verifying the object before it takes
+  // seconds on a busy machine.
+  Background top(ZELK_TOOL_PATH, {"top", "--batch", "--interval", "1", "--iterations", "6"},
+                 /*withStderr=*/false);
+  ASSERT_TRUE(top.waitFor(kFrameStart, milliseconds(30000))) << top.output();
+  std::optional<ClockedSpinner> spinner(std::in_place, "zelktopbusy", 1, milliseconds(2500));
   ASSERT_TRUE(spinner->started());
-  const ChildResult run =
-      runProgram(ZELK_TOOL_PATH, {"top", "--batch", "--interval", "1", "--iterations", "6"},
-                 nullptr, /*withStderr=*/false);
+  ASSERT_EQ(top.wait(milliseconds(30000)), 0) << top.output();
   spinner.reset();
-  ASSERT_EQ(run.status, 0) << run.output;
-  const std::vector<std::string> frames = framesOf(run.output);
-  ASSERT_EQ(frames.size(), 6u) << run.output;
+  const std::vector<std::string> frames = framesOf(top.output());
+  ASSERT_EQ(frames.size(), 6u) << top.output();
   std::vector<double> shown;
   for (const std::string& frame : frames) {
     const double cpu = cpuOf(frame, "zelktopbusy");
@@ -119,10 +122,10 @@ TEST_F(TopBatchTest, SpinnerShowsAtFullCpuInEveryFrameThenLeavesTheRows) {
   }
   // The last frame that shows it holds the end of its run only; each frame before is a whole
   // interval of its spinning.
-  ASSERT_GE(shown.size(), 2u) << run.output;
+  ASSERT_GE(shown.size(), 2u) << top.output();
   for (size_t i = 0; i + 1 < shown.size(); ++i) {
-    EXPECT_GE(shown[i], 95) << run.output;
-    EXPECT_LE(shown[i], 105) << run.output;
+    EXPECT_GE(shown[i], 95) << top.output();
+    EXPECT_LE(shown[i], 105) << top.output();
   }
   EXPECT_LT(cpuOf(frames.back(), "zelktopbusy"), 0) << frames.back();
   EXPECT_LT(cpuOf(frames[frames.size() - 2], "zelktopbusy"), 0) << frames[frames.size() - 2];
@@ -135,20 +138,24 @@ TEST_F(TopBatchTest, CgroupOfASpinnerShowsItsCpu) {
   const std::string mount = com::zelkora::getCgroupV2Mount();
   if (mount.empty()) ZELK_SKIP_OR_FAIL("no cgroup v2 hierarchy is mounted");
   pinToCpu(0, 0);
-  std::optional<ClockedSpinner> spinner(std::in_place, "zelktopcg", 1, milliseconds(8000));
-  ASSERT_TRUE(spinner->started());
   const std::string name = "/zelktopcg" + std::to_string(getpid());
   ASSERT_EQ(mkdir((mount + name).c_str(), 0755), 0) << strerror(errno);
+  // From the first frame on, as above.
+  Background top(ZELK_TOOL_PATH,
+                 {"top", "--cgroups", "--batch", "--interval", "1", "--iterations", "3"},
+                 /*withStderr=*/false);
+  ASSERT_TRUE(top.waitFor(kFrameStart, milliseconds(30000))) << top.output();
+  std::optional<ClockedSpinner> spinner(std::in_place, "zelktopcg", 1, milliseconds(8000));
+  ASSERT_TRUE(spinner->started());
   EXPECT_TRUE(android::base::WriteStringToFile(std::to_string(spinner->pid()),
                                                mount + name + "/cgroup.procs"));
-  const ChildResult run = runProgram(
-      ZELK_TOOL_PATH, {"top", "--cgroups", "--batch", "--interval", "1", "--iterations", "2"},
-      nullptr, /*withStderr=*/false);
+  const int status = top.wait(milliseconds(30000));
   spinner.reset();
   EXPECT_EQ(rmdir((mount + name).c_str()), 0) << strerror(errno);
-  ASSERT_EQ(run.status, 0) << run.output;
-  const std::vector<std::string> frames = framesOf(run.output);
-  ASSERT_EQ(frames.size(), 2u) << run.output;
+  ASSERT_EQ(status, 0) << top.output();
+  std::vector<std::string> frames = framesOf(top.output());
+  ASSERT_EQ(frames.size(), 3u) << top.output();
+  frames.erase(frames.begin());
   for (const std::string& frame : frames) {
     std::smatch row;
     ASSERT_TRUE(std::regex_search(frame, row, std::regex("\n +([0-9.]+) .*  " + name + "\n")))
