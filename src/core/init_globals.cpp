@@ -54,7 +54,8 @@ bool initGlobals() {
   gRelatedCpus = std::move(tables->relatedCpus);
   gPolicyNames = std::move(tables->names);
   gCpuSlot = std::move(tables->cpuSlot);
-  gCpuBlockCount = std::max(gCpuCount, readPossibleCpuCount().value_or(0));
+  gPossibleCpuCount = readPossibleCpuCount().value_or(0);
+  gCpuBlockCount = std::max(gCpuCount, gPossibleCpuCount);
   gFoldLayout = makeFoldLayout(gFreqTable, gRelatedCpus, gCpuSlot, gCpuBlockCount);
 
   for (const OpenedMap& map : kOpenedMaps) {

@@ -30,6 +30,7 @@ std::atomic<bool> gGlobalsReady{false};
 uint32_t gCpuCount = 0;
 const uint32_t gTopBgClearKey = 0;
 uint32_t gCpuBlockCount = 0;
+uint32_t gPossibleCpuCount = 0;
 FoldLayout gFoldLayout;
 
 }  // namespace zelkora

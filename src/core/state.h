@@ -56,6 +56,9 @@ extern const uint32_t gTopBgClearKey;
 // cpuN directories for get_nprocs_conf(), which can be fewer; a buffer of gCpuCount blocks
 // alone could then be overrun by the kernel.
 extern uint32_t gCpuBlockCount;
+// The kernel's possible-CPU count, 0 when it could not be read: the blocks of each value in a
+// batch lookup, which lays values end to end.
+extern uint32_t gPossibleCpuCount;
 // Where each policy's CPUs are found in a per-CPU buffer of gCpuBlockCount blocks.
 extern FoldLayout gFoldLayout;
 

@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
@@ -59,6 +60,26 @@ int mapDeleteElem(int fd, const void* key) {
 
 int mapGetNextKey(int fd, const void* key, void* nextKey) {
   return mapElemCall(BPF_MAP_GET_NEXT_KEY, fd, key, nextKey, 0);
+}
+
+static_assert(offsetof(bpf_attr, batch.in_batch) == 0 && offsetof(bpf_attr, batch.out_batch) == 8 &&
+              offsetof(bpf_attr, batch.keys) == 16 && offsetof(bpf_attr, batch.values) == 24 &&
+              offsetof(bpf_attr, batch.count) == 32 && offsetof(bpf_attr, batch.map_fd) == 36);
+
+int mapLookupBatch(int fd, const void* inBatch, void* outBatch, void* keys, void* values,
+                   uint32_t* count) {
+  Attr a;
+  memset(&a, 0, sizeof(a));
+  a.attr.batch.in_batch = ptrToU64(inBatch);
+  a.attr.batch.out_batch = ptrToU64(outBatch);
+  a.attr.batch.keys = ptrToU64(keys);
+  a.attr.batch.values = ptrToU64(values);
+  a.attr.batch.count = *count;
+  a.attr.batch.map_fd = static_cast<uint32_t>(fd);
+  const int ret = bpfCall(BPF_MAP_LOOKUP_BATCH, a);
+  // The kernel writes the count back on success and at the end of the map, not on every error.
+  *count = ret == 0 || errno == ENOENT ? a.attr.batch.count : 0;
+  return ret;
 }
 
 int bpfObjGet(const char* path, uint32_t fileFlags) {
