@@ -89,7 +89,11 @@ ZELK_API bool startTrackingCpuFreqTime();
 ZELK_API std::optional<std::vector<std::vector<uint64_t>>> getTotalCpuFreqTimes();
 
 // Time at each frequency of every process (keyed by name and foreground flag) and of every
-// kernel thread.
+// kernel thread. Where the kernel has batch lookups for hash maps (Linux 5.6 and later) the map
+// is read a few buckets at a time, each bucket whole: an entry deleted meanwhile (a clear from
+// another process, a task's removal) is just absent, and the query fails only on another error
+// of the kernel's. Elsewhere it is read key by key, and a key deleted between the step that
+// found it and its lookup fails the query.
 ZELK_API std::optional<TimeInStateTable> getProcessCpuFreqTimes();
 ZELK_API std::optional<TimeInStateTable> getKthreadCpuFreqTimes();
 
