@@ -31,6 +31,20 @@ bool walkFloor(int fd, time_in_state_block_t* value, size_t expectedKeys) {
   return errno == ENOENT && keys == expectedKeys;
 }
 
+bool batchWalkFloor(int fd, process_key_t* keys, time_in_state_block_t* values,
+                    size_t expectedKeys) {
+  process_key_t inBatch;
+  process_key_t outBatch;
+  size_t found = 0;
+  for (const void* in = nullptr;; in = &inBatch) {
+    uint32_t count = kBatchFloorEntries;
+    const int ret = com::zelkora::mapLookupBatch(fd, in, &outBatch, keys, values, &count);
+    found += count;
+    if (ret != 0) return errno == ENOENT && found == expectedKeys;
+    inBatch = outBatch;
+  }
+}
+
 bool lookupFloor(int fd, const void* key, time_in_state_block_t* value) {
   return mapLookupElem(fd, key, value) == 0;
 }

@@ -16,6 +16,12 @@ using com::zelkora::time_in_state_block_t;
 // the next key, until ENOENT. `value` holds one block per possible CPU.
 bool walkFloor(int fd, time_in_state_block_t* value, size_t expectedKeys);
 
+// The same walk in batch lookups of 1,024 entries, into `keys` and `values` (1,024 entries
+// each, a value one block per possible CPU), until ENOENT.
+inline constexpr uint32_t kBatchFloorEntries = 1024;
+bool batchWalkFloor(int fd, com::zelkora::process_key_t* keys, time_in_state_block_t* values,
+                    size_t expectedKeys);
+
 // One lookup of `key`, which must exist.
 bool lookupFloor(int fd, const void* key, time_in_state_block_t* value);
 

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 
 #include "alloc_count.h"
 #include "bench_world.h"
@@ -26,11 +27,14 @@ inline double secondsSince(Clock::time_point start) {
 // `valid(result)` checks it, and `ownAllocations(result)` counts the allocations that the
 // result's own entries need (nodes, names, vectors). Allocations are reported per key: per table
 // entry for the walks, per call (`keys` 1) for the rest.
+// A second floor, `batchFloor` (the batch walk), runs after the two parts when given, and is
+// reported as "batch_floor_ns" and "batch_ratio".
 template <typename Prepare, typename Floor, typename Call, typename Valid, typename Own>
 void runPaired(benchmark::State& state, double keys, Prepare prepare, Floor floor, Call call,
-               Valid valid, Own ownAllocations) {
+               Valid valid, Own ownAllocations, const std::function<bool()>& batchFloor = {}) {
   double librarySeconds = 0;
   double floorSeconds = 0;
+  double batchFloorSeconds = 0;
   double freeSeconds = 0;
   double allocations = 0;
   double own = 0;
@@ -66,6 +70,17 @@ void runPaired(benchmark::State& state, double keys, Prepare prepare, Floor floo
       result = decltype(result)();
       freeSeconds += secondsSince(freeStart);
     }
+    if (batchFloor) {
+      prepare();
+      const Clock::time_point start = Clock::now();
+      const bool ok = batchFloor();
+      batchFloorSeconds += secondsSince(start);
+      if (!ok) {
+        markFailed();
+        state.SkipWithError("the batch floor did not make the expected calls");
+        return;
+      }
+    }
     librarySeconds += libraryTime;
     state.SetIterationTime(libraryTime);
     ++iteration;
@@ -74,6 +89,10 @@ void runPaired(benchmark::State& state, double keys, Prepare prepare, Floor floo
   state.counters["floor_ns"] = Counter(floorSeconds * 1e9, Counter::kAvgIterations);
   state.counters["free_ns"] = Counter(freeSeconds * 1e9, Counter::kAvgIterations);
   state.counters["ratio"] = floorSeconds > 0 ? librarySeconds / floorSeconds : 0;
+  if (batchFloor) {
+    state.counters["batch_floor_ns"] = Counter(batchFloorSeconds * 1e9, Counter::kAvgIterations);
+    state.counters["batch_ratio"] = batchFloorSeconds > 0 ? librarySeconds / batchFloorSeconds : 0;
+  }
   state.counters["keys"] = keys;
   state.counters["allocs_per_key"] = Counter(allocations / keys, Counter::kAvgIterations);
   state.counters["own_per_key"] = Counter(own / keys, Counter::kAvgIterations);

@@ -1,4 +1,5 @@
-// getProcessCpuFreqTimes and getKthreadCpuFreqTimes against a walk of the same map.
+// getProcessCpuFreqTimes and getKthreadCpuFreqTimes against walks of the same map, key by key
+// and in batches.
 #include <benchmark/benchmark.h>
 
 #include <string>
@@ -30,11 +31,15 @@ void walkBenchmark(benchmark::State& state, const TableQuery& query, size_t keys
   drainMap(query.map);
   putTaskKeys(query.map, keys);
   testbed::PerCpuValue value = testbed::perCpuValue();
+  std::vector<com::zelkora::process_key_t> batchKeys(kBatchFloorEntries);
+  std::vector<com::zelkora::time_in_state_block_t> batchValues(size_t{kBatchFloorEntries} *
+                                                               value.size());
   runPaired(
       state, static_cast<double>(keys), [] {},
       [&] { return walkFloor(mapFd(query.map), value.data(), keys); }, query.query,
       [&](const Table& table) { return table && table->size() == keys; },
-      [](const Table& table) { return ownAllocations(table); });
+      [](const Table& table) { return ownAllocations(table); },
+      [&] { return batchWalkFloor(mapFd(query.map), batchKeys.data(), batchValues.data(), keys); });
 }
 
 }  // namespace
