@@ -10,9 +10,9 @@
 
 #include "core/map_records.h"
 #include "core/state.h"
+#include "query/batch_walk.h"
 #include "query/fold.h"
 #include "query/task_key.h"
-#include "query/task_table_walk.h"
 #include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime.h"
 
@@ -81,10 +81,6 @@ class TaskTableBuilder {
 std::atomic<size_t> gProcessTableHint{0};
 std::atomic<size_t> gKthreadTableHint{0};
 
-// Set once the kernel refuses batch lookups of these maps (before Linux 5.6, or a map type
-// without them), and by tests; walks then step key by key for the life of the process.
-std::atomic<bool> gPerElementWalk{false};
-
 // The caller holds the map's lock shared.
 std::optional<TimeInStateTable> readByElements(int fd, TableFlag flagRule,
                                                std::atomic<size_t>& sizeHint) {
@@ -119,68 +115,26 @@ std::optional<TimeInStateTable> readByElements(int fd, TableFlag flagRule,
 constexpr size_t kBatchValueBytes = size_t{1} << 20;
 constexpr uint32_t kMinBatchEntries = 64;
 constexpr uint32_t kMaxBatchEntries = 1024;
-// A bucket lock that the kernel could not take at once, a map being changed under it: tried
-// again from the same position this many times before the query fails.
-constexpr int kBusyRetries = 8;
-// A bucket with more keys than the buffers hold (ENOSPC) doubles them, up to this many entries.
-constexpr uint32_t kMaxBucketEntries = uint32_t{1} << 20;
-// The kernel's own "not supported", which the C library has no name for.
-constexpr int kKernelEnotsupp = 524;
 
-enum class BatchWalk { Done, Failed, Unsupported };
-
-// Reads whole buckets at a time: the kernel copies each under its lock, so a key deleted during
-// the walk is just absent and nothing fails for it. The caller holds the map's lock shared.
+// Reads whole buckets at a time. The caller holds the map's lock shared.
 BatchWalk readByBatches(int fd, TableFlag flagRule, std::atomic<size_t>& sizeHint,
                         TimeInStateTable& table) {
   const size_t entryBlocks = gCpuBlockCount;
-  uint32_t capacity = static_cast<uint32_t>(
+  const auto capacity = static_cast<uint32_t>(
       std::clamp<size_t>(kBatchValueBytes / (entryBlocks * sizeof(time_in_state_block_t)),
                          kMinBatchEntries, kMaxBatchEntries));
-  // Left uninitialised: the kernel writes what the count then says was written.
-  std::unique_ptr<process_key_t[]> keys(new process_key_t[capacity]);
-  std::unique_ptr<time_in_state_block_t[]> values(
-      new time_in_state_block_t[capacity * entryBlocks]);
-  // Positions are a bucket number for hash maps; a key's room is what other types may need.
-  process_key_t inBatch{};
-  process_key_t outBatch{};
-  bool atStart = true;
-  bool first = true;
-  int busyLeft = kBusyRetries;
-
   table.reserve(sizeHint.load(std::memory_order_relaxed));
   TaskTableBuilder builder(table, flagRule);
-  for (;;) {
-    uint32_t count = capacity;
-    const int ret = mapLookupBatch(fd, atStart ? nullptr : &inBatch, &outBatch, keys.get(),
-                                   values.get(), &count);
-    const int error = ret == 0 ? 0 : errno;
-    if (error != 0 && error != ENOENT) {
-      if (first &&
-          (error == EINVAL || error == kKernelEnotsupp || error == EOPNOTSUPP || error == ENOSYS)) {
-        return BatchWalk::Unsupported;
-      }
-      if (error == ENOSPC && capacity < kMaxBucketEntries) {
-        capacity *= 2;
-        keys.reset(new process_key_t[capacity]);
-        values.reset(new time_in_state_block_t[capacity * entryBlocks]);
-        continue;
-      }
-      // Entries that a failed call copied are dropped: the retry reads their buckets again.
-      if ((error == EBUSY || error == EDEADLK || error == ETIMEDOUT) && busyLeft-- > 0) continue;
-      return BatchWalk::Failed;
-    }
-    first = false;
-    busyLeft = kBusyRetries;
-    for (uint32_t i = 0; i < count; ++i) builder.stage(keys[i], &values[i * entryBlocks]);
-    if (error == ENOENT) {
-      builder.flush();
-      sizeHint.store(table.size(), std::memory_order_relaxed);
-      return BatchWalk::Done;
-    }
-    inBatch = outBatch;
-    atStart = false;
+  const BatchWalk walk = walkInBatches<process_key_t, time_in_state_block_t>(
+      fd, capacity, entryBlocks,
+      [&](const process_key_t* keys, const time_in_state_block_t* values, uint32_t count) {
+        for (uint32_t i = 0; i < count; ++i) builder.stage(keys[i], &values[i * entryBlocks]);
+      });
+  if (walk == BatchWalk::Done) {
+    builder.flush();
+    sizeHint.store(table.size(), std::memory_order_relaxed);
   }
+  return walk;
 }
 
 // The caller holds the map's lock shared.
@@ -188,7 +142,7 @@ std::optional<TimeInStateTable> readTaskTable(int fd, TableFlag flagRule,
                                               std::atomic<size_t>& sizeHint) {
   // Values in a batch lie end to end, one block per possible CPU, while the fold reads
   // gCpuBlockCount blocks: the two agree unless the C library counts more CPUs than the kernel.
-  if (!gPerElementWalk.load(std::memory_order_relaxed) && gPossibleCpuCount == gCpuBlockCount) {
+  if (!gPerElementWalks.load(std::memory_order_relaxed) && gPossibleCpuCount == gCpuBlockCount) {
     TimeInStateTable table;
     switch (readByBatches(fd, flagRule, sizeHint, table)) {
       case BatchWalk::Done:
@@ -196,7 +150,7 @@ std::optional<TimeInStateTable> readTaskTable(int fd, TableFlag flagRule,
       case BatchWalk::Failed:
         return std::nullopt;
       case BatchWalk::Unsupported:
-        gPerElementWalk.store(true, std::memory_order_relaxed);
+        gPerElementWalks.store(true, std::memory_order_relaxed);
         break;
     }
   }
@@ -204,10 +158,6 @@ std::optional<TimeInStateTable> readTaskTable(int fd, TableFlag flagRule,
 }
 
 }  // namespace
-
-void setPerElementTaskWalk(bool forced) {
-  gPerElementWalk.store(forced, std::memory_order_relaxed);
-}
 
 std::optional<TimeInStateTable> getProcessCpuFreqTimes() {
   if (!ensureGlobals()) return std::nullopt;

@@ -7,6 +7,7 @@
 #include "core/clock.h"
 #include "core/map_records.h"
 #include "core/state.h"
+#include "query/batch_walk.h"
 #include "query/task_key.h"
 #include "syscall/bpf_syscall.h"
 #include "zelkcpufreqtime.h"
@@ -48,9 +49,23 @@ bool forEachLivePeriod(bool isTop, uint64_t now, AddLive add) REQUIRES_SHARED(gT
   }
 }
 
-// Calls `add(name, total)` for each stored total of `mapFd` (the top or the background map).
+// 24 KiB of names and totals per batch call.
+constexpr uint32_t kTotalsPerBatch = 1024;
+
+// Calls `add(name, total)` for each stored total of `mapFd` (the top or the background map):
+// in batches, where a name deleted during the walk is just absent; else key by key, where a name
+// gone between its step and its lookup fails the query.
 template <typename AddStored>
 bool forEachStoredTotal(int mapFd, AddStored add) REQUIRES_SHARED(gTopBgTimeLock) {
+  if (!gPerElementWalks.load(std::memory_order_relaxed)) {
+    const BatchWalk walk = walkInBatches<process_info_t, time_value_t>(
+        mapFd, kTotalsPerBatch, 1,
+        [&](const process_info_t* keys, const time_value_t* totals, uint32_t count) {
+          for (uint32_t i = 0; i < count; ++i) add(keys[i].comm, totals[i]);
+        });
+    if (walk != BatchWalk::Unsupported) return walk == BatchWalk::Done;
+    gPerElementWalks.store(true, std::memory_order_relaxed);
+  }
   process_info_t key;
   if (mapGetNextKey(mapFd, nullptr, &key) != 0) return errno == ENOENT;
   for (;;) {

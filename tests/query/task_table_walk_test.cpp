@@ -1,8 +1,5 @@
-// The process and kernel-thread walks while their keys disappear under them: key by key, a
-// vanished key fails the query; in batches, whole buckets are copied under their locks and a
-// vanished key is just absent.
-#include "query/task_table_walk.h"
-
+// The whole-map walks while their keys disappear under them: key by key, a vanished key fails the
+// query; in batches, whole buckets are copied under their locks and a vanished key is just absent.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -18,6 +15,7 @@
 #include "child_process.h"
 #include "core/state.h"
 #include "library_test.h"
+#include "query/batch_walk.h"
 
 namespace com::zelkora {
 namespace {
@@ -62,7 +60,7 @@ class TaskWalkTest : public LibraryTest, public ::testing::WithParamInterface<Ta
     }
   }
   void TearDown() override {
-    setPerElementTaskWalk(false);
+    setPerElementWalks(false);
     LibraryTest::TearDown();
   }
   int fd() const { return maps_.fd(GetParam().map); }
@@ -75,7 +73,7 @@ class TaskWalkTest : public LibraryTest, public ::testing::WithParamInterface<Ta
 TEST_P(TaskWalkTest, KeyDeletedDuringThePerElementWalkFailsTheQuery) {
   // A key that the walk was just given disappears before its lookup, as a lock-free single-entry
   // clear can make it: the query must fail, not drop the key.
-  setPerElementTaskWalk(true);
+  setPerElementWalks(true);
   std::atomic<bool> stop{false};
   std::thread churn([&] {
     if (!pinToCpu(1)) return;
@@ -91,7 +89,7 @@ TEST_P(TaskWalkTest, KeyDeletedDuringThePerElementWalkFailsTheQuery) {
   EXPECT_TRUE(failed) << "no walk failed while keys kept disappearing under it";
   // At rest both paths read the same table.
   const auto byElements = GetParam().query();
-  setPerElementTaskWalk(false);
+  setPerElementWalks(false);
   const auto byBatches = GetParam().query();
   ASSERT_TRUE(byElements.has_value() && byBatches.has_value());
   ASSERT_EQ(byElements->size(), static_cast<size_t>(kKeys));
@@ -140,6 +138,55 @@ TEST_P(TaskWalkTest, BatchWalkSucceedsWithWrittenValuesWhileAnotherProcessDelete
     }
   }
   EXPECT_TRUE(sawGap) << "no query met a deleted or cleared name in " << queries;
+}
+
+// The stored totals of the top map, whose names another process deletes and re-adds: the
+// key-by-key walk comes to fail, the batch walk always succeeds with the totals written.
+using TopTimesWalkTest = LibraryTest;
+TEST_F(TopTimesWalkTest, ByElementsFailsAndInBatchesHoldsTheWrittenTotalsUnderChurn) {
+  if (sysconf(_SC_NPROCESSORS_ONLN) < 2) GTEST_SKIP() << "needs two online CPUs";
+  ASSERT_TRUE(pinToCpu(0));
+  addMachinePolicy({100});
+  ASSERT_TRUE(ensureGlobals());
+  const int fd = maps_.fd(MapId::TopTime);
+  constexpr int kNames = 256;
+  std::vector<process_info_t> names;
+  for (int i = 0; i < kNames; ++i) {
+    names.push_back(processInfo("n" + std::to_string(i)));
+    const uint64_t total = 1000 + i;
+    ASSERT_TRUE(update(fd, &names.back(), &total));
+  }
+  const process_info_t kept = processInfo("kept");
+  const uint64_t keptTotal = 7;
+  ASSERT_TRUE(update(fd, &kept, &keptTotal));
+  Child churn([&](Child& self) {
+    if (!pinToCpu(1)) return;
+    self.tell(1);
+    for (int i = 0;; i = (i + 1) % kNames) {
+      const uint64_t total = 1000 + i;
+      bpf_map_delete_elem(fd, &names[i]);
+      bpf_map_update_elem(fd, &names[i], &total, BPF_ANY);
+    }
+  });
+  ASSERT_EQ(churn.next(), 1);
+
+  setPerElementWalks(true);
+  EXPECT_TRUE(waitUntil([] { return !getProcessTopTimes().has_value(); }, std::chrono::seconds(20)))
+      << "no key-by-key walk failed while names kept disappearing under it";
+  setPerElementWalks(false);
+  bool sawGap = false;
+  for (int query = 0; query < 200; ++query) {
+    const auto table = getProcessTopTimes();
+    ASSERT_TRUE(table.has_value()) << "query " << query << " failed";
+    ASSERT_EQ(table->at({"kept", 0}), keptTotal);
+    sawGap |= table->size() < kNames + 1;
+    for (const auto& [key, total] : *table) {
+      if (key.comm != "kept") {
+        ASSERT_EQ(total, 1000 + std::stoul(key.comm.substr(1))) << key.comm;
+      }
+    }
+  }
+  EXPECT_TRUE(sawGap) << "no batch walk met a deleted name";
 }
 
 INSTANTIATE_TEST_SUITE_P(
