@@ -105,10 +105,10 @@ ZELK_API std::optional<std::vector<std::vector<uint64_t>>> getCpuFreqTimesFromKt
     std::string name);
 
 // Foreground ("top") and background time per task name, in nanoseconds: stored totals plus the
-// running period of live tasks in that class since their last change or the last reset. The
-// stored totals are read as the tables above are, in batches where the kernel has them (a name
-// deleted meanwhile is absent), else key by key; the live tasks are read pid by pid, and a pid
-// whose name is gone between its step and its lookup fails the query.
+// running period of live tasks in that class since their last change or the last reset. The maps
+// are read as the tables above are: in batches where the kernel has them, where a name deleted
+// meanwhile is absent and so is a live task that ended meanwhile; else key by key, where a name
+// or a live task's name gone between its step and its lookup fails the query.
 ZELK_API std::optional<TimeTable> getProcessTopTimes();
 ZELK_API std::optional<TimeTable> getProcessBgTimes();
 

@@ -1,8 +1,11 @@
 #include <android-base/unique_fd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "core/clock.h"
 #include "core/map_records.h"
@@ -17,11 +20,81 @@ namespace com {
 namespace zelkora {
 namespace {
 
-// Calls `add(name, live)` for each live task of the class with its running period, counted from
-// the later of its last class change and the last clear. False when the query must fail; a pid
-// walk that breaks off after its first pid just ends here.
+// Pids per batch call of the pid maps: 4 to 20 KiB of keys and values.
+constexpr uint32_t kPidsPerBatch = 1024;
+
+// The period of a live task, counted from the later of its last class change and the last clear.
+// A start after `now` (a change recorded after the clock was read, or a clock that could not be
+// read) counts nothing rather than a wrapped, huge period.
+inline uint64_t livePeriod(uint64_t now, time_value_t clearTime, const time_value_t* lastUpdate) {
+  const time_value_t start = lastUpdate && *lastUpdate > clearTime ? *lastUpdate : clearTime;
+  return now > start ? now - start : 0;
+}
+
+// Every entry of a pid map, sorted by pid for the join below.
+template <typename Value>
+BatchWalk readPidMap(int fd, std::vector<std::pair<pid_key_t, Value>>& entries) {
+  const BatchWalk walk = walkInBatches<pid_key_t, Value>(
+      fd, kPidsPerBatch, 1, [&](const pid_key_t* pids, const Value* values, uint32_t count) {
+        for (uint32_t i = 0; i < count; ++i) entries.emplace_back(pids[i], values[i]);
+      });
+  std::sort(entries.begin(), entries.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+  return walk;
+}
+
+template <typename Value>
+const Value* findPid(const std::vector<std::pair<pid_key_t, Value>>& entries, pid_key_t pid) {
+  const auto at =
+      std::lower_bound(entries.begin(), entries.end(), pid,
+                       [](const auto& entry, pid_key_t key) { return entry.first < key; });
+  return at != entries.end() && at->first == pid ? &at->second : nullptr;
+}
+
+// The walk below in batches: the class's pids from the adj map in its order, then the names and
+// last changes of all pids, joined on the pid. A pid whose name is gone by then has ended and is
+// just absent, as a key deleted during a batch walk is.
+template <typename AddLive>
+BatchWalk forEachLivePeriodInBatches(bool isTop, uint64_t now, AddLive add)
+    REQUIRES_SHARED(gTopBgTimeLock) {
+  std::vector<pid_key_t> pids;
+  BatchWalk walk = walkInBatches<pid_key_t, adj_value_t>(
+      gProAdjFd.get(), kPidsPerBatch, 1,
+      [&](const pid_key_t* keys, const adj_value_t* adjs, uint32_t count) {
+        for (uint32_t i = 0; i < count; ++i) {
+          if (isTopAdj(adjs[i]) == isTop) pids.push_back(keys[i]);
+        }
+      });
+  if (walk != BatchWalk::Done || pids.empty()) return walk;
+  time_value_t clearTime;
+  // Without a clear time there is nothing to count from.
+  if (mapLookupElem(gClearTimeFd.get(), &gTopBgClearKey, &clearTime) != 0) return walk;
+
+  std::vector<std::pair<pid_key_t, task_name_value_t>> names;
+  std::vector<std::pair<pid_key_t, time_value_t>> lastUpdates;
+  names.reserve(pids.size());
+  lastUpdates.reserve(pids.size());
+  // The adj map took batches, so these hash maps do too: anything else is an error.
+  if (readPidMap(gProCommFd.get(), names) != BatchWalk::Done ||
+      readPidMap(gPidAdjUpdateFd.get(), lastUpdates) != BatchWalk::Done) {
+    return BatchWalk::Failed;
+  }
+  for (const pid_key_t pid : pids) {
+    const task_name_value_t* name = findPid(names, pid);
+    if (name) add(name->comm, livePeriod(now, clearTime, findPid(lastUpdates, pid)));
+  }
+  return BatchWalk::Done;
+}
+
+// Calls `add(name, live)` for each live task of the class with its running period. False when
+// the query must fail. Key by key, a pid walk that breaks off after its first pid just ends here.
 template <typename AddLive>
 bool forEachLivePeriod(bool isTop, uint64_t now, AddLive add) REQUIRES_SHARED(gTopBgTimeLock) {
+  if (!gPerElementWalks.load(std::memory_order_relaxed)) {
+    const BatchWalk walk = forEachLivePeriodInBatches(isTop, now, add);
+    if (walk != BatchWalk::Unsupported) return walk == BatchWalk::Done;
+    gPerElementWalks.store(true, std::memory_order_relaxed);
+  }
   const int adjFd = gProAdjFd.get();
   pid_key_t pid;
   if (mapGetNextKey(adjFd, nullptr, &pid) != 0) return errno == ENOENT;
@@ -36,13 +109,8 @@ bool forEachLivePeriod(bool isTop, uint64_t now, AddLive add) REQUIRES_SHARED(gT
     if (mapLookupElem(adjFd, &pid, &adj) == 0 && isTopAdj(adj) == isTop) {
       // A missing or zero last update, or one before the clear, counts from the clear.
       time_value_t lastUpdate;
-      time_value_t start = clearTime;
-      if (mapLookupElem(gPidAdjUpdateFd.get(), &pid, &lastUpdate) == 0 && lastUpdate > clearTime) {
-        start = lastUpdate;
-      }
-      // A start after `now` (a change recorded after the clock was read, or a clock that could
-      // not be read) counts nothing rather than a wrapped, huge period.
-      add(name.comm, now > start ? now - start : 0);
+      const bool updated = mapLookupElem(gPidAdjUpdateFd.get(), &pid, &lastUpdate) == 0;
+      add(name.comm, livePeriod(now, clearTime, updated ? &lastUpdate : nullptr));
     }
     const pid_key_t previous = pid;
     if (mapGetNextKey(adjFd, &previous, &pid) != 0) return true;

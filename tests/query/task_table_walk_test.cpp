@@ -140,8 +140,9 @@ TEST_P(TaskWalkTest, BatchWalkSucceedsWithWrittenValuesWhileAnotherProcessDelete
   EXPECT_TRUE(sawGap) << "no query met a deleted or cleared name in " << queries;
 }
 
-// The stored totals of the top map, whose names another process deletes and re-adds: the
-// key-by-key walk comes to fail, the batch walk always succeeds with the totals written.
+// The top map's stored totals and the live tasks of the pid maps, whose names another process
+// deletes and re-adds (a live task as a process that ends and another that starts): the key-by-key
+// walk comes to fail, the batch walk always succeeds with the totals written and the tasks kept.
 using TopTimesWalkTest = LibraryTest;
 TEST_F(TopTimesWalkTest, ByElementsFailsAndInBatchesHoldsTheWrittenTotalsUnderChurn) {
   if (sysconf(_SC_NPROCESSORS_ONLN) < 2) GTEST_SKIP() << "needs two online CPUs";
@@ -149,23 +150,37 @@ TEST_F(TopTimesWalkTest, ByElementsFailsAndInBatchesHoldsTheWrittenTotalsUnderCh
   addMachinePolicy({100});
   ASSERT_TRUE(ensureGlobals());
   const int fd = maps_.fd(MapId::TopTime);
+  const int adjFd = maps_.fd(MapId::PidAdj), commFd = maps_.fd(MapId::PidComm);
   constexpr int kNames = 256;
-  std::vector<process_info_t> names;
+  constexpr int16_t kTopAdj = 0;
+  std::vector<process_info_t> names, liveNames;
   for (int i = 0; i < kNames; ++i) {
     names.push_back(processInfo("n" + std::to_string(i)));
     const uint64_t total = 1000 + i;
     ASSERT_TRUE(update(fd, &names.back(), &total));
+    liveNames.push_back(processInfo("p" + std::to_string(i)));
+    const uint32_t pid = 1000 + i;
+    ASSERT_TRUE(update(commFd, &pid, &liveNames.back()) && update(adjFd, &pid, &kTopAdj));
   }
-  const process_info_t kept = processInfo("kept");
+  const process_info_t kept = processInfo("kept"), keptLive = processInfo("keptlive");
   const uint64_t keptTotal = 7;
+  const uint32_t keptPid = 7, zero = 0;
   ASSERT_TRUE(update(fd, &kept, &keptTotal));
+  ASSERT_TRUE(update(commFd, &keptPid, &keptLive) && update(adjFd, &keptPid, &kTopAdj));
+  const uint64_t clearTime = 1;
+  ASSERT_TRUE(update(maps_.fd(MapId::ClearTime), &zero, &clearTime));
   Child churn([&](Child& self) {
     if (!pinToCpu(1)) return;
     self.tell(1);
     for (int i = 0;; i = (i + 1) % kNames) {
       const uint64_t total = 1000 + i;
+      const uint32_t pid = 1000 + i;
       bpf_map_delete_elem(fd, &names[i]);
       bpf_map_update_elem(fd, &names[i], &total, BPF_ANY);
+      bpf_map_delete_elem(commFd, &pid);
+      bpf_map_delete_elem(adjFd, &pid);
+      bpf_map_update_elem(adjFd, &pid, &kTopAdj, BPF_ANY);
+      bpf_map_update_elem(commFd, &pid, &liveNames[i], BPF_ANY);
     }
   });
   ASSERT_EQ(churn.next(), 1);
@@ -174,19 +189,27 @@ TEST_F(TopTimesWalkTest, ByElementsFailsAndInBatchesHoldsTheWrittenTotalsUnderCh
   EXPECT_TRUE(waitUntil([] { return !getProcessTopTimes().has_value(); }, std::chrono::seconds(20)))
       << "no key-by-key walk failed while names kept disappearing under it";
   setPerElementWalks(false);
-  bool sawGap = false;
-  for (int query = 0; query < 200; ++query) {
+  bool sawGap = false, sawLiveGap = false;
+  for (int query = 0; query < 200 || (!sawLiveGap && query < 20000); ++query) {
     const auto table = getProcessTopTimes();
     ASSERT_TRUE(table.has_value()) << "query " << query << " failed";
     ASSERT_EQ(table->at({"kept", 0}), keptTotal);
-    sawGap |= table->size() < kNames + 1;
+    ASSERT_GT(table->at({"keptlive", 0}), 0u);
+    size_t stored = 0, live = 0;
     for (const auto& [key, total] : *table) {
-      if (key.comm != "kept") {
+      if (key.comm[0] == 'n') {
+        ++stored;
         ASSERT_EQ(total, 1000 + std::stoul(key.comm.substr(1))) << key.comm;
+      } else if (key.comm[0] == 'p') {
+        ++live;
+        ASSERT_GT(total, 0u) << key.comm;
       }
     }
+    sawGap |= stored < kNames;
+    sawLiveGap |= live < kNames;
   }
   EXPECT_TRUE(sawGap) << "no batch walk met a deleted name";
+  EXPECT_TRUE(sawLiveGap) << "no batch walk met an ended task";
 }
 
 INSTANTIATE_TEST_SUITE_P(

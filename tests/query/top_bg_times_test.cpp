@@ -6,6 +6,7 @@
 
 #include "core/clock.h"
 #include "library_test.h"
+#include "query/batch_walk.h"
 
 namespace com::zelkora {
 
@@ -115,9 +116,17 @@ TEST_F(TopBgTimesTest, LivePeriodsByClassFromTheLaterOfLastUpdateAndClearTime) {
   EXPECT_GE(top->at({"dup", 0}), before - dupStart[pid - 100]);
   EXPECT_LE(top->at({"dup", 0}), after - dupStart[pid - 100]);
 
-  put(MapId::PidAdj, int32_t{42}, int16_t{0});  // a live pid without a name fails the queries
+  // A live pid without a name, as a process that ended between the reads of two pid maps leaves
+  // it: read in batches it is absent; read key by key its failed lookup fails the queries.
+  put(MapId::PidAdj, int32_t{42}, int16_t{0});
+  const auto topWithout = getProcessTopTimes();
+  ASSERT_TRUE(topWithout.has_value());
+  EXPECT_EQ(topWithout->size(), top->size());
+  EXPECT_TRUE(getProcessBgTimes().has_value());
+  setPerElementWalks(true);
   EXPECT_FALSE(getProcessTopTimes().has_value());
   EXPECT_FALSE(getProcessBgTimes().has_value());
+  setPerElementWalks(false);
 }
 
 }  // namespace
