@@ -8,6 +8,7 @@
 #include "cgroup/cgroup_paths.h"
 #include "core/map_shape.h"
 #include "core/state.h"
+#include "query/batch_walk.h"
 #include "query/fold.h"
 #include "query/single_key_read.h"
 #include "reset/clear_map.h"
@@ -28,6 +29,31 @@ android::base::unique_fd openCgroupMap(uint32_t fileFlags) {
   return fd;
 }
 
+// Key by key: a cgroup's time cleared between its step and its lookup is simply not seen, and a
+// walk whose previous key vanished restarts from the first, so a key met again is read again,
+// not added twice.
+bool readCgroupsByElements(int fd, CgroupTimeTable& table) {
+  std::vector<time_in_state_block_t> value(gCpuBlockCount);
+  zelk_cgroup_id key = 0;
+  zelk_cgroup_id last = 0;
+  const zelk_cgroup_id* previous = nullptr;
+  while (mapGetNextKey(fd, previous, &key) == 0) {
+    if (mapLookupElem(fd, &key, value.data()) == 0) {
+      TimeInStateVector& times = table[key];
+      times = zeroTimeInState(gFreqTable);
+      foldPerCpuValue(gFoldLayout, value.data(), times);
+    } else if (errno != ENOENT) {
+      return false;
+    }
+    last = key;
+    previous = &last;
+  }
+  return errno == ENOENT;
+}
+
+// Cgroups per batch call: with the values of 64 CPUs, about 1 MiB.
+constexpr uint32_t kCgroupsPerBatch = 256;
+
 }  // namespace
 
 std::optional<CgroupTimeTable> getCgroupCpuFreqTimes() {
@@ -35,24 +61,23 @@ std::optional<CgroupTimeTable> getCgroupCpuFreqTimes() {
   const android::base::unique_fd fd = openCgroupMap(BPF_F_RDONLY);
   if (fd.get() < 0) return std::nullopt;
   CgroupTimeTable table;
-  std::vector<time_in_state_block_t> value(gCpuBlockCount);
-  zelk_cgroup_id key = 0;
-  zelk_cgroup_id last = 0;
-  const zelk_cgroup_id* previous = nullptr;
-  while (mapGetNextKey(fd.get(), previous, &key) == 0) {
-    if (mapLookupElem(fd.get(), &key, value.data()) == 0) {
-      // A walk whose previous key vanished restarts from the first: a key met again is read
-      // again, not added twice.
-      TimeInStateVector& times = table[key];
-      times = zeroTimeInState(gFreqTable);
-      foldPerCpuValue(gFoldLayout, value.data(), times);
-    } else if (errno != ENOENT) {  // a cgroup's time cleared meanwhile is simply not seen
-      return std::nullopt;
-    }
-    last = key;
-    previous = &last;
+  // Values in a batch lie end to end, one block per possible CPU (see the process table).
+  if (!gPerElementWalks.load(std::memory_order_relaxed) && gPossibleCpuCount == gCpuBlockCount) {
+    const size_t blocks = gCpuBlockCount;
+    const BatchWalk walk = walkInBatches<zelk_cgroup_id, time_in_state_block_t>(
+        fd.get(), kCgroupsPerBatch, blocks,
+        [&](const zelk_cgroup_id* ids, const time_in_state_block_t* values, uint32_t count) {
+          for (uint32_t i = 0; i < count; ++i) {
+            TimeInStateVector times = zeroTimeInState(gFreqTable);
+            foldPerCpuValue(gFoldLayout, &values[i * blocks], times);
+            table.insert_or_assign(ids[i], std::move(times));
+          }
+        });
+    if (walk == BatchWalk::Done) return table;
+    if (walk == BatchWalk::Failed) return std::nullopt;
+    gPerElementWalks.store(true, std::memory_order_relaxed);
   }
-  if (errno != ENOENT) return std::nullopt;
+  if (!readCgroupsByElements(fd.get(), table)) return std::nullopt;
   return table;
 }
 

@@ -16,6 +16,7 @@
 #include "core/state.h"
 #include "library_test.h"
 #include "query/batch_walk.h"
+#include "zelkcpufreqtime_cgroups.h"
 
 namespace com::zelkora {
 namespace {
@@ -210,6 +211,31 @@ TEST_F(TopTimesWalkTest, ByElementsFailsAndInBatchesHoldsTheWrittenTotalsUnderCh
   }
   EXPECT_TRUE(sawGap) << "no batch walk met a deleted name";
   EXPECT_TRUE(sawLiveGap) << "no batch walk met an ended task";
+}
+
+// The cgroup table over several batch calls reads as it does key by key, value for value.
+using CgroupWalkTest = LibraryTest;
+TEST_F(CgroupWalkTest, InBatchesAsKeyByKey) {
+  addMachinePolicy({100, 200});
+  ASSERT_TRUE(ensureGlobals());
+  const int fd = maps_.fd(MapId::CgroupTime);
+  constexpr uint64_t kCgroups = 600;
+  for (uint64_t id = 1; id <= kCgroups; ++id) {
+    PerCpuValue value = perCpuValue();
+    value.front().slot[0] = id;
+    value.back().slot[1] = 2 * id;
+    ASSERT_TRUE(update(fd, &id, value.data()));
+  }
+  const auto byBatches = getCgroupCpuFreqTimes();
+  setPerElementWalks(true);
+  const auto byElements = getCgroupCpuFreqTimes();
+  setPerElementWalks(false);
+  ASSERT_TRUE(byBatches.has_value() && byElements.has_value());
+  ASSERT_EQ(byBatches->size(), kCgroups);
+  EXPECT_EQ(*byBatches, *byElements);
+  for (const auto& [id, times] : *byBatches) {
+    ASSERT_EQ(times, (TimeInStateVector{{id, 2 * id}})) << id;
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
