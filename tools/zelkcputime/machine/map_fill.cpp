@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -38,29 +39,46 @@ uint64_t countByWalk(int fd, const bpf_map_info& info) {
   return seen.size();
 }
 
+// The buffers a batch read copies into, kept from one map to the next and never cleared: only
+// the count of what the kernel wrote matters. Fresh, zeroed buffers for each map cost a scrape
+// more than the reads themselves (page faults and memset of half a megabyte per map).
+class Scratch {
+ public:
+  unsigned char* get(size_t bytes) {
+    if (bytes > size_) {
+      buffer_.reset(new unsigned char[bytes]);
+      size_ = bytes;
+    }
+    return buffer_.get();
+  }
+
+ private:
+  std::unique_ptr<unsigned char[]> buffer_;
+  size_t size_ = 0;
+};
+
 // Hash maps keep no count that user space can read, and pid churn deletes keys all the time. A
 // batch read copies each bucket whole under its lock and moves on to the next bucket, and a key
 // always hashes to the same bucket: a read never restarts and never sees a key twice.
-std::optional<uint64_t> countEntries(int fd, const bpf_map_info& info) {
+std::optional<uint64_t> countEntries(int fd, const bpf_map_info& info, Scratch& keys,
+                                     Scratch& values) {
   const bool perCpu =
       info.type == BPF_MAP_TYPE_PERCPU_HASH || info.type == BPF_MAP_TYPE_LRU_PERCPU_HASH;
   const int cpus = perCpu ? libbpf_num_possible_cpus() : 1;
   if (cpus <= 0) return std::nullopt;
   // A per-CPU value comes as one 8-byte-aligned block per possible CPU.
-  const size_t entryBytes =
-      info.key_size + (perCpu ? (size_t{info.value_size} + 7) / 8 * 8 * cpus : info.value_size);
-  // Chunks of about 256 KiB; a bucket larger than a chunk makes the kernel answer ENOSPC.
-  size_t chunk = std::clamp<size_t>((256 << 10) / entryBytes, 1, std::max(info.max_entries, 1u));
-  std::vector<unsigned char> keys, values;
+  const size_t valueBytes = perCpu ? (size_t{info.value_size} + 7) / 8 * 8 * cpus : info.value_size;
+  // Chunks of about 64 KiB; a bucket larger than a chunk makes the kernel answer ENOSPC.
+  size_t chunk = std::clamp<size_t>((64 << 10) / (info.key_size + valueBytes), 1,
+                                    std::max(info.max_entries, 1u));
   // The resume token: a bucket number for a hash map, a key for the generic batch of others.
   std::vector<unsigned char> batch(std::max<size_t>(sizeof(__u32), info.key_size));
   uint64_t entries = 0;
   for (bool first = true;; first = false) {
-    keys.resize(chunk * info.key_size);
-    values.resize(chunk * (entryBytes - info.key_size));
     __u32 count = static_cast<__u32>(chunk);
     const int error = -bpf_map_lookup_batch(fd, first ? nullptr : batch.data(), batch.data(),
-                                            keys.data(), values.data(), &count, nullptr);
+                                            keys.get(chunk * info.key_size),
+                                            values.get(chunk * valueBytes), &count, nullptr);
     entries += count;  // also with ENOENT: the last buckets
     if (error == 0) continue;
     if (error == ENOENT) return entries;
@@ -76,13 +94,13 @@ std::optional<uint64_t> countEntries(int fd, const bpf_map_info& info) {
   }
 }
 
-std::optional<MapFill> measure(const lib::MapInfo& map) {
+std::optional<MapFill> measure(const lib::MapInfo& map, Scratch& keys, Scratch& values) {
   const android::base::unique_fd fd(bpf_obj_get(map.pinPath));
   if (fd.get() < 0) return std::nullopt;
   bpf_map_info info = {};
   __u32 length = sizeof(info);
   if (bpf_obj_get_info_by_fd(fd.get(), &info, &length) != 0) return std::nullopt;
-  const std::optional<uint64_t> entries = countEntries(fd.get(), info);
+  const std::optional<uint64_t> entries = countEntries(fd.get(), info, keys, values);
   if (!entries) return std::nullopt;
   return MapFill{map.name, *entries, info.max_entries, std::nullopt};
 }
@@ -91,9 +109,11 @@ std::optional<MapFill> measure(const lib::MapInfo& map) {
 
 std::vector<MapFill> measureMaps() {
   std::vector<MapFill> maps;
+  Scratch keys, values;
   for (const lib::MapInfo& map : lib::kMaps) {
     if (!fills(map)) continue;
-    if (std::optional<MapFill> measured = measure(map)) maps.push_back(std::move(*measured));
+    if (std::optional<MapFill> measured = measure(map, keys, values))
+      maps.push_back(std::move(*measured));
   }
   return maps;
 }
