@@ -23,14 +23,25 @@
 
 char LICENSE[] SEC("license") = "GPL";
 
-/* Slot of the current frequency of `cpu`'s policy; false when the CPU, its policy or a valid
- * index (1 to 32) is unknown. */
-static __always_inline bool zelk_current_slot(__u32 cpu, __u32* slot) {
-  __u32* policy = bpf_map_lookup_elem(&cpu_policy_map, &cpu);
-  __u32* index;
+/* Slot of the current frequency of this CPU's policy; false when the CPU, its policy or a valid
+ * index (1 to 32) is unknown. The policy comes from this CPU's cache when it holds it. */
+static __always_inline bool zelk_current_slot(__u32* slot) {
+  __u32 zero = 0;
+  __u32* cached = bpf_map_lookup_elem(&cpu_policy_cache_map, &zero);
+  __u32 *index, policy;
 
-  if (!policy) return false;
-  index = bpf_map_lookup_elem(&policy_freq_idx_map, policy);
+  if (!cached) return false;
+  if (*cached) {
+    policy = *cached - 1;
+  } else {
+    __u32 cpu = bpf_get_smp_processor_id();
+    __u32* found = bpf_map_lookup_elem(&cpu_policy_map, &cpu);
+
+    if (!found) return false;
+    policy = *found;
+    *cached = policy + 1;
+  }
+  index = bpf_map_lookup_elem(&policy_freq_idx_map, &policy);
   if (!index || *index == 0 || *index > ZELK_FREQ_SLOTS) return false;
   *slot = *index - 1;
   return true;
@@ -127,15 +138,19 @@ static __always_inline void zelk_charge_running(__u32 pid, __u64 now) {
   last = bpf_map_lookup_elem(&cpu_last_update_map, &zero);
   if (!last) return;
   delta = now - *last;
-  /* Zero (as the library writes it) only starts the clock on this CPU. */
+  /* Zero (as the library writes it) only starts the clock on this CPU, and makes it look its
+   * policy up again: a tracking start writes cpu_policy_map first. */
   if (*last == 0 || now <= *last) {
+    __u32* cached = bpf_map_lookup_elem(&cpu_policy_cache_map, &zero);
+
+    if (cached && *last == 0) *cached = 0;
     *last = now;
     return;
   }
   *last = now;
   if (pid == 0) /* idle */
     return;
-  if (!zelk_current_slot(bpf_get_smp_processor_id(), &slot)) return;
+  if (!zelk_current_slot(&slot)) return;
   zelk_add_total(slot, delta);
   zelk_add_cgroup_time(slot, delta);
   if (zelk_running_task_key(&key))
