@@ -103,10 +103,11 @@ INSTANTIATE_TEST_SUITE_P(Objects, ProcessTimeTest,
 
 // No cpufreq driver here, so power:cpu_frequency never fires: the index is written by hand, as
 // its program would. Time goes to the slot of the index in force at switch-out; an index that no
-// slot has (0, or past 32) counts nothing anywhere; a clear restarts the count.
+// slot has (0, or past 32) counts nothing anywhere; a clear restarts the count; a new layout
+// counts from the next start.
 TEST_F(CpuTimeTest, TimeFollowsTheIndexAndRestartsAfterAClear) {
   const auto counted = [] { return getCpuFreqTimesFromProcess("zelkfreq", /*flag=*/true); };
-  Child child = spinner("zelkfreq", {500, 500, 100, 100, 200});
+  Child child = spinner("zelkfreq", {500, 500, 100, 100, 200, 200});
   uint64_t runtime = runtimeAtWord(child);
   const auto phase = [&] {
     const uint64_t start = runtime;
@@ -136,6 +137,18 @@ TEST_F(CpuTimeTest, TimeFollowsTheIndexAndRestartsAfterAClear) {
   EXPECT_EQ(sum(counted()), 0u);
   const uint64_t last = phase();
   EXPECT_NEAR(sum(counted()), last, 0.1 * last) << "a count that survived the clear is larger";
+
+  // A later start that moves every CPU to another policy, at its second frequency: once it has
+  // zeroed the clocks, no CPU counts at the policy it had before.
+  std::vector<uint32_t> freqs;
+  for (uint32_t khz = 300000; freqs.size() < 32; khz += 100000) freqs.push_back(khz);
+  ASSERT_EQ(exercise::configure({{{}, freqs, 1}, exercise::wholeMachinePolicy(freqs, 2)}), "");
+  const auto before = counted();
+  const uint64_t moved = phase();
+  const auto after = counted();
+  ASSERT_TRUE(before.has_value() && after.has_value());
+  EXPECT_EQ((*after)[0][0], (*before)[0][0]) << "counted at the CPUs' former policy";
+  EXPECT_NEAR((*after)[0][1] - (*before)[0][1], moved, 0.1 * moved);
 }
 
 // A CPU's time is counted when its task switches out: a short sleeper on every CPU makes each
