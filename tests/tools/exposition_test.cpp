@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <regex>
 #include <vector>
 
 #include "known_snapshot_for_testing.h"
@@ -35,7 +36,7 @@ TEST(RenderExposition, TextFormatOfAKnownSnapshot) {
 zelk_cpu_seconds_total{policy="0",freq_khz="300000"} 0.000000003
 zelk_cpu_seconds_total{policy="0",freq_khz="600000"} 1
 zelk_cpu_seconds_total{policy="1",freq_khz="1000000"} 0.5
-# HELP zelk_process_cpu_seconds_total CPU time of the processes of each name, over all frequencies.
+# HELP zelk_process_cpu_seconds_total CPU time of the processes of each name, over all frequencies. Names outside --process-match, or that have not yet run --process-min-seconds, count in comm="other".
 # TYPE zelk_process_cpu_seconds_total counter
 zelk_process_cpu_seconds_total{comm="app",foreground="false"} 0.25
 zelk_process_cpu_seconds_total{comm="app",foreground="true"} 1.5
@@ -51,7 +52,7 @@ zelk_process_cpu_frequency_seconds_total{comm="app",foreground="false",policy="1
 zelk_process_cpu_frequency_seconds_total{comm="app",foreground="true",policy="0",freq_khz="300000"} 1
 zelk_process_cpu_frequency_seconds_total{comm="app",foreground="true",policy="0",freq_khz="600000"} 0.5
 zelk_process_cpu_frequency_seconds_total{comm="app",foreground="true",policy="1",freq_khz="1000000"} 0
-# HELP zelk_kthread_cpu_seconds_total CPU time of the kernel threads of each name, over all frequencies.
+# HELP zelk_kthread_cpu_seconds_total CPU time of the kernel threads of each name, over all frequencies, bounded as the processes' are.
 # TYPE zelk_kthread_cpu_seconds_total counter
 zelk_kthread_cpu_seconds_total{comm="kworker/0:1"} 0.000000003
 # HELP zelk_kthread_cpu_cycles_total CPU time times frequency of the kernel threads of each name.
@@ -304,6 +305,62 @@ TEST(RenderExposition, CgroupRowsToTheDepthWithWorkloadsAndCountersThatNeverFall
         (labels == "{cgroup=\"/\"}" || labels.find("\"/kubepods") != std::string::npos);
     EXPECT_EQ(std::stod(after.at(labels)) - std::stod(value), grows ? 1.5 : 0) << labels;
   }
+}
+
+}  // namespace
+}  // namespace zelk::cli
+
+namespace zelk::cli {
+namespace {
+
+// Each series' total, by name and flag, and their sum.
+std::map<std::pair<std::string, uint64_t>, uint64_t> totals(const std::vector<TaskSeries>& rows) {
+  std::map<std::pair<std::string, uint64_t>, uint64_t> out;
+  for (const TaskSeries& row : rows) out[{row.name, row.flag}] = sumTimes(row.times);
+  return out;
+}
+
+TEST(SeriesBounds, SmallAndUnmatchedNamesFoldIntoOtherThatNeverFallsAndSumsToTheTable) {
+  const std::regex match("keep.*|big");
+  const std::regex always("traced");
+  SeriesBounds bounds({&match, /*minNs=*/100, &always});
+  const auto row = [](uint64_t ns) { return lib::TimeInStateVector{{ns, 0}}; };
+  lib::TimeInStateTable table = {{{"big", 0}, row(500)},     {{"keepsmall", 0}, row(40)},
+                                 {{"keepsmall", 1}, row(7)}, {{"nomatch", 1}, row(900)},
+                                 {{"traced", 1}, row(3)},    {{"other", 0}, row(200)}};
+  using Totals = std::map<std::pair<std::string, uint64_t>, uint64_t>;
+  // The first read: names that pass have their whole time; "other" itself always folds.
+  EXPECT_EQ(
+      totals(bounds.series(table)),
+      (Totals{{{"big", 0}, 500}, {{"traced", 1}, 3}, {{"other", 0}, 240}, {{"other", 1}, 907}}));
+
+  // keepsmall (flag 0) passes the floor: what `other` showed of it stays there and its own series
+  // counts on from that; a new name that passes at once is its own from zero.
+  table[{"keepsmall", 0}] = row(150);
+  table[{"keepnew", 0}] = row(120);
+  EXPECT_EQ(totals(bounds.series(table)), (Totals{{{"big", 0}, 500},
+                                                  {{"keepnew", 0}, 120},
+                                                  {{"keepsmall", 0}, 110},
+                                                  {{"traced", 1}, 3},
+                                                  {{"other", 0}, 240},
+                                                  {{"other", 1}, 907}}));
+  table[{"keepsmall", 0}] = row(190);
+  const auto later = totals(bounds.series(table));
+  EXPECT_EQ(later.at({"keepsmall", 0}), 150u);
+  EXPECT_EQ(later.at({"other", 0}), 240u) << "other fell or grew when a name left it";
+  uint64_t sum = 0, tableSum = 0;
+  for (const auto& [id, ns] : later) sum += ns;
+  for (const auto& [key, times] : table) tableSum += sumTimes(times);
+  EXPECT_EQ(sum, tableSum);
+
+  // A clear: a name whose time fell counts from zero again; a name gone takes its time in
+  // `other` with it.
+  table[{"keepsmall", 0}] = row(20);
+  table.erase({"keepnew", 0});
+  const auto cleared = totals(bounds.series(table));
+  EXPECT_EQ(cleared.at({"keepsmall", 0}), 20u);
+  EXPECT_EQ(cleared.count({"keepnew", 0}), 0u);
+  EXPECT_EQ(cleared.at({"other", 0}), 200u);
 }
 
 }  // namespace

@@ -43,9 +43,11 @@ class ServeTest : public KernelTest {
  protected:
   NamespaceOptions namespaceOptions() const override { return {.tracefs = true, .network = true}; }
 
-  // The tool serving on the default address once it says so.
-  void startServe(std::optional<Background>* serve) {
-    serve->emplace(ZELK_TOOL_PATH, Args{"serve"});
+  // The tool serving on the default address once it says so; every name that ran has a series
+  // of its own, from its first nanosecond.
+  void startServe(std::optional<Background>* serve,
+                  Args args = {"serve", "--process-min-seconds", "0"}) {
+    serve->emplace(ZELK_TOOL_PATH, args);
     ASSERT_TRUE((*serve)->waitFor("serving http://127.0.0.1:10410/metrics", milliseconds(30000)))
         << (*serve)->output();
   }
@@ -60,6 +62,8 @@ TEST_F(ServeTest, CommandLineAndAddressErrors) {
       {{"serve", "--per-frequency", "(unclosed"}, "--per-frequency: not a regular expression"},
       {{"serve", "--cgroup-depth", "65"}, "--cgroup-depth takes a number of levels .* to 64"},
       {{"serve", "--cgroup-match", "(unclosed"}, "--cgroup-match takes a regular expression"},
+      {{"serve", "--process-match", "(unclosed"}, "--process-match takes a regular expression"},
+      {{"serve", "--process-min-seconds", "-1"}, "--process-min-seconds takes seconds from 0"},
       {{"serve", "now"}, "serve takes no argument"},
       {{"show", "total", "--listen", "127.0.0.1:1"}, "--listen does not apply to show"},
   };
@@ -269,6 +273,51 @@ TEST_F(ServeTest, ForegroundTimeCounterNeverFallsAsTasksOfTheNameComeAndGo) {
       EXPECT_GE(counted[i], counted[i - 1]) << "scrape " << i;
     }
   }
+  EXPECT_EQ(serve->stop(), 0) << serve->output();
+}
+
+// The sum of the values of the process seconds series whose labels match `labels`, and how many
+// there are.
+std::pair<double, int> processSeconds(const std::string& body, const std::string& labels) {
+  const std::regex line("\nzelk_process_cpu_seconds_total\\{" + labels + "\\} ([0-9.e+-]+)");
+  std::pair<double, int> sum{0, 0};
+  for (auto it = std::sregex_iterator(body.begin(), body.end(), line); it != std::sregex_iterator();
+       ++it) {
+    sum.first += std::stod((*it)[1]);
+    ++sum.second;
+  }
+  return sum;
+}
+
+// A name that has run less than --process-min-seconds counts in `other`; one that passes it gets
+// its own series, and `other` keeps what it showed of it. (Spins are wall time: the floor is well
+// below the second phase even on a busy machine.)
+TEST_F(ServeTest, ShortNamesCountInOtherWhichNeverFallsWhenANameLeavesIt) {
+  addMachinePolicy({300000, 600000});
+  std::optional<Background> serve;
+  ASSERT_NO_FATAL_FAILURE(startServe(&serve, {"serve", "--process-min-seconds", "0.4"}));
+  Child child = spinner("zelkbound", {100, 1500});
+  const uint64_t before = runtimeAtWord(child);
+  child.go();
+  const uint64_t shortRun = runtimeAtWord(child) - before;
+  HttpReply reply = httpRequest(kPort, "GET", "/metrics");
+  ASSERT_EQ(reply.status, 200);
+  EXPECT_EQ(processSeconds(reply.body, "comm=\"zelkbound\".*").second, 0) << reply.body;
+  const double otherBefore = processSeconds(reply.body, "comm=\"other\".*").first;
+  EXPECT_GE(otherBefore * 1e9, 0.98 * shortRun);
+
+  child.go();
+  const uint64_t longRun = runtimeAtWord(child) - before;
+  reply = httpRequest(kPort, "GET", "/metrics");
+  const auto own = processSeconds(reply.body, "comm=\"zelkbound\".*");
+  ASSERT_EQ(own.second, 1) << reply.body;
+  // Its own series counts from the scrape that gave it one: the second phase, less what ran
+  // between that phase's start and the scrape (none), within the 2% of the other tests.
+  EXPECT_LE(own.first * 1e9, 1.02 * (longRun - shortRun) + 2e7);
+  EXPECT_GE(own.first * 1e9, 0.98 * (longRun - shortRun));
+  EXPECT_GE(processSeconds(reply.body, "comm=\"other\".*").first, otherBefore)
+      << "other fell when a name left it";
+  child.go();
   EXPECT_EQ(serve->stop(), 0) << serve->output();
 }
 

@@ -61,6 +61,9 @@ constexpr const char kUsage[] =
     "                          load if needed, track, and serve Prometheus metrics on\n"
     "                          http://ADDR:PORT/metrics (default 127.0.0.1:10410) until stopped\n"
     "        [--cgroup-depth N] [--cgroup-match REGEX]  cgroups N levels deep (default 3)\n"
+    "        [--process-match REGEX] [--process-min-seconds S]  series of their own for the\n"
+    "                          task names that match and have run S seconds (default 1); the\n"
+    "                          rest count in comm=\"other\"\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
     "  --limit N               at most N rows per table (0: all; default 20 in tables, 10 in\n"
@@ -95,7 +98,7 @@ const Command kCommands[] = {
     {"serve",
      runServe,
      {"--listen", "--model", "--voltage", "--per-frequency", "--sample", "--sample-ms",
-      "--cgroup-depth", "--cgroup-match"}},
+      "--cgroup-depth", "--cgroup-match", "--process-match", "--process-min-seconds"}},
 };
 
 }  // namespace

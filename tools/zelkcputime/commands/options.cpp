@@ -118,18 +118,28 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
         return parsed;
       }
       (name == "--listen" ? options.listen : options.perFrequency) = args[++i];
-    } else if (name == "--match" || name == "--cgroup-match") {
+    } else if (name == "--match" || name == "--cgroup-match" || name == "--process-match") {
       if (i + 1 >= args.size()) {
         parsed.error = name + " takes a regular expression";
         return parsed;
       }
-      options.cgroupMatch = args[++i];
+      std::string& value = name == "--process-match" ? options.processMatch : options.cgroupMatch;
+      value = args[++i];
       try {
-        std::regex check(options.cgroupMatch, std::regex::ECMAScript | std::regex::nosubs);
+        std::regex check(value, std::regex::ECMAScript | std::regex::nosubs);
       } catch (const std::regex_error& e) {
         parsed.error = name + " takes a regular expression: " + e.what();
         return parsed;
       }
+    } else if (name == "--process-min-seconds") {
+      const std::optional<double> seconds =
+          com::zelkora::parsePlainDecimal(i + 1 < args.size() ? args[i + 1] : "");
+      if (!seconds || !(*seconds <= 1e9)) {
+        parsed.error = "--process-min-seconds takes seconds from 0 to 1000000000";
+        return parsed;
+      }
+      options.processMinSeconds = *seconds;
+      ++i;
     } else if (name == "--json" || name == "--csv") {
       if (options.given.count(name == "--json" ? "--csv" : "--json") != 0) {
         parsed.error = "--json and --csv exclude each other";

@@ -13,6 +13,8 @@ namespace zelk::cli {
 
 enum class Format { kText, kJson, kCsv };
 
+inline constexpr double kDefaultProcessMinSeconds = 1;
+
 struct Options {
   std::vector<std::string> words;  // the command and its arguments, in order
   std::set<std::string> given;     // the options used, as written ("--json")
@@ -38,7 +40,10 @@ struct Options {
   // show cgroups --depth N, serve --cgroup-depth N: levels below the root; none: every level
   // (serve's default is its own).
   std::optional<unsigned> cgroupDepth;
-  std::string cgroupMatch;  // --match / --cgroup-match REGEX (ECMAScript), as given
+  std::string cgroupMatch;   // --match / --cgroup-match REGEX (ECMAScript), as given
+  std::string processMatch;  // serve --process-match REGEX, as given
+  // serve --process-min-seconds S: CPU time a name needs for series of its own.
+  double processMinSeconds = kDefaultProcessMinSeconds;
 };
 
 inline constexpr unsigned kMaxCgroupDepth = 64;
@@ -52,7 +57,8 @@ struct ParsedOptions {
 // 1000), --flag, --background, --replace, --names N, --kthreads N, --pids N, --model PATH,
 // --voltage V (volts, a positive decimal), --interval S (0.1 to 3600 s), --iterations N, --batch,
 // --listen ADDR:PORT, --per-frequency REGEX, --depth/--cgroup-depth N (0 to 64), --match/
-// --cgroup-match REGEX, --cgroups N, -v/--verbose, -h/--help; "--" ends the options, so that a
+// --cgroup-match REGEX, --process-match REGEX, --process-min-seconds S (0 to 10^9), --cgroups N,
+// -v/--verbose, -h/--help; "--" ends the options, so that a
 // task named like one can be given. After `top`, --kthreads and --cgroups take no value.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 

@@ -65,6 +65,10 @@ int runServe(const Options& options) {
   if (options.given.count("--cgroup-match") != 0) {
     cgroupMatch.emplace(options.cgroupMatch, std::regex::ECMAScript | std::regex::nosubs);
   }
+  std::optional<std::regex> processMatch;
+  if (options.given.count("--process-match") != 0) {
+    processMatch.emplace(options.processMatch, std::regex::ECMAScript | std::regex::nosubs);
+  }
   if (std::string message = checkRoot(); !message.empty()) return fail(message);
 
   // Blocked before any thread starts (the server's, the library's), which inherit the mask, so
@@ -120,7 +124,9 @@ int runServe(const Options& options) {
   exporter.emplace(CollectSources{}, SnapshotRequest{}, perFrequency ? &*perFrequency : nullptr,
                    model ? &*model : nullptr, sampled.sampledMs,
                    CgroupRowSettings{options.cgroupDepth.value_or(kServeCgroupDepth),
-                                     cgroupMatch ? &*cgroupMatch : nullptr});
+                                     cgroupMatch ? &*cgroupMatch : nullptr},
+                   NameBounds{processMatch ? &*processMatch : nullptr,
+                              static_cast<uint64_t>(options.processMinSeconds * 1e9), nullptr});
   tracking = true;
   // Beside another tracker the counts grow while that one runs.
   printOut("serving http://" + address.text() + "/metrics; tracking in process " +

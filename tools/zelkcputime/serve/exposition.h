@@ -11,6 +11,7 @@
 #include "machine/map_fill.h"
 #include "model/snapshot.h"
 #include "serve/encoder.h"
+#include "serve/series_bounds.h"
 #include "zelkcpufreqtime_energy.h"
 #include "zelkcpufreqtime_overflow.h"
 
@@ -37,6 +38,9 @@ struct ExpositionInput {
   const com::zelkora::PowerModel* model = nullptr;        // energy (or charge) counters when given
   unsigned sampledMs = 0;  // the sampler's period when frequencies are sampled, not followed
   ExporterStats stats;
+  // The task series, bounded (series_bounds.h); none: a series per name of each table.
+  const std::vector<TaskSeries>* processSeries = nullptr;
+  const std::vector<TaskSeries>* kthreadSeries = nullptr;
 };
 
 // Adds one concern's families to `families`, in the order they are rendered.

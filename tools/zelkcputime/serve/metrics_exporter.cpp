@@ -26,13 +26,15 @@ std::function<std::optional<T>()> counted(std::function<std::optional<T>()> quer
 MetricsExporter::MetricsExporter(CollectSources sources, SnapshotRequest request,
                                  const std::regex* perFrequency,
                                  const com::zelkora::PowerModel* model, unsigned sampledMs,
-                                 CgroupRowSettings cgroups)
+                                 CgroupRowSettings cgroups, NameBounds names)
     : sources_(std::move(sources)),
       request_(request),
       perFrequency_(perFrequency),
       model_(model),
       sampledMs_(sampledMs),
       cgroups_(cgroups),
+      processBounds_({names.match, names.minNs, perFrequency}),
+      kthreadBounds_({names.match, names.minNs, perFrequency}),
       queryFailures_(std::make_shared<std::atomic<uint64_t>>(0)) {
   request_.parts = kTotalPart | kProcessesPart | kKthreadsPart | kClassPartsPart | kCgroupsPart;
   SnapshotQueries& q = sources_.queries;
@@ -52,6 +54,8 @@ Collected MetricsExporter::collectNow() {
   if (taken.unsettled != 0) fprintf(stderr, "%s\n", unsettledNote(taken.unsettled).c_str());
   if (taken.snapshot) {
     collected.snapshot = std::move(taken.snapshot);
+    collected.processSeries = processBounds_.series(collected.snapshot->processes);
+    collected.kthreadSeries = kthreadBounds_.series(collected.snapshot->kthreads);
     collected.maps = sources_.maps();
     collected.overflow = sources_.overflow();
   } else {
@@ -107,6 +111,8 @@ HttpResponse MetricsExporter::scrape(const std::string& accept) {
   input.model = model_;
   input.sampledMs = sampledMs_;
   input.stats = {collected->collectNs, *queryFailures_, failedScrapes_};
+  input.processSeries = &collected->processSeries;
+  input.kthreadSeries = &collected->kthreadSeries;
   return {200, contentType(format), renderExposition(input, format)};
 }
 

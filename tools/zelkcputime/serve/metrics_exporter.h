@@ -33,6 +33,7 @@ struct Collected {
   std::string error;                 // without a snapshot: the query that kept failing
   std::vector<MapFill> maps;
   std::optional<com::zelkora::OverflowCounts> overflow;
+  std::vector<TaskSeries> processSeries, kthreadSeries;  // with the snapshot
   uint64_t collectNs = 0;
   std::chrono::steady_clock::time_point startedAt;
 };
@@ -47,11 +48,14 @@ class MetricsExporter {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // `perFrequency`, `model` and `cgroups.match`, when given, outlive the exporter.
+  // `perFrequency`, `model`, `cgroups.match` and `names.match`, when given, outlive the
+  // exporter. `names` bounds the task series of both tables; the names that `perFrequency`
+  // selects always have their own.
   explicit MetricsExporter(CollectSources sources = {}, SnapshotRequest request = {},
                            const std::regex* perFrequency = nullptr,
                            const com::zelkora::PowerModel* model = nullptr, unsigned sampledMs = 0,
-                           CgroupRowSettings cgroups = {kServeCgroupDepth, nullptr});
+                           CgroupRowSettings cgroups = {kServeCgroupDepth, nullptr},
+                           NameBounds names = {});
 
   // A collection that started at or after `arrival`: the one under way if it started since,
   // else a new one. Concurrent scrapers thus share a walk of the maps, and none is older than
@@ -73,6 +77,8 @@ class MetricsExporter {
   const com::zelkora::PowerModel* model_;
   unsigned sampledMs_;
   CgroupRowSettings cgroups_;
+  // Used by one collection at a time (running_).
+  SeriesBounds processBounds_, kthreadBounds_;
   // Shared with the counting wrappers of the queries in sources_.
   std::shared_ptr<std::atomic<uint64_t>> queryFailures_;
   std::atomic<uint64_t> failedScrapes_{0};

@@ -24,9 +24,18 @@ struct Task {
   const Times* times;
 };
 
-// In name order, so that the exposition is the same for the same tables.
-std::vector<Task> byName(const lib::TimeInStateTable& table) {
+// The series of one table: bounded where the exporter bounds them, else one per name. In name
+// order, so that the exposition is the same for the same tables.
+std::vector<Task> tasksOf(const ExpositionInput& input, bool processes) {
   std::vector<Task> tasks;
+  if (const std::vector<TaskSeries>* series =
+          processes ? input.processSeries : input.kthreadSeries) {
+    tasks.reserve(series->size());
+    for (const TaskSeries& row : *series) tasks.push_back({row.name, row.flag, &row.times});
+    return tasks;
+  }
+  const lib::TimeInStateTable& table =
+      processes ? input.snapshot->processes : input.snapshot->kthreads;
   tasks.reserve(table.size());
   for (const auto& [key, times] : table) tasks.push_back({key.comm, key.flag, &times});
   std::sort(tasks.begin(), tasks.end(), [](const Task& a, const Task& b) {
@@ -52,10 +61,11 @@ void forEachFrequency(const FreqTable& freqs, const Times& times, Each each) {
 }
 
 // Seconds, cycles and (for the names `perFrequency` selects) seconds per frequency of one table.
-void addTasks(const FreqTable& freqs, const lib::TimeInStateTable& table, bool processes,
-              const std::regex* perFrequency, Family* seconds, Family* cycles,
+void addTasks(const ExpositionInput& input, bool processes, Family* seconds, Family* cycles,
               Family* perFrequencySeconds) {
-  for (const Task& task : byName(table)) {
+  const FreqTable& freqs = input.snapshot->freqs;
+  const std::regex* perFrequency = input.perFrequency;
+  for (const Task& task : tasksOf(input, processes)) {
     const std::string ownLabels = taskLabels(task, processes);
     seconds->add(ownLabels, sumTimes(*task.times));
     cycles->add(ownLabels, cyclesOf(freqs, *task.times));
@@ -110,13 +120,13 @@ struct EnergyFamilies {
         process(scale.family("zelk_process_cpu", "the processes of each name")),
         kthread(scale.family("zelk_kthread_cpu", "the kernel threads of each name")) {}
 
-  void add(const lib::PowerModel& model, const Snapshot& s) {
-    if (const auto estimate = lib::estimateEnergy(model, s.total)) {
+  void add(const lib::PowerModel& model, const ExpositionInput& input) {
+    if (const auto estimate = lib::estimateEnergy(model, input.snapshot->total)) {
       total.add("", scale.value(*estimate));
     }
-    for (const auto& [table, family, processes] :
-         {std::tuple{&s.processes, &process, true}, std::tuple{&s.kthreads, &kthread, false}}) {
-      for (const Task& task : byName(*table)) {
+    for (const auto& [family, processes] :
+         {std::pair{&process, true}, std::pair{&kthread, false}}) {
+      for (const Task& task : tasksOf(input, processes)) {
         const auto estimate = lib::estimateEnergy(model, *task.times);
         if (estimate) family->add(taskLabels(task, processes), scale.value(*estimate));
       }
@@ -144,7 +154,7 @@ std::string cgroupLabels(const CgroupRow& row) {
 void collectEnergy(const ExpositionInput& input, std::vector<Family>* families) {
   if (input.model == nullptr) return;
   EnergyFamilies energy(*input.model);
-  energy.add(*input.model, *input.snapshot);
+  energy.add(*input.model, input);
   families->push_back(std::move(energy.total));
   families->push_back(std::move(energy.process));
   families->push_back(std::move(energy.kthread));
@@ -161,9 +171,11 @@ void collectSystemTimes(const ExpositionInput& input, std::vector<Family>* famil
 }
 
 void collectTaskTimes(const ExpositionInput& input, std::vector<Family>* families) {
-  const Snapshot& s = *input.snapshot;
   Family processSeconds("zelk_process_cpu_seconds", MetricKind::kCounter, "seconds",
-                        "CPU time of the processes of each name, over all frequencies.", kNs);
+                        "CPU time of the processes of each name, over all frequencies. Names "
+                        "outside --process-match, or that have not yet run "
+                        "--process-min-seconds, count in comm=\"other\".",
+                        kNs);
   Family processCycles(
       "zelk_process_cpu_cycles", MetricKind::kCounter, "",
       "CPU time times frequency of the processes of each name: rate(cycles) / rate(seconds) is "
@@ -174,17 +186,17 @@ void collectTaskTimes(const ExpositionInput& input, std::vector<Family>* familie
                           "at each frequency.",
                           kNs);
   Family kthreadSeconds("zelk_kthread_cpu_seconds", MetricKind::kCounter, "seconds",
-                        "CPU time of the kernel threads of each name, over all frequencies.", kNs);
+                        "CPU time of the kernel threads of each name, over all frequencies, "
+                        "bounded as the processes' are.",
+                        kNs);
   Family kthreadCycles("zelk_kthread_cpu_cycles", MetricKind::kCounter, "",
                        "CPU time times frequency of the kernel threads of each name.", kNsTimesKhz);
   Family kthreadFrequency("zelk_kthread_cpu_frequency_seconds", MetricKind::kCounter, "seconds",
                           "CPU time of the kernel threads of each name selected by "
                           "--per-frequency, at each frequency.",
                           kNs);
-  addTasks(s.freqs, s.processes, /*processes=*/true, input.perFrequency, &processSeconds,
-           &processCycles, &processFrequency);
-  addTasks(s.freqs, s.kthreads, /*processes=*/false, input.perFrequency, &kthreadSeconds,
-           &kthreadCycles, &kthreadFrequency);
+  addTasks(input, /*processes=*/true, &processSeconds, &processCycles, &processFrequency);
+  addTasks(input, /*processes=*/false, &kthreadSeconds, &kthreadCycles, &kthreadFrequency);
   for (Family* family : {&processSeconds, &processCycles, &processFrequency, &kthreadSeconds,
                          &kthreadCycles, &kthreadFrequency}) {
     families->push_back(std::move(*family));
