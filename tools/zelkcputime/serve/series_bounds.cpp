@@ -50,7 +50,9 @@ std::vector<TaskSeries> SeriesBounds::series(const com::zelkora::TimeInStateTabl
                                                            : zeroLike(times))
                 .first;
     }
-    Times& otherTimes = other.try_emplace(key.flag, zeroLike(times)).first->second;
+    auto otherAt = other.find(key.flag);
+    if (otherAt == other.end()) otherAt = other.emplace(key.flag, zeroLike(times)).first;
+    Times& otherTimes = otherAt->second;
     if (own == own_.end()) {
       addTimes(times, &otherTimes);
       folded.emplace(std::move(id), times);
