@@ -61,8 +61,7 @@ std::optional<CgroupTimeTable> getCgroupCpuFreqTimes() {
   const android::base::unique_fd fd = openCgroupMap(BPF_F_RDONLY);
   if (fd.get() < 0) return std::nullopt;
   CgroupTimeTable table;
-  // Values in a batch lie end to end, one block per possible CPU (see the process table).
-  if (!gPerElementWalks.load(std::memory_order_relaxed) && gPossibleCpuCount == gCpuBlockCount) {
+  if (perCpuBatchesUsable()) {
     const size_t blocks = gCpuBlockCount;
     const BatchWalk walk = walkInBatches<zelk_cgroup_id, time_in_state_block_t>(
         fd.get(), kCgroupsPerBatch, blocks,

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "core/state.h"
 #include "syscall/bpf_syscall.h"
 
 namespace com {
@@ -23,6 +24,13 @@ inline std::atomic<bool> gPerElementWalks{false};
 // batches again. For tests of either path on one kernel.
 inline void setPerElementWalks(bool forced) {
   gPerElementWalks.store(forced, std::memory_order_relaxed);
+}
+
+// Whether a per-CPU map may be read in batches. Values in a batch lie end to end, one block per
+// possible CPU, while the fold reads gCpuBlockCount blocks: the two agree unless the C library
+// counts more CPUs than the kernel.
+inline bool perCpuBatchesUsable() {
+  return !gPerElementWalks.load(std::memory_order_relaxed) && gPossibleCpuCount == gCpuBlockCount;
 }
 
 // A bucket lock that the kernel could not take at once, a map being changed under it: tried

@@ -140,9 +140,7 @@ BatchWalk readByBatches(int fd, TableFlag flagRule, std::atomic<size_t>& sizeHin
 // The caller holds the map's lock shared.
 std::optional<TimeInStateTable> readTaskTable(int fd, TableFlag flagRule,
                                               std::atomic<size_t>& sizeHint) {
-  // Values in a batch lie end to end, one block per possible CPU, while the fold reads
-  // gCpuBlockCount blocks: the two agree unless the C library counts more CPUs than the kernel.
-  if (!gPerElementWalks.load(std::memory_order_relaxed) && gPossibleCpuCount == gCpuBlockCount) {
+  if (perCpuBatchesUsable()) {
     TimeInStateTable table;
     switch (readByBatches(fd, flagRule, sizeHint, table)) {
       case BatchWalk::Done:
