@@ -1,6 +1,7 @@
 // The Prometheus rules installed beside the unit: promtool checks them and runs their unit tests,
-// which can fail; every rule has a test; and the tests' input series are named and labelled as a
-// real scrape of the built serve shows them, so that neither drifts from the metrics.
+// which can fail; every rule has a test; the tests' input series are named and labelled as a real
+// scrape of the built serve shows them, so that neither drifts from the metrics; and Prometheus
+// records from that serve what the rules say.
 #include <android-base/file.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -198,6 +199,53 @@ TEST_F(RulesScrapeTest, TheTestsInputSeriesAreThoseOfARealScrape) {
     EXPECT_TRUE(shaped(*series, scraped)) << (*it)[1] << " is not a series that serve exports";
   }
   EXPECT_GE(inputs, 20u);
+
+  // Prometheus with the rules, on what serve counts: every CPU's time at the policy's 300 MHz, so
+  // the averages are that frequency and the power 0.1 W per busy CPU.
+  Prometheus prometheus;
+  const std::string error = prometheus.start(std::string(R"(global:
+  scrape_interval: 1s
+  scrape_timeout: 1s
+  evaluation_interval: 1s
+rule_files: [')") + ZELK_RULES_PATH + R"(']
+scrape_configs:
+  - job_name: zelkcputime
+    static_configs: [{targets: ['127.0.0.1:10410']}]
+)",
+                                             19090);
+  if (error.find("not installed") != std::string::npos) ZELK_SKIP_OR_FAIL(error);
+  ASSERT_EQ(error, "");
+  const std::string policyHz = "instance_policy:zelk_cpu_cycles_per_cpu_seconds:ratio_rate5m";
+  ASSERT_TRUE(
+      waitUntil([&] { return prometheus.query(policyHz).has_value(); }, milliseconds(20000)))
+      << prometheus.log();
+  EXPECT_NEAR(prometheus.query(policyHz).value_or(0), 300e6, 1);
+  EXPECT_NEAR(prometheus
+                  .query("instance_comm_foreground:zelk_process_cpu_cycles_per_cpu_seconds:ratio_"
+                         "rate5m{comm=\"zelkcputime\"}")
+                  .value_or(0),
+              300e6, 1);
+  EXPECT_NEAR(prometheus
+                  .query("instance:zelk_cpu_joules:rate5m / on (instance) "
+                         "instance_policy:zelk_cpu_seconds:rate5m")
+                  .value_or(0),
+              0.1, 0.001);
+  // Every rule evaluated without an error, and the alert quiet on maps almost empty.
+  std::string rulesState;
+  EXPECT_TRUE(waitUntil(
+      [&] {
+        rulesState = httpRequest(19090, "GET", "/api/v1/rules").body;
+        size_t healthy = 0;
+        for (size_t at = 0; (at = rulesState.find("\"health\":\"ok\"", at)) != std::string::npos;
+             ++at) {
+          ++healthy;
+        }
+        return healthy == 10;
+      },
+      milliseconds(10000)))
+      << rulesState;
+  EXPECT_NE(rulesState.find("\"name\":\"ZelkMapNearlyFull\""), std::string::npos) << rulesState;
+  EXPECT_NE(rulesState.find("\"state\":\"inactive\""), std::string::npos) << rulesState;
   background.go();
   EXPECT_EQ(serve.stop(), 0) << serve.output();
 }
