@@ -29,13 +29,18 @@ ExpositionInput knownInput(const Snapshot& snapshot, const std::regex* perFreque
 TEST(RenderExposition, TextFormatOfAKnownSnapshot) {
   const Snapshot snapshot = knownSnapshot();
   const std::regex app("app");
+  const std::string text = renderExposition(knownInput(snapshot, &app), ExpositionFormat::kText);
   EXPECT_EQ(
-      renderExposition(knownInput(snapshot, &app), ExpositionFormat::kText),
+      text,
       R"(# HELP zelk_cpu_seconds_total CPU time of the whole system at each frequency of each cpufreq policy.
 # TYPE zelk_cpu_seconds_total counter
 zelk_cpu_seconds_total{policy="0",freq_khz="300000"} 0.000000003
 zelk_cpu_seconds_total{policy="0",freq_khz="600000"} 1
 zelk_cpu_seconds_total{policy="1",freq_khz="1000000"} 0.5
+# HELP zelk_cpu_cycles_total CPU time times frequency of the whole system in each cpufreq policy: rate(cycles) / rate(the policy's seconds) is its average frequency in Hz while busy.
+# TYPE zelk_cpu_cycles_total counter
+zelk_cpu_cycles_total{policy="0"} 600000000.9
+zelk_cpu_cycles_total{policy="1"} 500000000
 # HELP zelk_process_cpu_seconds_total CPU time of the processes of each name, over all frequencies. Names outside --process-match, or that have not yet run --process-min-seconds, count in comm="other".
 # TYPE zelk_process_cpu_seconds_total counter
 zelk_process_cpu_seconds_total{comm="app",foreground="false"} 0.25
@@ -103,6 +108,22 @@ zelk_exporter_failed_scrapes_total 1
 # TYPE zelk_exporter_scrape_duration_seconds gauge
 zelk_exporter_scrape_duration_seconds 0.0015
 )");
+
+  // A policy's cycles are Σ seconds × Hz over its frequencies, the one listed twice included.
+  std::map<std::string, double> sums, cycles;
+  const std::regex seconds(
+      "\nzelk_cpu_seconds_total\\{policy=\"([0-9]+)\",freq_khz=\"([0-9]+)\"\\} ([0-9.]+)");
+  for (auto it = std::sregex_iterator(text.begin(), text.end(), seconds);
+       it != std::sregex_iterator(); ++it) {
+    sums[(*it)[1]] += std::stod((*it)[3]) * std::stod((*it)[2]) * 1e3;
+  }
+  const std::regex policy("\nzelk_cpu_cycles_total\\{policy=\"([0-9]+)\"\\} ([0-9.]+)");
+  for (auto it = std::sregex_iterator(text.begin(), text.end(), policy);
+       it != std::sregex_iterator(); ++it) {
+    cycles[(*it)[1]] = std::stod((*it)[2]);
+  }
+  ASSERT_EQ(cycles.size(), 2u) << text;
+  for (const auto& [p, sum] : sums) EXPECT_DOUBLE_EQ(cycles[p], sum) << "policy " << p;
 }
 
 TEST(RenderExposition, OpenMetricsNamesFamiliesByTheirBaseAndEnds) {
@@ -134,7 +155,8 @@ TEST(RenderExposition, OpenMetricsNamesFamiliesByTheirBaseAndEnds) {
 TEST(RenderExposition, NamesThatBecomeEqualAddUpAndLargeSumsStayExact) {
   Snapshot s;
   s.freqs = {{4000000}};
-  s.total = {{1}};
+  // A year of one CPU at 4 GHz: the policy's cycles too are past 64 bits.
+  s.total = {{31536000000000000ull}};
   // Both names show as "a\uFFFD": one series, or the scrape would be rejected as a duplicate.
   s.processes[{"a\xff", 0}] = {{1000000000}};
   s.processes[{"a\xfe", 0}] = {{2000000000}};
@@ -152,6 +174,8 @@ TEST(RenderExposition, NamesThatBecomeEqualAddUpAndLargeSumsStayExact) {
             std::string::npos)
       << text;
   EXPECT_NE(text.find("zelk_kthread_cpu_seconds_total{comm=\"k\"} 31536000\n"), std::string::npos);
+  EXPECT_NE(text.find("\nzelk_cpu_cycles_total{policy=\"0\"} 126144000000000000\n"),
+            std::string::npos);
   EXPECT_EQ(text.find("zelk_untracked_processes"), std::string::npos) << "no overflow counters";
 }
 

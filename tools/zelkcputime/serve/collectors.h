@@ -10,7 +10,7 @@ namespace zelk::cli {
 
 // Energy (or charge) of the whole system, the processes and the kernel threads, with a model.
 void collectEnergy(const ExpositionInput& input, std::vector<Family>* families);
-// CPU time of the whole system at each frequency.
+// CPU time of the whole system at each frequency, and its cycles per policy.
 void collectSystemTimes(const ExpositionInput& input, std::vector<Family>* families);
 // CPU time and cycles of the processes and the kernel threads, and per frequency where asked.
 void collectTaskTimes(const ExpositionInput& input, std::vector<Family>* families);

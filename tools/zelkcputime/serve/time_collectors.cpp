@@ -164,10 +164,19 @@ void collectSystemTimes(const ExpositionInput& input, std::vector<Family>* famil
   const Snapshot& s = *input.snapshot;
   Family total("zelk_cpu_seconds", MetricKind::kCounter, "seconds",
                "CPU time of the whole system at each frequency of each cpufreq policy.", kNs);
+  // PromQL cannot read a frequency out of a label: the policy's cycles give its average.
+  Family cycles("zelk_cpu_cycles", MetricKind::kCounter, "",
+                "CPU time times frequency of the whole system in each cpufreq policy: "
+                "rate(cycles) / rate(the policy's seconds) is its average frequency in Hz while "
+                "busy.",
+                kNsTimesKhz);
   forEachFrequency(s.freqs, s.total, [&](size_t p, uint64_t khz, uint64_t ns) {
-    total.add(labels({{"policy", std::to_string(p)}, {"freq_khz", std::to_string(khz)}}), ns);
+    const std::string policy = std::to_string(p);
+    total.add(labels({{"policy", policy}, {"freq_khz", std::to_string(khz)}}), ns);
+    cycles.add(labels({{"policy", policy}}), static_cast<Units>(ns) * khz);
   });
   families->push_back(std::move(total));
+  families->push_back(std::move(cycles));
 }
 
 void collectTaskTimes(const ExpositionInput& input, std::vector<Family>* families) {
