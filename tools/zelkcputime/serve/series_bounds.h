@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <map>
 #include <regex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "model/times.h"
 #include "zelkcpufreqtime.h"
+#include "zelkcpufreqtime_class_time.h"
 
 namespace zelk::cli {
 
@@ -22,6 +24,10 @@ struct NameBounds {
   const std::regex* match = nullptr;  // a name needs to match it for a series of its own; none: any
   uint64_t minNs = 0;                 // and to have run this long
   const std::regex* always = nullptr;  // names that have one from the start (--per-frequency)
+
+  // The one rule for every bounded family: whether `name`, whose tasks have run `ranNs` of CPU,
+  // has series of its own.
+  bool admits(const std::string& name, uint64_t ranNs) const;
 };
 
 // One series: a name (or kOtherName), its flag, and the time it shows.
@@ -44,9 +50,17 @@ class SeriesBounds {
   // thread-safe: one collection at a time.
   std::vector<TaskSeries> series(const com::zelkora::TimeInStateTable& table);
 
- private:
-  bool passes(const std::string& name, const Times& times) const;
+  // One name's counts, and the CPU time that its bound is taken from.
+  struct Row {
+    const std::string* name;
+    uint64_t flag;
+    const Times* counts;
+    uint64_t ranNs;
+  };
+  // The same over rows whose bound is not their own counts (the class times').
+  std::vector<TaskSeries> series(const std::vector<Row>& rows);
 
+ private:
   using Key = std::pair<std::string, uint64_t>;
 
   NameBounds bounds_;
@@ -54,6 +68,38 @@ class SeriesBounds {
   std::map<Key, Times> own_;
   // The names that the last read counted in `other`, with what it counted of them.
   std::map<Key, Times> folded_;
+};
+
+// Time in a class of one name: the periods that have ended (a counter) and the open ones (a gauge).
+struct ClassSeries {
+  std::string name;
+  uint64_t closedNs = 0;
+  uint64_t openNs = 0;
+};
+
+// A class table (time in the foreground, or in the background) bounded as the processes are: a
+// name has series of its own once it passes the bounds with the CPU time that its processes have
+// run (both flags of the process table), else it counts in `other`. The closed periods are kept
+// as SeriesBounds keeps CPU time, so they never go backwards and sum to what the counted names
+// hold. The pid maps hold kernel threads too, whose class time is wall time: without `kthreads`
+// a name counts only once it has run as a process (it is in the process table), and then for as
+// long as it is in the class table; with it every name counts, a kernel thread's bounded by its
+// CPU time in the kernel-thread table.
+class ClassSeriesBounds {
+ public:
+  explicit ClassSeriesBounds(NameBounds bounds = {}, bool kthreads = false)
+      : bounds_(bounds), kthreads_(kthreads) {}
+
+  // The series of one read, in name order, `other` last; `processes` and `kthreads` are the
+  // CPU tables of the same collection. Not thread-safe.
+  std::vector<ClassSeries> series(const com::zelkora::ClassTimePartsTable& table,
+                                  const com::zelkora::TimeInStateTable& processes,
+                                  const com::zelkora::TimeInStateTable& kthreads);
+
+ private:
+  SeriesBounds bounds_;
+  bool kthreads_;
+  std::set<std::string> processNames_;  // class names seen in the process table
 };
 
 }  // namespace zelk::cli
