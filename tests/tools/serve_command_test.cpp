@@ -213,7 +213,8 @@ bool otherComesFirst(pid_t first, const std::vector<std::unique_ptr<Child>>& oth
 TEST_F(ServeTest, ForegroundTimeCounterNeverFallsAsTasksOfTheNameComeAndGo) {
   addMachinePolicy({300000, 600000});
   std::optional<Background> serve;
-  ASSERT_NO_FATAL_FAILURE(startServe(&serve));
+  ASSERT_NO_FATAL_FAILURE(
+      startServe(&serve, {"serve", "--process-min-seconds", "0", "--class-times-kthreads"}));
   // The library's seeding pass deletes the pid entries that it finds made already: the tasks
   // start after it, which the pressure trigger follows (refused without CAP_SYS_RESOURCE, and
   // said so; elsewhere the wait just runs out).
@@ -268,6 +269,9 @@ TEST_F(ServeTest, ForegroundTimeCounterNeverFallsAsTasksOfTheNameComeAndGo) {
     ASSERT_EQ(other->wait(), 0);
   }
   scrape();
+  // Kernel threads have class series only when asked: kthreadd, seeded at the start, sleeps in
+  // the foreground.
+  EXPECT_GT(scrapedValue("zelk_foreground_open_seconds\\{comm=\"kthreadd\"\\}"), 0);
   for (size_t i = 0; i < counted.size(); ++i) {
     EXPECT_GE(counted[i], 0) << "scrape " << i;
     if (i > 0) {
