@@ -388,9 +388,9 @@ TEST(ClassSeriesBounds, ProcessNamesBoundedByTheirCpuTimeAndKernelThreadsOnlyWhe
                                     {{"sleeper", 0}, {9, 1}}};
   ClassSeriesBounds bounds({nullptr, /*minNs=*/100, nullptr});
   ClassSeriesBounds withKthreads({nullptr, /*minNs=*/100, nullptr}, /*kthreads=*/true);
-  EXPECT_EQ(classTotals(bounds.series(table, processes, kthreads)),
+  EXPECT_EQ(classTotals(bounds.series(table, {}, processes, kthreads).foreground),
             (Totals{{"busy", {1000, 50}}, {"systemd-journa", {70, 7}}, {"other", {30, 5}}}));
-  EXPECT_EQ(classTotals(withKthreads.series(table, processes, kthreads)),
+  EXPECT_EQ(classTotals(withKthreads.series({}, table, processes, kthreads).background),
             (Totals{{"busy", {1000, 50}},
                     {"kworker/0:1", {5000, 500}},
                     {"systemd-journa", {70, 7}},
@@ -400,16 +400,17 @@ TEST(ClassSeriesBounds, ProcessNamesBoundedByTheirCpuTimeAndKernelThreadsOnlyWhe
   // there and its open period leaves `other`'s gauge. A cleared process table takes no name out.
   processes[{"idle", 1}] = row(150);
   table[{"idle", 0}] = {45, 8};
-  EXPECT_EQ(classTotals(bounds.series(table, processes, kthreads)),
+  EXPECT_EQ(classTotals(bounds.series(table, {}, processes, kthreads).foreground),
             (Totals{{"busy", {1000, 50}},
                     {"idle", {15, 8}},
                     {"systemd-journa", {70, 7}},
                     {"other", {30, 0}}}));
   table[{"busy", 0}] = {1100, 0};
-  EXPECT_EQ(classTotals(bounds.series(table, {}, {})), (Totals{{"busy", {1100, 0}},
-                                                               {"idle", {15, 8}},
-                                                               {"systemd-journa", {70, 7}},
-                                                               {"other", {30, 0}}}));
+  EXPECT_EQ(classTotals(bounds.series(table, {}, {}, {}).foreground),
+            (Totals{{"busy", {1100, 0}},
+                    {"idle", {15, 8}},
+                    {"systemd-journa", {70, 7}},
+                    {"other", {30, 0}}}));
 }
 
 }  // namespace

@@ -35,8 +35,7 @@ MetricsExporter::MetricsExporter(CollectSources sources, SnapshotRequest request
       cgroups_(cgroups),
       processBounds_({names.match, names.minNs, perFrequency}),
       kthreadBounds_({names.match, names.minNs, perFrequency}),
-      foregroundBounds_({names.match, names.minNs, perFrequency}, classKthreads),
-      backgroundBounds_({names.match, names.minNs, perFrequency}, classKthreads),
+      classBounds_({names.match, names.minNs, perFrequency}, classKthreads),
       queryFailures_(std::make_shared<std::atomic<uint64_t>>(0)) {
   request_.parts = kTotalPart | kProcessesPart | kKthreadsPart | kClassPartsPart | kCgroupsPart;
   SnapshotQueries& q = sources_.queries;
@@ -59,8 +58,10 @@ Collected MetricsExporter::collectNow() {
     collected.processSeries = processBounds_.series(collected.snapshot->processes);
     collected.kthreadSeries = kthreadBounds_.series(collected.snapshot->kthreads);
     const Snapshot& s = *collected.snapshot;
-    collected.foregroundSeries = foregroundBounds_.series(s.topParts, s.processes, s.kthreads);
-    collected.backgroundSeries = backgroundBounds_.series(s.bgParts, s.processes, s.kthreads);
+    ClassSeriesBounds::Series classes =
+        classBounds_.series(s.topParts, s.bgParts, s.processes, s.kthreads);
+    collected.foregroundSeries = std::move(classes.foreground);
+    collected.backgroundSeries = std::move(classes.background);
     collected.maps = sources_.maps();
     collected.overflow = sources_.overflow();
   } else {

@@ -81,7 +81,7 @@ class MetricsExporter {
   CgroupRowSettings cgroups_;
   // Used by one collection at a time (running_).
   SeriesBounds processBounds_, kthreadBounds_;
-  ClassSeriesBounds foregroundBounds_, backgroundBounds_;
+  ClassSeriesBounds classBounds_;
   // Shared with the counting wrappers of the queries in sources_.
   std::shared_ptr<std::atomic<uint64_t>> queryFailures_;
   std::atomic<uint64_t> failedScrapes_{0};

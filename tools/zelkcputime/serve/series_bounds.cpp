@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <optional>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace zelk::cli {
 namespace {
@@ -49,11 +51,10 @@ std::vector<TaskSeries> SeriesBounds::series(const std::vector<Row>& rows) {
   std::vector<TaskSeries> out;
   std::map<uint64_t, Times> other;  // per flag
   std::map<Key, Times> folded;
-  std::set<Key> present;
+  std::unordered_set<const Key*> seen;  // own_'s entries that this read has
   for (const Row& row : rows) {
     const Times& times = *row.counts;
     Key id(*row.name, row.flag);
-    present.insert(id);
     auto own = own_.find(id);
     if (own == own_.end() && bounds_.admits(*row.name, row.ranNs)) {
       // What `other` showed of it stays there; a name it never showed is its own from zero.
@@ -70,6 +71,7 @@ std::vector<TaskSeries> SeriesBounds::series(const std::vector<Row>& rows) {
       folded.emplace(std::move(id), times);
       continue;
     }
+    seen.insert(&own->first);
     Times shown = times;
     if (!subtractBase(own->second, &shown)) {
       own->second = zeroLike(times);  // cleared since: its own from zero again
@@ -81,7 +83,7 @@ std::vector<TaskSeries> SeriesBounds::series(const std::vector<Row>& rows) {
   folded_ = std::move(folded);
   // A name that is no longer in the table (cleared) no longer holds time in `other` either.
   for (auto it = own_.begin(); it != own_.end();) {
-    it = present.count(it->first) != 0 ? std::next(it) : own_.erase(it);
+    it = seen.count(&it->first) != 0 ? std::next(it) : own_.erase(it);
   }
   std::sort(out.begin(), out.end(), [](const TaskSeries& a, const TaskSeries& b) {
     return a.name != b.name ? a.name < b.name : a.flag < b.flag;
@@ -96,68 +98,71 @@ namespace {
 // 14 bytes, and the kernel object every other by up to 15.
 constexpr size_t kSeededNameBytes = 14;
 
-// CPU time per name, over both flags.
-void addRan(const com::zelkora::TimeInStateTable& table, std::map<std::string, uint64_t>* ran) {
-  for (const auto& [key, times] : table) (*ran)[key.comm] += sumTimes(times);
+void addRan(const com::zelkora::TimeInStateTable& table, ClassSeriesBounds::NameCpu* ran) {
+  for (const auto& [key, times] : table) {
+    const uint64_t ns = sumTimes(times);
+    ran->exact[key.comm] += ns;
+    if (key.comm.size() == kSeededNameBytes + 1) {
+      ran->seeded[key.comm.substr(0, kSeededNameBytes)] += ns;
+    }
+  }
 }
 
 // The CPU time of the tasks that a class table names `name`: a seeded name stands for the longer
 // names it begins. Empty when none ran.
-std::optional<uint64_t> ranOf(const std::map<std::string, uint64_t>& ran, const std::string& name) {
+std::optional<uint64_t> ranOf(const ClassSeriesBounds::NameCpu& ran, const std::string& name) {
   std::optional<uint64_t> sum;
-  if (const auto it = ran.find(name); it != ran.end()) sum = it->second;
+  if (const auto it = ran.exact.find(name); it != ran.exact.end()) sum = it->second;
   if (name.size() != kSeededNameBytes) return sum;
-  for (auto it = ran.upper_bound(name);
-       it != ran.end() && it->first.compare(0, name.size(), name) == 0; ++it) {
-    if (it->first.size() == kSeededNameBytes + 1) sum = sum.value_or(0) + it->second;
+  if (const auto it = ran.seeded.find(name); it != ran.seeded.end()) {
+    sum = sum.value_or(0) + it->second;
   }
   return sum;
 }
 
 }  // namespace
 
-std::vector<ClassSeries> ClassSeriesBounds::series(const com::zelkora::ClassTimePartsTable& table,
-                                                   const com::zelkora::TimeInStateTable& processes,
-                                                   const com::zelkora::TimeInStateTable& kthreads) {
-  std::map<std::string, uint64_t> ran;
+ClassSeriesBounds::Series ClassSeriesBounds::series(
+    const com::zelkora::ClassTimePartsTable& foreground,
+    const com::zelkora::ClassTimePartsTable& background,
+    const com::zelkora::TimeInStateTable& processes,
+    const com::zelkora::TimeInStateTable& kthreads) {
+  NameCpu ran;
   addRan(processes, &ran);
   if (kthreads_) addRan(kthreads, &ran);
+  return {seriesOf(foreground, ran, &foreground_), seriesOf(background, ran, &background_)};
+}
+
+std::vector<ClassSeries> ClassSeriesBounds::seriesOf(const com::zelkora::ClassTimePartsTable& table,
+                                                     const NameCpu& ran, Class* state) const {
   // The counted names, and their closed periods as one-entry counts, so that SeriesBounds keeps
   // them as it keeps CPU time.
-  std::vector<
-      const std::pair<const com::zelkora::process_key_char_t, com::zelkora::ClassTimeParts>*>
-      entries;
-  std::vector<uint64_t> ranNs;
-  std::set<std::string> processNames;
-  for (const auto& entry : table) {
-    const std::string& name = entry.first.comm;
-    const std::optional<uint64_t> nameRan = ranOf(ran, name);
-    if (!kthreads_) {
-      if (!nameRan && processNames_.count(name) == 0) continue;
-      processNames.insert(name);
-    }
-    entries.push_back(&entry);
-    ranNs.push_back(nameRan.value_or(0));
-  }
-  if (!kthreads_) processNames_ = std::move(processNames);
-  std::vector<Times> closed(entries.size());
-  std::vector<SeriesBounds::Row> rows(entries.size());
-  std::map<std::string, uint64_t> openOf;
+  std::vector<Times> closed;
+  std::vector<SeriesBounds::Row> rows;
+  std::unordered_map<std::string, uint64_t> openOf;
+  closed.reserve(table.size());
+  rows.reserve(table.size());
   uint64_t otherOpenNs = 0;
-  for (size_t i = 0; i < entries.size(); ++i) {
-    const auto& [key, parts] = *entries[i];
-    closed[i] = {{parts.closedNs}};
-    rows[i] = {&key.comm, 0, &closed[i], ranNs[i]};
+  std::unordered_set<std::string> processNames;
+  for (const auto& [key, parts] : table) {
+    const std::optional<uint64_t> ranNs = ranOf(ran, key.comm);
+    if (!kthreads_) {
+      if (!ranNs && state->processNames.count(key.comm) == 0) continue;
+      processNames.insert(key.comm);
+    }
+    closed.push_back({{parts.closedNs}});
+    rows.push_back({&key.comm, 0, &closed.back(), ranNs.value_or(0)});
     openOf[key.comm] += parts.openNs;
     otherOpenNs += parts.openNs;
   }
+  if (!kthreads_) state->processNames = std::move(processNames);
   std::vector<ClassSeries> out;
-  for (const TaskSeries& row : bounds_.series(rows)) {
+  for (TaskSeries& row : state->bounds.series(rows)) {
     // `other` comes last: the open periods of the names without a series of their own.
     const bool other = row.name == kOtherName;
     const uint64_t openNs = other ? otherOpenNs : openOf[row.name];
     if (!other) otherOpenNs -= openNs;
-    out.push_back({row.name, row.times[0][0], openNs});
+    out.push_back({std::move(row.name), row.times[0][0], openNs});
   }
   return out;
 }

@@ -5,8 +5,9 @@
 #include <cstdint>
 #include <map>
 #include <regex>
-#include <set>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -88,18 +89,35 @@ struct ClassSeries {
 class ClassSeriesBounds {
  public:
   explicit ClassSeriesBounds(NameBounds bounds = {}, bool kthreads = false)
-      : bounds_(bounds), kthreads_(kthreads) {}
+      : kthreads_(kthreads),
+        foreground_{SeriesBounds(bounds), {}},
+        background_{SeriesBounds(bounds), {}} {}
 
-  // The series of one read, in name order, `other` last; `processes` and `kthreads` are the
-  // CPU tables of the same collection. Not thread-safe.
-  std::vector<ClassSeries> series(const com::zelkora::ClassTimePartsTable& table,
-                                  const com::zelkora::TimeInStateTable& processes,
-                                  const com::zelkora::TimeInStateTable& kthreads);
+  struct Series {
+    std::vector<ClassSeries> foreground, background;
+  };
+  // The series of one read of the two class tables, each in name order with `other` last;
+  // `processes` and `kthreads` are the CPU tables of the same collection. Not thread-safe.
+  Series series(const com::zelkora::ClassTimePartsTable& foreground,
+                const com::zelkora::ClassTimePartsTable& background,
+                const com::zelkora::TimeInStateTable& processes,
+                const com::zelkora::TimeInStateTable& kthreads);
+
+  // CPU time by name, and of the 15-byte names by their first 14 bytes.
+  struct NameCpu {
+    std::unordered_map<std::string, uint64_t> exact, seeded;
+  };
 
  private:
-  SeriesBounds bounds_;
+  struct Class {
+    SeriesBounds bounds;
+    std::unordered_set<std::string> processNames;  // the names it counts as processes'
+  };
+  std::vector<ClassSeries> seriesOf(const com::zelkora::ClassTimePartsTable& table,
+                                    const NameCpu& ran, Class* state) const;
+
   bool kthreads_;
-  std::set<std::string> processNames_;  // class names seen in the process table
+  Class foreground_, background_;
 };
 
 }  // namespace zelk::cli
