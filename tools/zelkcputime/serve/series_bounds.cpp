@@ -1,6 +1,7 @@
 #include "serve/series_bounds.h"
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
@@ -8,8 +9,9 @@
 namespace zelk::cli {
 namespace {
 
-// `times` less `base`, entry by entry; false when some entry is below its base (the counts were
-// cleared since) or the shapes differ.
+// The counts' arithmetic, for Times and for one counter. subtractBase: `counts` less `base`;
+// false, leaving them as they were, when some entry is below its base (the counts were cleared
+// since) or the shapes differ.
 bool subtractBase(const Times& base, Times* times) {
   if (base.size() != times->size()) return false;
   for (size_t p = 0; p < base.size(); ++p) {
@@ -24,11 +26,22 @@ bool subtractBase(const Times& base, Times* times) {
   return true;
 }
 
+bool subtractBase(uint64_t base, uint64_t* ns) {
+  if (*ns < base) return false;
+  *ns -= base;
+  return true;
+}
+
 Times zeroLike(const Times& times) {
   Times zero(times.size());
   for (size_t p = 0; p < times.size(); ++p) zero[p].assign(times[p].size(), 0);
   return zero;
 }
+
+uint64_t zeroLike(uint64_t /*ns*/) { return 0; }
+
+void addCounts(const Times& add, Times* to) { addTimes(add, to); }
+void addCounts(uint64_t add, uint64_t* to) { *to += add; }
 
 }  // namespace
 
@@ -39,56 +52,71 @@ bool NameBounds::admits(const std::string& name, uint64_t ranNs) const {
   return ranNs >= minNs;
 }
 
-std::vector<TaskSeries> SeriesBounds::series(const com::zelkora::TimeInStateTable& table) {
-  std::vector<Row> rows;
-  rows.reserve(table.size());
-  for (const auto& [key, times] : table)
-    rows.push_back({&key.comm, key.flag, &times, sumTimes(times)});
-  return series(rows);
-}
-
-std::vector<TaskSeries> SeriesBounds::series(const std::vector<Row>& rows) {
-  std::vector<TaskSeries> out;
-  std::map<uint64_t, Times> other;  // per flag
-  std::map<Key, Times> folded;
-  std::unordered_set<const Key*> seen;  // own_'s entries that this read has
+template <typename Count>
+std::vector<typename FoldedCounts<Count>::Shown> FoldedCounts<Count>::series(
+    const NameBounds& bounds, const std::vector<Row>& rows) {
+  ++reads_;
+  std::vector<Shown> out;
+  std::map<uint64_t, Count> other;  // per flag
   for (const Row& row : rows) {
-    const Times& times = *row.counts;
+    const Count& counts = *row.counts;
+    // Names are at most 15 bytes, so the key's copy stays within the string.
     Key id(*row.name, row.flag);
     auto own = own_.find(id);
-    if (own == own_.end() && bounds_.admits(*row.name, row.ranNs)) {
+    if (own == own_.end() && bounds.admits(*row.name, row.ranNs)) {
       // What `other` showed of it stays there; a name it never showed is its own from zero.
-      const auto shownInOther = folded_.find(id);
-      own = own_.emplace(id, shownInOther != folded_.end() ? std::move(shownInOther->second)
-                                                           : zeroLike(times))
-                .first;
+      Entry base{zeroLike(counts)};
+      if (const auto shownInOther = folded_.find(id); shownInOther != folded_.end()) {
+        base.counts = std::move(shownInOther->second.counts);
+        folded_.erase(shownInOther);
+      }
+      own = own_.emplace(id, std::move(base)).first;
     }
     auto otherAt = other.find(row.flag);
-    if (otherAt == other.end()) otherAt = other.emplace(row.flag, zeroLike(times)).first;
-    Times& otherTimes = otherAt->second;
+    if (otherAt == other.end()) otherAt = other.emplace(row.flag, zeroLike(counts)).first;
     if (own == own_.end()) {
-      addTimes(times, &otherTimes);
-      folded.emplace(std::move(id), times);
+      addCounts(counts, &otherAt->second);
+      auto folded = folded_.find(id);
+      if (folded == folded_.end())
+        folded = folded_.emplace(Key(*row.name, row.flag), Entry{}).first;
+      folded->second = {counts, reads_};
       continue;
     }
-    seen.insert(&own->first);
-    Times shown = times;
-    if (!subtractBase(own->second, &shown)) {
-      own->second = zeroLike(times);  // cleared since: its own from zero again
-      shown = times;
+    own->second.read = reads_;
+    Count shown = counts;
+    if (!subtractBase(own->second.counts, &shown)) {
+      own->second.counts = zeroLike(counts);  // cleared since: its own from zero again
+      shown = counts;
     }
-    addTimes(own->second, &otherTimes);
-    out.push_back({*row.name, row.flag, std::move(shown)});
+    addCounts(own->second.counts, &otherAt->second);
+    out.push_back({row.name, row.flag, std::move(shown)});
   }
-  folded_ = std::move(folded);
-  // A name that is no longer in the table (cleared) no longer holds time in `other` either.
-  for (auto it = own_.begin(); it != own_.end();) {
-    it = seen.count(&it->first) != 0 ? std::next(it) : own_.erase(it);
+  // A name that is no longer in the table (cleared) no longer holds counts in `other` either.
+  for (auto* entries : {&own_, &folded_}) {
+    for (auto it = entries->begin(); it != entries->end();) {
+      it = it->second.read == reads_ ? std::next(it) : entries->erase(it);
+    }
   }
-  std::sort(out.begin(), out.end(), [](const TaskSeries& a, const TaskSeries& b) {
-    return a.name != b.name ? a.name < b.name : a.flag < b.flag;
+  std::sort(out.begin(), out.end(), [](const Shown& a, const Shown& b) {
+    return *a.name != *b.name ? *a.name < *b.name : a.flag < b.flag;
   });
-  for (auto& [flag, times] : other) out.push_back({kOtherName, flag, std::move(times)});
+  for (auto& [flag, counts] : other) out.push_back({nullptr, flag, std::move(counts)});
+  return out;
+}
+
+template class FoldedCounts<Times>;
+template class FoldedCounts<uint64_t>;
+
+std::vector<TaskSeries> SeriesBounds::series(const com::zelkora::TimeInStateTable& table) {
+  std::vector<FoldedCounts<Times>::Row> rows;
+  rows.reserve(table.size());
+  for (const auto& [key, times] : table) {
+    rows.push_back({&key.comm, key.flag, &times, sumTimes(times)});
+  }
+  std::vector<TaskSeries> out;
+  for (auto& row : counts_.series(bounds_, rows)) {
+    out.push_back({row.name != nullptr ? *row.name : kOtherName, row.flag, std::move(row.counts)});
+  }
   return out;
 }
 
@@ -135,12 +163,9 @@ ClassSeriesBounds::Series ClassSeriesBounds::series(
 
 std::vector<ClassSeries> ClassSeriesBounds::seriesOf(const com::zelkora::ClassTimePartsTable& table,
                                                      const NameCpu& ran, Class* state) const {
-  // The counted names, and their closed periods as one-entry counts, so that SeriesBounds keeps
-  // them as it keeps CPU time.
-  std::vector<Times> closed;
-  std::vector<SeriesBounds::Row> rows;
-  std::unordered_map<std::string, uint64_t> openOf;
-  closed.reserve(table.size());
+  // The counted names with their closed periods, kept as the task series keep CPU time.
+  std::vector<FoldedCounts<uint64_t>::Row> rows;
+  std::unordered_map<std::string_view, uint64_t> openOf;
   rows.reserve(table.size());
   uint64_t otherOpenNs = 0;
   std::unordered_set<std::string> processNames;
@@ -150,19 +175,21 @@ std::vector<ClassSeries> ClassSeriesBounds::seriesOf(const com::zelkora::ClassTi
       if (!ranNs && state->processNames.count(key.comm) == 0) continue;
       processNames.insert(key.comm);
     }
-    closed.push_back({{parts.closedNs}});
-    rows.push_back({&key.comm, 0, &closed.back(), ranNs.value_or(0)});
+    rows.push_back({&key.comm, 0, &parts.closedNs, ranNs.value_or(0)});
     openOf[key.comm] += parts.openNs;
     otherOpenNs += parts.openNs;
   }
   if (!kthreads_) state->processNames = std::move(processNames);
   std::vector<ClassSeries> out;
-  for (TaskSeries& row : state->bounds.series(rows)) {
+  for (const auto& row : state->closed.series(bounds_, rows)) {
     // `other` comes last: the open periods of the names without a series of their own.
-    const bool other = row.name == kOtherName;
-    const uint64_t openNs = other ? otherOpenNs : openOf[row.name];
-    if (!other) otherOpenNs -= openNs;
-    out.push_back({std::move(row.name), row.times[0][0], openNs});
+    if (row.name == nullptr) {
+      out.push_back({kOtherName, row.counts, otherOpenNs});
+      continue;
+    }
+    const uint64_t openNs = openOf[*row.name];
+    otherOpenNs -= openNs;
+    out.push_back({*row.name, row.counts, openNs});
   }
   return out;
 }

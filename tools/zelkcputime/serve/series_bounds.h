@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <regex>
 #include <string>
 #include <unordered_map>
@@ -38,11 +37,50 @@ struct TaskSeries {
   Times times;
 };
 
-// Kept across the scrapes of one table (the processes or the kernel threads). A name gets its own
-// series once it passes the bounds, and keeps it. If `other` has shown its time, that time stays
-// there and its own series counts on from there: so no series goes backwards when a name leaves
-// `other`, and all of them sum to the table's time. Only a clear of the counts makes them fall, as
-// it does any counter.
+// The rule's bookkeeping, kept across the reads of one table, for counts of one kind: Times, or
+// one counter. A name gets its own series once it passes the bounds, and keeps it. If `other` has
+// shown its counts, they stay there and its own series counts on from there: so no series goes
+// backwards when a name leaves `other`, and all of them sum to the table's. Only a clear of the
+// counts makes them fall, as it does any counter.
+template <typename Count>
+class FoldedCounts {
+ public:
+  // One name's counts, and the CPU time that its bound is taken from.
+  struct Row {
+    const std::string* name;
+    uint64_t flag;
+    const Count* counts;
+    uint64_t ranNs;
+  };
+  struct Shown {
+    const std::string* name;  // the row's; null for `other`
+    uint64_t flag;
+    Count counts;
+  };
+  // In name order, each flag's `other` last. Not thread-safe: one read at a time.
+  std::vector<Shown> series(const NameBounds& bounds, const std::vector<Row>& rows);
+
+ private:
+  using Key = std::pair<std::string, uint64_t>;
+  struct KeyHash {
+    size_t operator()(const Key& key) const {
+      return std::hash<std::string>{}(key.first) ^ (key.second << 1);
+    }
+  };
+  struct Entry {
+    Count counts;
+    uint64_t read = 0;  // the last read that had the name
+  };
+
+  // The names with a series of their own, and the counts that they left in `other`.
+  std::unordered_map<Key, Entry, KeyHash> own_;
+  // The names that the last read counted in `other`, with what it counted of them.
+  std::unordered_map<Key, Entry, KeyHash> folded_;
+  uint64_t reads_ = 0;
+};
+
+// The task series of one table (the processes or the kernel threads), each name bounded by its
+// own CPU time.
 class SeriesBounds {
  public:
   explicit SeriesBounds(NameBounds bounds = {}) : bounds_(bounds) {}
@@ -51,24 +89,9 @@ class SeriesBounds {
   // thread-safe: one collection at a time.
   std::vector<TaskSeries> series(const com::zelkora::TimeInStateTable& table);
 
-  // One name's counts, and the CPU time that its bound is taken from.
-  struct Row {
-    const std::string* name;
-    uint64_t flag;
-    const Times* counts;
-    uint64_t ranNs;
-  };
-  // The same over rows whose bound is not their own counts (the class times').
-  std::vector<TaskSeries> series(const std::vector<Row>& rows);
-
  private:
-  using Key = std::pair<std::string, uint64_t>;
-
   NameBounds bounds_;
-  // The names with a series of their own, and the time that they left in `other`.
-  std::map<Key, Times> own_;
-  // The names that the last read counted in `other`, with what it counted of them.
-  std::map<Key, Times> folded_;
+  FoldedCounts<Times> counts_;
 };
 
 // Time in a class of one name: the periods that have ended (a counter) and the open ones (a gauge).
@@ -89,9 +112,7 @@ struct ClassSeries {
 class ClassSeriesBounds {
  public:
   explicit ClassSeriesBounds(NameBounds bounds = {}, bool kthreads = false)
-      : kthreads_(kthreads),
-        foreground_{SeriesBounds(bounds), {}},
-        background_{SeriesBounds(bounds), {}} {}
+      : bounds_(bounds), kthreads_(kthreads) {}
 
   struct Series {
     std::vector<ClassSeries> foreground, background;
@@ -110,12 +131,13 @@ class ClassSeriesBounds {
 
  private:
   struct Class {
-    SeriesBounds bounds;
+    FoldedCounts<uint64_t> closed;
     std::unordered_set<std::string> processNames;  // the names it counts as processes'
   };
   std::vector<ClassSeries> seriesOf(const com::zelkora::ClassTimePartsTable& table,
                                     const NameCpu& ran, Class* state) const;
 
+  NameBounds bounds_;
   bool kthreads_;
   Class foreground_, background_;
 };
