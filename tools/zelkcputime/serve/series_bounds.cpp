@@ -76,10 +76,9 @@ std::vector<typename FoldedCounts<Count>::Shown> FoldedCounts<Count>::series(
     if (otherAt == other.end()) otherAt = other.emplace(row.flag, zeroLike(counts)).first;
     if (own == own_.end()) {
       addCounts(counts, &otherAt->second);
-      auto folded = folded_.find(id);
-      if (folded == folded_.end())
-        folded = folded_.emplace(Key(*row.name, row.flag), Entry{}).first;
-      folded->second = {counts, reads_};
+      Entry& folded = folded_[std::move(id)];
+      folded.counts = counts;  // in place: the entry keeps its buffers from the last read
+      folded.read = reads_;
       continue;
     }
     own->second.read = reads_;
