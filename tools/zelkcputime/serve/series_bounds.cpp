@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <optional>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -60,7 +61,7 @@ std::vector<typename FoldedCounts<Count>::Shown> FoldedCounts<Count>::series(
   std::map<uint64_t, Count> other;  // per flag
   for (const Row& row : rows) {
     const Count& counts = *row.counts;
-    // Names are at most 15 bytes, so the key's copy stays within the string.
+    // A task name (at most 15 bytes) fits in the string itself: the key allocates nothing.
     Key id(*row.name, row.flag);
     auto own = own_.find(id);
     if (own == own_.end() && bounds.admits(*row.name, row.ranNs)) {

@@ -104,11 +104,11 @@ struct ClassSeries {
 // A class table (time in the foreground, or in the background) bounded as the processes are: a
 // name has series of its own once it passes the bounds with the CPU time that its processes have
 // run (both flags of the process table), else it counts in `other`. The closed periods are kept
-// as SeriesBounds keeps CPU time, so they never go backwards and sum to what the counted names
-// hold. The pid maps hold kernel threads too, whose class time is wall time: without `kthreads`
-// a name counts only once it has run as a process (it is in the process table), and then for as
-// long as it is in the class table; with it every name counts, a kernel thread's bounded by its
-// CPU time in the kernel-thread table.
+// as the task series' CPU time is (FoldedCounts), so they never go backwards and sum to what the
+// counted names hold. The pid maps hold kernel threads too, whose class time is wall time: without
+// `kthreads` a name counts only once it has run as a process (it is in the process table), and then
+// for as long as it is in the class table; with it every name counts, a kernel thread's bounded by
+// its CPU time in the kernel-thread table.
 class ClassSeriesBounds {
  public:
   explicit ClassSeriesBounds(NameBounds bounds = {}, bool kthreads = false)
