@@ -63,13 +63,13 @@ zelk_kthread_cpu_seconds_total{comm="kworker/0:1"} 0.000000003
 # HELP zelk_kthread_cpu_cycles_total CPU time times frequency of the kernel threads of each name.
 # TYPE zelk_kthread_cpu_cycles_total counter
 zelk_kthread_cpu_cycles_total{comm="kworker/0:1"} 0.9
-# HELP zelk_foreground_seconds_total Time that tasks of each name spent in the foreground (not CPU time), in periods that have ended: a class change, a rename or an exit.
+# HELP zelk_foreground_seconds_total Time that the processes of each name spent in the foreground (not CPU time), in periods that have ended: a class change, a rename or an exit. Names are bounded as in zelk_process_cpu_seconds_total; kernel threads count only with --class-times-kthreads.
 # TYPE zelk_foreground_seconds_total counter
 zelk_foreground_seconds_total{comm="app"} 2
 # HELP zelk_foreground_open_seconds Time that the live tasks of each name in the foreground have spent there since their last change, summed over the tasks.
 # TYPE zelk_foreground_open_seconds gauge
 zelk_foreground_open_seconds{comm="app"} 0.25
-# HELP zelk_background_seconds_total Time that tasks of each name spent in the background (not CPU time), in periods that have ended: a class change, a rename or an exit.
+# HELP zelk_background_seconds_total Time that the processes of each name spent in the background (not CPU time), in periods that have ended: a class change, a rename or an exit. Names are bounded as in zelk_process_cpu_seconds_total; kernel threads count only with --class-times-kthreads.
 # TYPE zelk_background_seconds_total counter
 zelk_background_seconds_total{comm="app"} 1.5
 # HELP zelk_background_open_seconds Time that the live tasks of each name in the background have spent there since their last change, summed over the tasks.
@@ -385,6 +385,56 @@ TEST(SeriesBounds, SmallAndUnmatchedNamesFoldIntoOtherThatNeverFallsAndSumsToThe
   EXPECT_EQ(cleared.at({"keepsmall", 0}), 20u);
   EXPECT_EQ(cleared.count({"keepnew", 0}), 0u);
   EXPECT_EQ(cleared.at({"other", 0}), 200u);
+}
+
+// Each class series' closed and open time, by name.
+std::map<std::string, std::pair<uint64_t, uint64_t>> classTotals(
+    const std::vector<ClassSeries>& rows) {
+  std::map<std::string, std::pair<uint64_t, uint64_t>> out;
+  for (const ClassSeries& row : rows) out[row.name] = {row.closedNs, row.openNs};
+  return out;
+}
+
+TEST(ClassSeriesBounds, ProcessNamesBoundedByTheirCpuTimeAndKernelThreadsOnlyWhenAsked) {
+  using Totals = std::map<std::string, std::pair<uint64_t, uint64_t>>;
+  const auto row = [](uint64_t ns) { return lib::TimeInStateVector{{ns}}; };
+  // "systemd-journa" is how the seeding pass names a process that the object names
+  // "systemd-journal"; "sleeper" never ran since the counts began, so it may be either.
+  lib::TimeInStateTable processes = {{{"busy", 0}, row(60)},
+                                     {{"busy", 1}, row(90)},
+                                     {{"idle", 1}, row(10)},
+                                     {{"systemd-journal", 0}, row(200)}};
+  const lib::TimeInStateTable kthreads = {{{"kworker/0:1", 1}, row(1000)}};
+  lib::ClassTimePartsTable table = {{{"busy", 0}, {1000, 50}},
+                                    {{"idle", 0}, {30, 5}},
+                                    {{"systemd-journa", 0}, {70, 7}},
+                                    {{"kworker/0:1", 0}, {5000, 500}},
+                                    {{"sleeper", 0}, {9, 1}}};
+  ClassSeriesBounds bounds({nullptr, /*minNs=*/100, nullptr});
+  ClassSeriesBounds withKthreads({nullptr, /*minNs=*/100, nullptr}, /*kthreads=*/true);
+  EXPECT_EQ(classTotals(bounds.series(table, {}, processes, kthreads).foreground),
+            (Totals{{"busy", {1000, 50}}, {"systemd-journa", {70, 7}}, {"other", {30, 5}}}));
+  EXPECT_EQ(classTotals(withKthreads.series({}, table, processes, kthreads).background),
+            (Totals{{"busy", {1000, 50}},
+                    {"kworker/0:1", {5000, 500}},
+                    {"systemd-journa", {70, 7}},
+                    {"other", {39, 6}}}));
+
+  // idle passes the floor: `other` keeps the 30 it showed; idle's own counter counts on from
+  // there and its open period leaves `other`'s gauge. A cleared process table takes no name out.
+  processes[{"idle", 1}] = row(150);
+  table[{"idle", 0}] = {45, 8};
+  EXPECT_EQ(classTotals(bounds.series(table, {}, processes, kthreads).foreground),
+            (Totals{{"busy", {1000, 50}},
+                    {"idle", {15, 8}},
+                    {"systemd-journa", {70, 7}},
+                    {"other", {30, 0}}}));
+  table[{"busy", 0}] = {1100, 0};
+  EXPECT_EQ(classTotals(bounds.series(table, {}, {}, {}).foreground),
+            (Totals{{"busy", {1100, 0}},
+                    {"idle", {15, 8}},
+                    {"systemd-journa", {70, 7}},
+                    {"other", {30, 0}}}));
 }
 
 }  // namespace

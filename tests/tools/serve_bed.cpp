@@ -174,6 +174,15 @@ std::optional<double> Prometheus::query(const std::string& expression) const {
   return std::strtod(match[1].str().c_str(), nullptr);
 }
 
+std::optional<uint64_t> Prometheus::headSeries(std::string* status) const {
+  const HttpReply reply = httpRequest(port_, "GET", "/api/v1/status/tsdb");
+  if (status != nullptr) *status = reply.body;
+  static const std::regex count(R"re("headStats":\{"numSeries":([0-9]+))re");
+  std::smatch match;
+  if (reply.status != 200 || !std::regex_search(reply.body, match, count)) return std::nullopt;
+  return std::stoull(match[1]);
+}
+
 uint64_t residentKiB(pid_t pid) {
   std::string status;
   android::base::ReadFileToString("/proc/" + std::to_string(pid) + "/status", &status);

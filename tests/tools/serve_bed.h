@@ -50,6 +50,9 @@ class Prometheus {
   ~Prometheus();
   // An instant query: the value of the first sample, or nothing.
   std::optional<double> query(const std::string& expression) const;
+  // The series in its head block (every series it stored since its start: it compacts after
+  // hours), and the status answer that holds the count by metric name.
+  std::optional<uint64_t> headSeries(std::string* status = nullptr) const;
   std::string log() { return server_ ? server_->output() : ""; }
 
  private:

@@ -21,6 +21,7 @@
 #include "e2e_bed.h"
 #include "maps.h"
 #include "serve_bed.h"
+#include "zelkcpufreqtime.h"
 #include "zelkcpufreqtime_cgroups.h"
 
 namespace zelk::testbed {
@@ -212,7 +213,8 @@ bool otherComesFirst(pid_t first, const std::vector<std::unique_ptr<Child>>& oth
 TEST_F(ServeTest, ForegroundTimeCounterNeverFallsAsTasksOfTheNameComeAndGo) {
   addMachinePolicy({300000, 600000});
   std::optional<Background> serve;
-  ASSERT_NO_FATAL_FAILURE(startServe(&serve));
+  ASSERT_NO_FATAL_FAILURE(
+      startServe(&serve, {"serve", "--process-min-seconds", "0", "--class-times-kthreads"}));
   // The library's seeding pass deletes the pid entries that it finds made already: the tasks
   // start after it, which the pressure trigger follows (refused without CAP_SYS_RESOURCE, and
   // said so; elsewhere the wait just runs out).
@@ -267,6 +269,9 @@ TEST_F(ServeTest, ForegroundTimeCounterNeverFallsAsTasksOfTheNameComeAndGo) {
     ASSERT_EQ(other->wait(), 0);
   }
   scrape();
+  // Kernel threads have class series only when asked: kthreadd, seeded at the start, sleeps in
+  // the foreground.
+  EXPECT_GT(scrapedValue("zelk_foreground_open_seconds\\{comm=\"kthreadd\"\\}"), 0);
   for (size_t i = 0; i < counted.size(); ++i) {
     EXPECT_GE(counted[i], 0) << "scrape " << i;
     if (i > 0) {
@@ -318,6 +323,93 @@ TEST_F(ServeTest, ShortNamesCountInOtherWhichNeverFallsWhenANameLeavesIt) {
   EXPECT_GE(processSeconds(reply.body, "comm=\"other\".*").first, otherBefore)
       << "other fell when a name left it";
   child.go();
+  EXPECT_EQ(serve->stop(), 0) << serve->output();
+}
+
+// A decimal of the exposition (digits, and up to nine after a point) in nanoseconds; -1 for any
+// other text.
+int64_t decimalNs(const std::string& text) {
+  std::smatch match;
+  if (!std::regex_match(text, match, std::regex("([0-9]+)(?:\\.([0-9]{1,9}))?"))) return -1;
+  const std::string fraction = (match[2].str() + "000000000").substr(0, 9);
+  return std::stoll(match[1]) * 1000000000 + std::stoll(fraction);
+}
+
+// The process table's time now, over every name and class; -1 when it cannot be read (a walk
+// fails when a key goes between its steps, where the kernel has no batch reads: tried again).
+int64_t processTableNs() {
+  std::optional<com::zelkora::TimeInStateTable> table;
+  for (int tries = 0; tries < 5 && !table; ++tries) table = com::zelkora::getProcessCpuFreqTimes();
+  if (!table) return -1;
+  int64_t ns = 0;
+  for (const auto& [key, times] : *table) {
+    for (const auto& policy : times) {
+      for (const uint64_t t : policy) ns += static_cast<int64_t>(t);
+    }
+  }
+  return ns;
+}
+
+// With the default series flags, what an idle machine's exporter has Prometheus store stays
+// within what a fleet can afford: kernel threads have no foreground or background series, short
+// names count in `other`, and the process series, `other` included, still hold all of the process
+// table's time.
+TEST_F(ServeTest, IdleMachineStoresFewSeriesThatHoldAllTheProcessTime) {
+  addMachinePolicy({300000, 600000});
+  std::optional<Background> serve;
+  ASSERT_NO_FATAL_FAILURE(startServe(&serve, {"serve"}));
+  Prometheus prometheus;
+  const std::string error = prometheus.start(R"(global:
+  scrape_interval: 1s
+  scrape_timeout: 1s
+scrape_configs:
+  - job_name: zelk
+    static_configs: [{targets: ['127.0.0.1:10410']}]
+)",
+                                             kPrometheusPort);
+  if (error.find("not installed") != std::string::npos) ZELK_SKIP_OR_FAIL(error);
+  ASSERT_EQ(error, "");
+  // Fifteen seconds from the first scrape: the kernel threads' class series, and the names that
+  // the seeding pass put in the class tables, are all there at the first scrape; what follows is
+  // names that pass a second of CPU.
+  ASSERT_TRUE(
+      waitUntil([&] { return prometheus.headSeries().value_or(0) > 0; }, milliseconds(15000)))
+      << prometheus.log();
+  std::this_thread::sleep_for(milliseconds(15000));
+  std::string status;
+  const std::optional<uint64_t> series = prometheus.headSeries(&status);
+  ASSERT_TRUE(series.has_value()) << status;
+  printf("Prometheus stored %llu series from the exporter\n",
+         static_cast<unsigned long long>(*series));
+  EXPECT_LT(*series, 300u) << status;
+  EXPECT_EQ(prometheus.query("count(zelk_foreground_seconds_total{comm=~\"kworker/.*|ksoftirqd/.*|"
+                             "migration/.*|rcu_.*|cpuhp/.*|kthreadd\"}) or vector(0)"),
+            0.0);
+  EXPECT_EQ(prometheus.query("count(zelk_foreground_seconds_total{comm=\"other\"})"), 1.0);
+
+  // The scrape's collection starts after the first read of the table and ends before the second,
+  // and the table only grows.
+  const int64_t before = processTableNs();
+  const HttpReply reply = httpRequest(kPort, "GET", "/metrics");
+  const int64_t after = processTableNs();
+  ASSERT_EQ(reply.status, 200);
+  ASSERT_GE(before, 0);
+  ASSERT_GE(after, 0);
+  const std::regex line("\nzelk_process_cpu_seconds_total\\{.*\\} ([^ \n]*)");
+  int64_t sum = 0;
+  int others = 0;
+  for (auto it = std::sregex_iterator(reply.body.begin(), reply.body.end(), line);
+       it != std::sregex_iterator(); ++it) {
+    const int64_t ns = decimalNs((*it)[1]);
+    ASSERT_GE(ns, 0) << (*it)[0];
+    sum += ns;
+    others += it->str().find("comm=\"other\"") != std::string::npos;
+  }
+  printf("process series sum %.9f s, the table %.9f to %.9f s around the scrape\n", sum / 1e9,
+         before / 1e9, after / 1e9);
+  EXPECT_GE(others, 1) << reply.body;
+  EXPECT_GE(sum, before);
+  EXPECT_LE(sum, after);
   EXPECT_EQ(serve->stop(), 0) << serve->output();
 }
 

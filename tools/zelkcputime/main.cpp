@@ -63,7 +63,9 @@ constexpr const char kUsage[] =
     "        [--cgroup-depth N] [--cgroup-match REGEX]  cgroups N levels deep (default 3)\n"
     "        [--process-match REGEX] [--process-min-seconds S]  series of their own for the\n"
     "                          task names that match and have run S seconds (default 1); the\n"
-    "                          rest count in comm=\"other\"\n"
+    "                          rest count in comm=\"other\"; the same for the foreground\n"
+    "                          and background times of processes\n"
+    "        [--class-times-kthreads]  those times for kernel threads too\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
     "  --limit N               at most N rows per table (0: all; default 20 in tables, 10 in\n"
@@ -98,7 +100,8 @@ const Command kCommands[] = {
     {"serve",
      runServe,
      {"--listen", "--model", "--voltage", "--per-frequency", "--sample", "--sample-ms",
-      "--cgroup-depth", "--cgroup-match", "--process-match", "--process-min-seconds"}},
+      "--cgroup-depth", "--cgroup-match", "--process-match", "--process-min-seconds",
+      "--class-times-kthreads"}},
 };
 
 }  // namespace

@@ -87,6 +87,8 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       }
     } else if (name == "--batch") {
       options.batch = true;
+    } else if (name == "--class-times-kthreads") {
+      options.classKthreads = true;
     } else if (name == "--names" || name == "--kthreads" || name == "--pids" ||
                name == "--cgroups") {
       uint32_t* entries = name == "--names"      ? &options.sizes.names

@@ -44,6 +44,7 @@ struct Options {
   std::string processMatch;  // serve --process-match REGEX, as given
   // serve --process-min-seconds S: CPU time a name needs for series of its own.
   double processMinSeconds = kDefaultProcessMinSeconds;
+  bool classKthreads = false;  // serve --class-times-kthreads: class series for kernel threads too
 };
 
 inline constexpr unsigned kMaxCgroupDepth = 64;
@@ -57,8 +58,8 @@ struct ParsedOptions {
 // 1000), --flag, --background, --replace, --names N, --kthreads N, --pids N, --model PATH,
 // --voltage V (volts, a positive decimal), --interval S (0.1 to 3600 s), --iterations N, --batch,
 // --listen ADDR:PORT, --per-frequency REGEX, --depth/--cgroup-depth N (0 to 64), --match/
-// --cgroup-match REGEX, --process-match REGEX, --process-min-seconds S (0 to 10^9), --cgroups N,
-// -v/--verbose, -h/--help; "--" ends the options, so that a
+// --cgroup-match REGEX, --process-match REGEX, --process-min-seconds S (0 to 10^9),
+// --class-times-kthreads, --cgroups N, -v/--verbose, -h/--help; "--" ends the options, so that a
 // task named like one can be given. After `top`, --kthreads and --cgroups take no value.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 

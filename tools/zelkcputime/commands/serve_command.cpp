@@ -126,7 +126,8 @@ int runServe(const Options& options) {
                    CgroupRowSettings{options.cgroupDepth.value_or(kServeCgroupDepth),
                                      cgroupMatch ? &*cgroupMatch : nullptr},
                    NameBounds{processMatch ? &*processMatch : nullptr,
-                              static_cast<uint64_t>(options.processMinSeconds * 1e9), nullptr});
+                              static_cast<uint64_t>(options.processMinSeconds * 1e9), nullptr},
+                   options.classKthreads);
   tracking = true;
   // Beside another tracker the counts grow while that one runs.
   printOut("serving http://" + address.text() + "/metrics; tracking in process " +

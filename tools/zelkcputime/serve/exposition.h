@@ -41,6 +41,9 @@ struct ExpositionInput {
   // The task series, bounded (series_bounds.h); none: a series per name of each table.
   const std::vector<TaskSeries>* processSeries = nullptr;
   const std::vector<TaskSeries>* kthreadSeries = nullptr;
+  // The class series, bounded likewise; none: a series per name of each class table.
+  const std::vector<ClassSeries>* foregroundSeries = nullptr;
+  const std::vector<ClassSeries>* backgroundSeries = nullptr;
 };
 
 // Adds one concern's families to `families`, in the order they are rendered.

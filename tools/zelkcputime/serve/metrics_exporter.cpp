@@ -26,7 +26,7 @@ std::function<std::optional<T>()> counted(std::function<std::optional<T>()> quer
 MetricsExporter::MetricsExporter(CollectSources sources, SnapshotRequest request,
                                  const std::regex* perFrequency,
                                  const com::zelkora::PowerModel* model, unsigned sampledMs,
-                                 CgroupRowSettings cgroups, NameBounds names)
+                                 CgroupRowSettings cgroups, NameBounds names, bool classKthreads)
     : sources_(std::move(sources)),
       request_(request),
       perFrequency_(perFrequency),
@@ -35,6 +35,7 @@ MetricsExporter::MetricsExporter(CollectSources sources, SnapshotRequest request
       cgroups_(cgroups),
       processBounds_({names.match, names.minNs, perFrequency}),
       kthreadBounds_({names.match, names.minNs, perFrequency}),
+      classBounds_({names.match, names.minNs, perFrequency}, classKthreads),
       queryFailures_(std::make_shared<std::atomic<uint64_t>>(0)) {
   request_.parts = kTotalPart | kProcessesPart | kKthreadsPart | kClassPartsPart | kCgroupsPart;
   SnapshotQueries& q = sources_.queries;
@@ -56,6 +57,11 @@ Collected MetricsExporter::collectNow() {
     collected.snapshot = std::move(taken.snapshot);
     collected.processSeries = processBounds_.series(collected.snapshot->processes);
     collected.kthreadSeries = kthreadBounds_.series(collected.snapshot->kthreads);
+    const Snapshot& s = *collected.snapshot;
+    ClassSeriesBounds::Series classes =
+        classBounds_.series(s.topParts, s.bgParts, s.processes, s.kthreads);
+    collected.foregroundSeries = std::move(classes.foreground);
+    collected.backgroundSeries = std::move(classes.background);
     collected.maps = sources_.maps();
     collected.overflow = sources_.overflow();
   } else {
@@ -113,6 +119,8 @@ HttpResponse MetricsExporter::scrape(const std::string& accept) {
   input.stats = {collected->collectNs, *queryFailures_, failedScrapes_};
   input.processSeries = &collected->processSeries;
   input.kthreadSeries = &collected->kthreadSeries;
+  input.foregroundSeries = &collected->foregroundSeries;
+  input.backgroundSeries = &collected->backgroundSeries;
   return {200, contentType(format), renderExposition(input, format)};
 }
 

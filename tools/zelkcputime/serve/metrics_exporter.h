@@ -34,6 +34,7 @@ struct Collected {
   std::vector<MapFill> maps;
   std::optional<com::zelkora::OverflowCounts> overflow;
   std::vector<TaskSeries> processSeries, kthreadSeries;  // with the snapshot
+  std::vector<ClassSeries> foregroundSeries, backgroundSeries;
   uint64_t collectNs = 0;
   std::chrono::steady_clock::time_point startedAt;
 };
@@ -49,13 +50,14 @@ class MetricsExporter {
   using Clock = std::chrono::steady_clock;
 
   // `perFrequency`, `model`, `cgroups.match` and `names.match`, when given, outlive the
-  // exporter. `names` bounds the task series of both tables; the names that `perFrequency`
-  // selects always have their own.
+  // exporter. `names` bounds the task series of both tables and the class series; the names that
+  // `perFrequency` selects always have their own. The class series name kernel threads too only
+  // with `classKthreads`.
   explicit MetricsExporter(CollectSources sources = {}, SnapshotRequest request = {},
                            const std::regex* perFrequency = nullptr,
                            const com::zelkora::PowerModel* model = nullptr, unsigned sampledMs = 0,
                            CgroupRowSettings cgroups = {kServeCgroupDepth, nullptr},
-                           NameBounds names = {});
+                           NameBounds names = {}, bool classKthreads = false);
 
   // A collection that started at or after `arrival`: the one under way if it started since,
   // else a new one. Concurrent scrapers thus share a walk of the maps, and none is older than
@@ -79,6 +81,7 @@ class MetricsExporter {
   CgroupRowSettings cgroups_;
   // Used by one collection at a time (running_).
   SeriesBounds processBounds_, kthreadBounds_;
+  ClassSeriesBounds classBounds_;
   // Shared with the counting wrappers of the queries in sources_.
   std::shared_ptr<std::atomic<uint64_t>> queryFailures_;
   std::atomic<uint64_t> failedScrapes_{0};

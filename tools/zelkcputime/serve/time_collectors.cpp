@@ -84,16 +84,19 @@ void addTasks(const ExpositionInput& input, bool processes, Family* seconds, Fam
   }
 }
 
-// A name's closed periods as a counter, which grows until a reset, and its open ones as a gauge.
-void addClassTimes(const lib::ClassTimePartsTable& table, Family* closed, Family* open) {
-  std::vector<std::pair<std::string, lib::ClassTimeParts>> rows(table.size());
-  std::transform(table.begin(), table.end(), rows.begin(),
-                 [](const auto& entry) { return std::make_pair(entry.first.comm, entry.second); });
-  std::sort(rows.begin(), rows.end(),
-            [](const auto& a, const auto& b) { return a.first < b.first; });
-  for (const auto& [name, parts] : rows) {
-    closed->add(labels({{"comm", name}}), parts.closedNs);
-    open->add(labels({{"comm", name}}), parts.openNs);
+// A name's closed periods as a counter, which grows until a reset, and its open ones as a gauge:
+// the bounded series where the exporter bounds them, else one per name.
+void addClassTimes(const lib::ClassTimePartsTable& table, const std::vector<ClassSeries>* bounded,
+                   Family* closed, Family* open) {
+  std::vector<ClassSeries> rows;
+  if (bounded == nullptr) {
+    for (const auto& [key, parts] : table) rows.push_back({key.comm, parts.closedNs, parts.openNs});
+    std::sort(rows.begin(), rows.end(),
+              [](const ClassSeries& a, const ClassSeries& b) { return a.name < b.name; });
+  }
+  for (const ClassSeries& row : bounded != nullptr ? *bounded : rows) {
+    closed->add(labels({{"comm", row.name}}), row.closedNs);
+    open->add(labels({{"comm", row.name}}), row.openNs);
   }
 }
 
@@ -259,23 +262,27 @@ void collectCgroupTimes(const ExpositionInput& input, std::vector<Family>* famil
 void collectClassTimes(const ExpositionInput& input, std::vector<Family>* families) {
   const Snapshot& s = *input.snapshot;
   Family foreground("zelk_foreground_seconds", MetricKind::kCounter, "seconds",
-                    "Time that tasks of each name spent in the foreground (not CPU time), in "
-                    "periods that have ended: a class change, a rename or an exit.",
+                    "Time that the processes of each name spent in the foreground (not CPU time), "
+                    "in periods that have ended: a class change, a rename or an exit. Names are "
+                    "bounded as in zelk_process_cpu_seconds_total; kernel threads count only "
+                    "with --class-times-kthreads.",
                     kNs);
   Family foregroundOpen("zelk_foreground_open_seconds", MetricKind::kGauge, "seconds",
                         "Time that the live tasks of each name in the foreground have spent there "
                         "since their last change, summed over the tasks.",
                         kNs);
   Family background("zelk_background_seconds", MetricKind::kCounter, "seconds",
-                    "Time that tasks of each name spent in the background (not CPU time), in "
-                    "periods that have ended: a class change, a rename or an exit.",
+                    "Time that the processes of each name spent in the background (not CPU time), "
+                    "in periods that have ended: a class change, a rename or an exit. Names are "
+                    "bounded as in zelk_process_cpu_seconds_total; kernel threads count only "
+                    "with --class-times-kthreads.",
                     kNs);
   Family backgroundOpen("zelk_background_open_seconds", MetricKind::kGauge, "seconds",
                         "Time that the live tasks of each name in the background have spent there "
                         "since their last change, summed over the tasks.",
                         kNs);
-  addClassTimes(s.topParts, &foreground, &foregroundOpen);
-  addClassTimes(s.bgParts, &background, &backgroundOpen);
+  addClassTimes(s.topParts, input.foregroundSeries, &foreground, &foregroundOpen);
+  addClassTimes(s.bgParts, input.backgroundSeries, &background, &backgroundOpen);
   for (Family* family : {&foreground, &foregroundOpen, &background, &backgroundOpen}) {
     families->push_back(std::move(*family));
   }
