@@ -64,6 +64,9 @@ TEST_F(ServeTest, CommandLineAndAddressErrors) {
       {{"serve", "--cgroup-match", "(unclosed"}, "--cgroup-match takes a regular expression"},
       {{"serve", "--process-match", "(unclosed"}, "--process-match takes a regular expression"},
       {{"serve", "--process-min-seconds", "-1"}, "--process-min-seconds takes seconds from 0"},
+      {{"serve", "--web.header-timeout", "0"}, "--web.header-timeout takes seconds from 0.1"},
+      {{"serve", "--web.max-connections", "0"}, "--web.max-connections takes a number of conn"},
+      {{"serve", "--web.max-body-bytes", "x"}, "--web.max-body-bytes takes a number of bytes"},
       {{"serve", "now"}, "serve takes no argument"},
       {{"show", "total", "--listen", "127.0.0.1:1"}, "--listen does not apply to show"},
   };

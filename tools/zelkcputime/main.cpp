@@ -64,6 +64,9 @@ constexpr const char kUsage[] =
     "        [--process-match REGEX] [--process-min-seconds S]  series of their own for the\n"
     "                          task names that match and have run S seconds (default 1); the\n"
     "                          rest count in comm=\"other\"\n"
+    "        [--web.header-timeout S] [--web.max-connections N] [--web.max-body-bytes N]\n"
+    "                          a request header's deadline (default 5 s), connections at\n"
+    "                          once (default 512), a request body's size (default 65536)\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
     "  --limit N               at most N rows per table (0: all; default 20 in tables, 10 in\n"
@@ -98,7 +101,8 @@ const Command kCommands[] = {
     {"serve",
      runServe,
      {"--listen", "--model", "--voltage", "--per-frequency", "--sample", "--sample-ms",
-      "--cgroup-depth", "--cgroup-match", "--process-match", "--process-min-seconds"}},
+      "--cgroup-depth", "--cgroup-match", "--process-match", "--process-min-seconds",
+      "--web.header-timeout", "--web.max-connections", "--web.max-body-bytes"}},
 };
 
 }  // namespace

@@ -94,10 +94,13 @@ int runServe(const Options& options) {
   std::atomic<bool> tracking{false};
   HttpServer server;
   // Listening first: a port in use is told before anything is loaded.
-  const std::string error = server.start(address, [&](const std::string& accept) -> HttpResponse {
-    if (!tracking) return {503, "text/plain; charset=utf-8", "zelkcputime: starting\n"};
-    return exporter->scrape(accept);
-  });
+  const std::string error = server.start(
+      address,
+      [&](const std::string& accept) -> HttpResponse {
+        if (!tracking) return {503, "text/plain; charset=utf-8", "zelkcputime: starting\n"};
+        return exporter->scrape(accept);
+      },
+      options.web);
   if (!error.empty()) return fail(error);
   DemoMachine sampled;
   pid_t tracker = getpid();  // in the sampled namespace, always this process

@@ -1,58 +1,168 @@
 #include "serve/http_server.h"
 
 #include <arpa/inet.h>
-#include <civetweb.h>
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
-#include <ctime>
+#include <vector>
 
 #include "core/decimal.h"
+#include "serve/connection_watch.h"
 
 namespace zelk::cli {
 namespace {
 
-// civetweb reports why it cannot listen only through its log callback, on the starting thread.
+constexpr char kText[] = "text/plain; charset=utf-8";
+
+// MHD says why a daemon cannot start only through its logger; outside start, its messages (one
+// per refused connection, say) would only flood stderr.
 thread_local std::string* startMessages = nullptr;
 
-int logMessage(const mg_connection*, const char* message) {
-  if (startMessages != nullptr && startMessages->empty()) *startMessages = message;
-  return 1;  // handled: civetweb writes no log of its own
+void logMessage(void*, const char* format, va_list args) {
+  if (startMessages == nullptr || !startMessages->empty()) return;
+  char line[256];
+  vsnprintf(line, sizeof(line), format, args);
+  *startMessages = line;
+  while (!startMessages->empty() && startMessages->back() == '\n') startMessages->pop_back();
 }
 
-void send(mg_connection* connection, int status, const std::string& contentType,
-          const std::string& body, bool withBody, const char* allow = nullptr) {
-  mg_response_header_start(connection, status);
-  mg_response_header_add(connection, "Content-Type", contentType.c_str(), -1);
-  mg_response_header_add(connection, "Content-Length", std::to_string(body.size()).c_str(), -1);
-  if (allow != nullptr) mg_response_header_add(connection, "Allow", allow, -1);
-  mg_response_header_send(connection);
-  if (withBody) mg_write(connection, body.data(), body.size());
-}
+// What one request has read of its body; freed when MHD says the request is done.
+struct Request {
+  uint64_t bodyBytes = 0;
+  bool answered = false;
+};
 
-int handleMetrics(mg_connection* connection, void* data) {
-  const auto* server = static_cast<const HttpServer*>(data);
-  const mg_request_info* request = mg_get_request_info(connection);
-  const std::string method = request->request_method;
-  if (method != "GET" && method != "HEAD") {
-    send(connection, 405, "text/plain; charset=utf-8", "only GET and HEAD\n", true, "GET, HEAD");
-    return 405;
+MHD_Result answer(MHD_Connection* connection, Request* request, unsigned status,
+                  const char* contentType, std::string body, const char* allow = nullptr) {
+  request->answered = true;
+  auto* text = new std::string(std::move(body));
+  MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
+      text->size(), text->data(), [](void* owned) { delete static_cast<std::string*>(owned); },
+      text);
+  if (response == nullptr) {
+    delete text;
+    return MHD_NO;
   }
-  const char* accept = mg_get_header(connection, "Accept");
-  const HttpResponse response = server->handler()(accept != nullptr ? accept : "");
-  send(connection, response.status, response.contentType, response.body, method == "GET");
-  return response.status;
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType);
+  if (allow != nullptr) MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, allow);
+  const MHD_Result queued = MHD_queue_response(connection, status, response);
+  MHD_destroy_response(response);
+  return queued;
 }
 
-int handleRoot(mg_connection* connection, void*) {
-  const std::string method = mg_get_request_info(connection)->request_method;
-  if (method != "GET" && method != "HEAD") {
-    send(connection, 405, "text/plain; charset=utf-8", "only GET and HEAD\n", true, "GET, HEAD");
-    return 405;
+// The length the request declares, or -1 when it declares none; a body in chunks counts as
+// longer than any limit only once its chunks exceed it.
+bool hasBody(MHD_Connection* connection, uint64_t* declared) {
+  const char* length =
+      MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+  if (length != nullptr) {
+    // MHD refuses a malformed length itself.
+    if (!com::zelkora::parseDecimal(length, declared, UINT64_MAX)) *declared = UINT64_MAX;
+    return *declared > 0;
   }
-  send(connection, 200, "text/plain; charset=utf-8",
-       "zelkcputime serve: CPU time per frequency, per process; metrics at /metrics\n",
-       method == "GET");
-  return 200;
+  *declared = 0;
+  return MHD_lookup_connection_value(connection, MHD_HEADER_KIND,
+                                     MHD_HTTP_HEADER_TRANSFER_ENCODING) != nullptr;
+}
+
+MHD_Result onRequest(void* data, MHD_Connection* connection, const char* url, const char* method,
+                     const char*, const char*, size_t* uploadSize, void** state) {
+  auto* server = static_cast<HttpServer*>(data);
+  auto* request = static_cast<Request*>(*state);
+  if (request == nullptr) {
+    server->watch().requestStarted(connection);
+    request = new Request;
+    *state = request;
+    const std::string path = url;
+    if (path != "/" && path != "/metrics") {
+      return answer(connection, request, MHD_HTTP_NOT_FOUND, kText, "not found\n");
+    }
+    const std::string verb = method;
+    if (verb != "GET" && verb != "HEAD") {
+      return answer(connection, request, MHD_HTTP_METHOD_NOT_ALLOWED, kText, "only GET and HEAD\n",
+                    "GET, HEAD");
+    }
+    uint64_t declared = 0;
+    if (hasBody(connection, &declared)) {
+      if (declared > server->limits().maxBodyBytes) {
+        return answer(connection, request, MHD_HTTP_CONTENT_TOO_LARGE, kText,
+                      "request body too large\n");
+      }
+      return MHD_YES;  // read it first
+    }
+  } else if (*uploadSize > 0) {
+    // Read and dropped; a body in chunks that outgrows the limit ends the connection.
+    request->bodyBytes += *uploadSize;
+    *uploadSize = 0;
+    return request->answered || request->bodyBytes <= server->limits().maxBodyBytes ? MHD_YES
+                                                                                    : MHD_NO;
+  }
+  if (request->answered) return MHD_YES;
+  if (std::strcmp(url, "/") == 0) {
+    return answer(connection, request, MHD_HTTP_OK, kText,
+                  "zelkcputime serve: CPU time per frequency, per process; metrics at /metrics\n");
+  }
+  const char* accept =
+      MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT);
+  HttpResponse response = server->handler()(accept != nullptr ? accept : "");
+  // MHD sends no body for HEAD, with the Content-Length of this one.
+  return answer(connection, request, response.status, response.contentType.c_str(),
+                std::move(response.body));
+}
+
+void onCompleted(void* data, MHD_Connection* connection, void** state, MHD_RequestTerminationCode) {
+  delete static_cast<Request*>(*state);
+  *state = nullptr;
+  static_cast<HttpServer*>(data)->watch().requestEnded(connection);
+}
+
+void onConnection(void* data, MHD_Connection* connection, void**,
+                  MHD_ConnectionNotificationCode code) {
+  ConnectionWatch& watch = static_cast<HttpServer*>(data)->watch();
+  if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    if (info != nullptr) watch.opened(connection, info->connect_fd);
+  } else {
+    watch.closed(connection);
+  }
+}
+
+// The listening socket is this server's own, so that its errors are told exactly and so that
+// the descriptor outlives any one daemon.
+std::string listenOn(const ListenAddress& address, android::base::unique_fd* socketFd,
+                     uint16_t* port) {
+  const std::string prefix = "cannot listen on " + address.text() + ": ";
+  android::base::unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (fd < 0) return prefix + strerror(errno);
+  const int on = 1;
+  if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
+    return prefix + strerror(errno);
+  }
+  sockaddr_in bound = {};
+  bound.sin_family = AF_INET;
+  bound.sin_port = htons(address.port);
+  if (inet_pton(AF_INET, address.host.c_str(), &bound.sin_addr) != 1) {
+    return prefix + "not an IPv4 address";
+  }
+  socklen_t length = sizeof(bound);
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&bound), sizeof(bound)) != 0 ||
+      listen(fd, SOMAXCONN) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
+    return prefix + strerror(errno);
+  }
+  *port = ntohs(bound.sin_port);
+  *socketFd = std::move(fd);
+  return "";
+}
+
+MHD_OptionItem option(MHD_OPTION name, intptr_t value, void* pointer = nullptr) {
+  return MHD_OptionItem{name, value, pointer};
 }
 
 }  // namespace
@@ -75,70 +185,59 @@ std::string parseListen(const std::string& text, ListenAddress* address) {
   return "";
 }
 
+HttpServer::HttpServer() = default;
+
+HttpServer::~HttpServer() { stop(); }
+
 std::string HttpServer::start(const ListenAddress& address, MetricsHandler handler,
                               const HttpLimits& limits) {
-  static std::once_flag initialised;
-  std::call_once(initialised, [] { mg_init_library(0); });
+  if (std::string error = listenOn(address, &socket_, &port_); !error.empty()) return error;
   handler_ = std::move(handler);
-  const std::string ports = address.text();
-  const std::string workers = std::to_string(limits.workers);
-  const std::string timeout = std::to_string(limits.requestTimeout.count());
-  const std::string keepAlive = std::to_string(limits.keepAlive.count());
-  const std::string maxRequest = std::to_string(limits.maxRequestBytes);
-  const char* options[] = {"listening_ports",
-                           ports.c_str(),
-                           "num_threads",
-                           workers.c_str(),
-                           "request_timeout_ms",
-                           timeout.c_str(),
-                           "enable_keep_alive",
-                           "yes",
-                           "keep_alive_timeout_ms",
-                           keepAlive.c_str(),
-                           "max_request_size",
-                           maxRequest.c_str(),
-                           "tcp_nodelay",
-                           "1",
-                           nullptr};
-  mg_callbacks callbacks = {};
-  callbacks.log_message = logMessage;
-  mg_init_data init = {};
-  init.callbacks = &callbacks;
-  init.configuration_options = options;
-  char error[256] = "";
-  mg_error_data errorData = {};
-  errorData.text = error;
-  errorData.text_buffer_size = sizeof(error);
+  limits_ = limits;
+  watch_ = std::make_unique<ConnectionWatch>(limits.headerTimeout, limits.maxConnections,
+                                             /*answerPlain=*/true);
+  // MHD's own limit is a backstop above the watch's, which makes room before MHD would stop
+  // accepting; a few slots cover the connections cut but not yet closed.
+  const unsigned mhdLimit = limits.maxConnections + 16 * limits.threads;
+  std::vector<MHD_OptionItem> options = {
+      option(MHD_OPTION_LISTEN_SOCKET, socket_.get()),
+      option(MHD_OPTION_CONNECTION_LIMIT, mhdLimit),
+      option(MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(limits.idleTimeout.count())),
+      option(MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<intptr_t>(limits.connectionMemory)),
+      option(MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(&onConnection), this),
+      option(MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(&onCompleted), this),
+      option(MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(&logMessage), nullptr),
+  };
+  if (limits.threads > 1) options.push_back(option(MHD_OPTION_THREAD_POOL_SIZE, limits.threads));
+  options.push_back(option(MHD_OPTION_END, 0));
   std::string message;
   startMessages = &message;
-  context_ = mg_start2(&init, &errorData);
+  // MHD_USE_ITC: quiescing, which lets stop keep the socket (MHD would close it otherwise).
+  // MHD_USE_TURBO: MHD no longer shuts a connection down before telling it closed, so that the
+  // watch can still answer one whose request line MHD could not read.
+  daemon_ = MHD_start_daemon(
+      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO | MHD_USE_ERROR_LOG, 0, nullptr,
+      nullptr, &onRequest, this, MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
   startMessages = nullptr;
-  if (context_ == nullptr) {
-    return "cannot listen on " + ports + ": " + (message.empty() ? error : message);
+  if (daemon_ == nullptr) {
+    socket_.reset();
+    watch_.reset();
+    port_ = 0;
+    return "cannot serve on " + address.text() + ": " +
+           (message.empty() ? "libmicrohttpd did not start" : message);
   }
-  mg_set_request_handler(context_, "/metrics$", handleMetrics, this);
-  mg_set_request_handler(context_, "/$", handleRoot, this);
   return "";
 }
 
-uint16_t HttpServer::port() const {
-  mg_server_port ports[1] = {};
-  if (context_ == nullptr || mg_get_server_ports(context_, 1, ports) < 1) return 0;
-  return static_cast<uint16_t>(ports[0].port);
-}
-
 void HttpServer::stop() {
-  if (context_ == nullptr) return;
-  mg_stop(context_);
-  context_ = nullptr;
+  if (daemon_ != nullptr) {
+    MHD_quiesce_daemon(daemon_);
+    MHD_stop_daemon(daemon_);
+    daemon_ = nullptr;
+  }
+  watch_.reset();
+  socket_.reset();
+  port_ = 0;
 }
 
 }  // namespace zelk::cli
-
-// Debian's civetweb formats the Date header of every answer, its own error answers included, with
-// gmtime(), whose one buffer all threads share: two workers answering at once race on it. This
-// program's gmtime, which the library's calls reach before libc's, keeps one buffer per thread.
-extern "C" struct tm* gmtime(const time_t* time) {
-  thread_local struct tm result;
-  return gmtime_r(time, &result);
-}
