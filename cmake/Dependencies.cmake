@@ -34,6 +34,17 @@ set_target_properties(zelk::microhttpd PROPERTIES
   IMPORTED_LOCATION ${ZELK_LIBMICROHTTPD}
   INTERFACE_INCLUDE_DIRECTORIES ${ZELK_MICROHTTPD_INCLUDE_DIR})
 
+# zelkcputime serve's web configuration: the YAML reader, GnuTLS for its certificates and
+# libcrypt (libxcrypt) for its bcrypt hashes.
+find_package(yaml-cpp CONFIG REQUIRED)
+find_package(GnuTLS REQUIRED)
+find_path(ZELK_CRYPT_INCLUDE_DIR crypt.h REQUIRED)
+find_library(ZELK_LIBCRYPT crypt REQUIRED)
+add_library(zelk::crypt UNKNOWN IMPORTED)
+set_target_properties(zelk::crypt PROPERTIES
+  IMPORTED_LOCATION ${ZELK_LIBCRYPT}
+  INTERFACE_INCLUDE_DIRECTORIES ${ZELK_CRYPT_INCLUDE_DIR})
+
 # The power profile's XML parser, the platform's own.
 find_package(tinyxml2 REQUIRED)
 

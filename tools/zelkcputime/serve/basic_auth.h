@@ -1,8 +1,14 @@
 // Basic authentication against the web configuration's bcrypt hashes.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <map>
+#include <memory>
+#include <set>
 #include <string>
+
+#include "core/mutex.h"
 
 namespace zelk::cli {
 
@@ -20,8 +26,19 @@ class BasicAuth {
   bool check(const std::string& user, const std::string& password) const;
 
  private:
+  using Digest = std::array<uint8_t, 32>;  // SHA-256
+
   std::map<std::string, std::string> users_;
-  // The cache of passed credentials lives in the implementation.
+  // A bcrypt setting as costly as the dearest user's, hashed for an unknown user so that the
+  // time of an answer does not tell which users exist.
+  std::string dummySetting_;
+  // Digests of user, password and hash that passed; bounded, cleared when full. Shared by
+  // copies, which is sound because the digest holds the hash it passed against.
+  struct Passed {
+    com::zelkora::Mutex mutex;
+    std::set<Digest> digests GUARDED_BY(mutex);
+  };
+  std::shared_ptr<Passed> passed_ = std::make_shared<Passed>();
 };
 
 }  // namespace zelk::cli

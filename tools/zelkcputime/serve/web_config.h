@@ -20,7 +20,8 @@ struct TlsConfig {
   std::string certFile, keyFile, clientCaFile;
   ClientAuth clientAuth = ClientAuth::kNone;
   TlsVersion minVersion = TlsVersion::kTls12, maxVersion = TlsVersion::kTls13;
-  // The PEM texts of those files; filled by loadWebConfig, not by parseWebConfig.
+  // The PEM texts: of the files above, filled by loadWebConfig; or given inline in the file
+  // (cert, key, client_ca), filled by parseWebConfig with the file name left empty.
   std::string certPem, keyPem, clientCaPem;
 };
 
@@ -32,8 +33,7 @@ struct WebConfig {
 // The file's text; `baseDir` resolves relative file names. "" on success, else one line that
 // names the field, such as "tls_server_config.min_version: TLS 1.2 or 1.3 only, not TLS11".
 // Reads no file.
-std::string parseWebConfig(const std::string& text, const std::string& baseDir,
-                           WebConfig* config);
+std::string parseWebConfig(const std::string& text, const std::string& baseDir, WebConfig* config);
 
 // Reads the file at `path`, parses it, and reads the TLS files it names, checking that the key
 // belongs to the certificate. "" on success, else one line naming the file and the field.
