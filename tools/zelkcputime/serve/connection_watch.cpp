@@ -10,8 +10,8 @@
 namespace zelk::cli {
 
 ConnectionWatch::ConnectionWatch(std::chrono::milliseconds headerTimeout, size_t maxConnections,
-                                 bool answerPlain, std::chrono::milliseconds tick)
-    : headerTimeout_(headerTimeout), maxConnections_(maxConnections), answerPlain_(answerPlain) {
+                                 std::chrono::milliseconds tick)
+    : headerTimeout_(headerTimeout), maxConnections_(maxConnections) {
   sweeper_ = std::thread([this, tick] {
     for (;;) {
       {
@@ -42,10 +42,11 @@ void ConnectionWatch::cutLocked(Entry* entry) {
   --live_;
 }
 
-void ConnectionWatch::opened(MHD_Connection* connection, int fd) {
+void ConnectionWatch::opened(MHD_Connection* connection, int fd, bool plain) {
   com::zelkora::MutexLock lock(mutex_);
   Entry& entry = entries_[connection];
   entry.fd = fd;
+  entry.plain = plain;
   entry.since = Clock::now();
   ++live_;
   if (live_ <= maxConnections_) return;
@@ -69,7 +70,9 @@ void ConnectionWatch::closed(MHD_Connection* connection) {
   if (it == entries_.end()) return;
   // MHD 0.9.75 closes a connection whose request line it cannot read (binary bytes, one word)
   // without a word, and tells it closed before it closes the descriptor.
-  if (!it->second.cut && !it->second.asked) answerUnasked(it->second.fd, "400 Bad Request");
+  if (!it->second.cut && !it->second.asked && it->second.plain) {
+    answerUnasked(it->second.fd, "400 Bad Request");
+  }
   if (!it->second.cut) --live_;
   entries_.erase(it);
 }
@@ -96,7 +99,7 @@ size_t ConnectionWatch::sweep(Clock::time_point now) {
   for (auto& [connection, entry] : entries_) {
     if (entry.waiting && !entry.cut && now - entry.since >= headerTimeout_) {
       // Waiting for a header, MHD writes nothing on this connection meanwhile.
-      if (!entry.asked) answerUnasked(entry.fd, "408 Request Timeout");
+      if (!entry.asked && entry.plain) answerUnasked(entry.fd, "408 Request Timeout");
       cutLocked(&entry);
       ++cut;
     }
@@ -105,10 +108,10 @@ size_t ConnectionWatch::sweep(Clock::time_point now) {
   return cut;
 }
 
-void ConnectionWatch::answerUnasked(int fd, const char* status) const {
+void ConnectionWatch::answerUnasked(int fd, const char* status) {
   tcp_info info = {};
   socklen_t length = sizeof(info);
-  if (!answerPlain_ || getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
+  if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
       length < offsetof(tcp_info, tcpi_bytes_sent) + sizeof(info.tcpi_bytes_sent) ||
       info.tcpi_bytes_received == 0 || info.tcpi_bytes_sent != 0) {
     return;

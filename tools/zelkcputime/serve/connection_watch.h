@@ -21,10 +21,8 @@ class ConnectionWatch {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Starts the thread that cuts late headers, looking every `tick`. `answerPlain`: the connections
-  // speak plain HTTP, so that a client that sent bytes but never a readable request can be told
-  // why it is cut (400, 408) before it is.
-  ConnectionWatch(std::chrono::milliseconds headerTimeout, size_t maxConnections, bool answerPlain,
+  // Starts the thread that cuts late headers, looking every `tick`.
+  ConnectionWatch(std::chrono::milliseconds headerTimeout, size_t maxConnections,
                   std::chrono::milliseconds tick = std::chrono::milliseconds(50));
   ~ConnectionWatch();
   ConnectionWatch(const ConnectionWatch&) = delete;
@@ -32,7 +30,9 @@ class ConnectionWatch {
 
   // From MHD's notifications. The descriptor is cut only while its connection is known here, and
   // MHD tells CLOSED before it closes the descriptor, so a cut never reaches a reused one.
-  void opened(MHD_Connection* connection, int fd);
+  // `plain`: the connection speaks plain HTTP, so that a client that sent bytes but never a
+  // readable request can be told why it is cut (400, 408) before it is.
+  void opened(MHD_Connection* connection, int fd, bool plain);
   void closed(MHD_Connection* connection);
   // The header is complete (the handler is called); and the answer is sent.
   void requestStarted(MHD_Connection* connection);
@@ -52,16 +52,16 @@ class ConnectionWatch {
     Clock::time_point since;  // opened, or its previous request ended
     bool waiting = true;      // for a request header
     bool asked = false;       // a request reached the handler
+    bool plain = true;        // HTTP, not TLS
     bool cut = false;
   };
   void cutLocked(Entry* entry) REQUIRES(mutex_);
   // Writes a short answer with `status` to a client that sent bytes and got none, then ends the
-  // stream; nothing when the connection is not plain HTTP or the server has written already.
-  void answerUnasked(int fd, const char* status) const;
+  // stream; nothing when the server has written already.
+  static void answerUnasked(int fd, const char* status);
 
   const std::chrono::milliseconds headerTimeout_;
   const size_t maxConnections_;
-  const bool answerPlain_;
   mutable com::zelkora::Mutex mutex_;
   std::unordered_map<MHD_Connection*, Entry> entries_ GUARDED_BY(mutex_);
   size_t live_ GUARDED_BY(mutex_) = 0;

@@ -1,6 +1,7 @@
 #include "serve/http_server.h"
 
 #include <arpa/inet.h>
+#include <gnutls/gnutls.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -15,6 +16,16 @@
 #include "serve/connection_watch.h"
 
 namespace zelk::cli {
+
+// What the callbacks of one daemon share: the server, and this daemon's TLS settings, whose PEM
+// texts MHD keeps pointers to.
+struct DaemonContext {
+  HttpServer* server = nullptr;
+  bool tls = false;
+  ClientAuth clientAuth = ClientAuth::kNone;
+  std::string certPem, keyPem, clientCaPem, priorities;
+};
+
 namespace {
 
 constexpr char kText[] = "text/plain; charset=utf-8";
@@ -70,14 +81,73 @@ bool hasBody(MHD_Connection* connection, uint64_t* declared) {
                                      MHD_HTTP_HEADER_TRANSFER_ENCODING) != nullptr;
 }
 
+// The client certificate that the configuration asks for: "" when it passes, else why not.
+std::string clientCertificateProblem(const DaemonContext& context, MHD_Connection* connection) {
+  const ClientAuth mode = context.clientAuth;
+  if (!context.tls || mode == ClientAuth::kNone || mode == ClientAuth::kRequest) return "";
+  const MHD_ConnectionInfo* info =
+      MHD_get_connection_info(connection, MHD_CONNECTION_INFO_GNUTLS_SESSION);
+  if (info == nullptr || info->tls_session == nullptr) return "no TLS session";
+  auto* session = static_cast<gnutls_session_t>(info->tls_session);
+  unsigned int certificates = 0;
+  const bool given =
+      gnutls_certificate_get_peers(session, &certificates) != nullptr && certificates > 0;
+  if (!given) {
+    return mode == ClientAuth::kVerifyIfGiven ? "" : "a client certificate is required";
+  }
+  if (mode == ClientAuth::kRequireAny) return "";
+  unsigned int status = 0;
+  if (gnutls_certificate_verify_peers2(session, &status) != GNUTLS_E_SUCCESS || status != 0) {
+    return "the client certificate is not signed by the client CA";
+  }
+  return "";
+}
+
+// "" when the request may go on, else the status it is refused with (queued).
+MHD_Result refuse(MHD_Connection* connection, Request* request, bool* refused,
+                  const DaemonContext& context) {
+  *refused = true;
+  if (std::string problem = clientCertificateProblem(context, connection); !problem.empty()) {
+    return answer(connection, request, MHD_HTTP_FORBIDDEN, kText, problem + "\n");
+  }
+  const std::shared_ptr<const BasicAuth> auth = context.server->auth();
+  if (!auth->empty()) {
+    char* password = nullptr;
+    char* user = MHD_basic_auth_get_username_password(connection, &password);
+    const bool passed = user != nullptr && password != nullptr && auth->check(user, password);
+    if (user != nullptr) MHD_free(user);
+    if (password != nullptr) MHD_free(password);
+    if (!passed) {
+      // The same answer for an unknown user and a wrong password.
+      request->answered = true;
+      static constexpr char kBody[] = "unauthorized\n";
+      MHD_Response* response = MHD_create_response_from_buffer(
+          sizeof(kBody) - 1, const_cast<char*>(kBody), MHD_RESPMEM_PERSISTENT);
+      if (response == nullptr) return MHD_NO;
+      MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, kText);
+      const MHD_Result queued =
+          MHD_queue_basic_auth_fail_response(connection, "zelkcputime", response);
+      MHD_destroy_response(response);
+      return queued;
+    }
+  }
+  *refused = false;
+  return MHD_YES;
+}
+
 MHD_Result onRequest(void* data, MHD_Connection* connection, const char* url, const char* method,
                      const char*, const char*, size_t* uploadSize, void** state) {
-  auto* server = static_cast<HttpServer*>(data);
+  const auto* context = static_cast<const DaemonContext*>(data);
+  HttpServer* server = context->server;
   auto* request = static_cast<Request*>(*state);
   if (request == nullptr) {
     server->watch().requestStarted(connection);
     request = new Request;
     *state = request;
+    bool refused = false;
+    if (const MHD_Result result = refuse(connection, request, &refused, *context); refused) {
+      return result;
+    }
     const std::string path = url;
     if (path != "/" && path != "/metrics") {
       return answer(connection, request, MHD_HTTP_NOT_FOUND, kText, "not found\n");
@@ -118,16 +188,17 @@ MHD_Result onRequest(void* data, MHD_Connection* connection, const char* url, co
 void onCompleted(void* data, MHD_Connection* connection, void** state, MHD_RequestTerminationCode) {
   delete static_cast<Request*>(*state);
   *state = nullptr;
-  static_cast<HttpServer*>(data)->watch().requestEnded(connection);
+  static_cast<DaemonContext*>(data)->server->watch().requestEnded(connection);
 }
 
 void onConnection(void* data, MHD_Connection* connection, void**,
                   MHD_ConnectionNotificationCode code) {
-  ConnectionWatch& watch = static_cast<HttpServer*>(data)->watch();
+  const auto* context = static_cast<const DaemonContext*>(data);
+  ConnectionWatch& watch = context->server->watch();
   if (code == MHD_CONNECTION_NOTIFY_STARTED) {
     const MHD_ConnectionInfo* info =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-    if (info != nullptr) watch.opened(connection, info->connect_fd);
+    if (info != nullptr) watch.opened(connection, info->connect_fd, !context->tls);
   } else {
     watch.closed(connection);
   }
@@ -165,6 +236,14 @@ MHD_OptionItem option(MHD_OPTION name, intptr_t value, void* pointer = nullptr) 
   return MHD_OptionItem{name, value, pointer};
 }
 
+// GnuTLS's priorities for the versions from `min` to `max`.
+std::string tlsPriorities(TlsVersion min, TlsVersion max) {
+  std::string priorities = "NORMAL:-VERS-ALL";
+  if (max == TlsVersion::kTls13) priorities += ":+VERS-TLS1.3";
+  if (min == TlsVersion::kTls12) priorities += ":+VERS-TLS1.2";
+  return priorities;
+}
+
 }  // namespace
 
 std::string parseListen(const std::string& text, ListenAddress* address) {
@@ -190,42 +269,69 @@ HttpServer::HttpServer() = default;
 HttpServer::~HttpServer() { stop(); }
 
 std::string HttpServer::start(const ListenAddress& address, MetricsHandler handler,
-                              const HttpLimits& limits) {
+                              const HttpLimits& limits, const WebConfig& web) {
   if (std::string error = listenOn(address, &socket_, &port_); !error.empty()) return error;
   handler_ = std::move(handler);
   limits_ = limits;
-  watch_ = std::make_unique<ConnectionWatch>(limits.headerTimeout, limits.maxConnections,
-                                             /*answerPlain=*/true);
+  watch_ = std::make_unique<ConnectionWatch>(limits.headerTimeout, limits.maxConnections);
+  std::atomic_store(&auth_, std::make_shared<const BasicAuth>(web.basicAuthUsers));
+  if (std::string error = startDaemon(web); !error.empty()) {
+    watch_.reset();
+    socket_.reset();
+    port_ = 0;
+    return "cannot serve on " + address.text() + ": " + error;
+  }
+  return "";
+}
+
+std::string HttpServer::startDaemon(const WebConfig& web) {
+  auto context = std::make_unique<DaemonContext>();
+  context->server = this;
+  context->tls = web.tls.has_value();
   // MHD's own limit is a backstop above the watch's, which makes room before MHD would stop
   // accepting; a few slots cover the connections cut but not yet closed.
-  const unsigned mhdLimit = limits.maxConnections + 16 * limits.threads;
+  const unsigned mhdLimit = limits_.maxConnections + 16 * limits_.threads;
   std::vector<MHD_OptionItem> options = {
       option(MHD_OPTION_LISTEN_SOCKET, socket_.get()),
       option(MHD_OPTION_CONNECTION_LIMIT, mhdLimit),
-      option(MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(limits.idleTimeout.count())),
-      option(MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<intptr_t>(limits.connectionMemory)),
-      option(MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(&onConnection), this),
-      option(MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(&onCompleted), this),
+      option(MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(limits_.idleTimeout.count())),
+      option(MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<intptr_t>(limits_.connectionMemory)),
+      option(MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(&onConnection),
+             context.get()),
+      option(MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(&onCompleted), context.get()),
       option(MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(&logMessage), nullptr),
   };
-  if (limits.threads > 1) options.push_back(option(MHD_OPTION_THREAD_POOL_SIZE, limits.threads));
-  options.push_back(option(MHD_OPTION_END, 0));
-  std::string message;
-  startMessages = &message;
+  if (limits_.threads > 1) options.push_back(option(MHD_OPTION_THREAD_POOL_SIZE, limits_.threads));
   // MHD_USE_ITC: quiescing, which lets stop keep the socket (MHD would close it otherwise).
   // MHD_USE_TURBO: MHD no longer shuts a connection down before telling it closed, so that the
   // watch can still answer one whose request line MHD could not read.
-  daemon_ = MHD_start_daemon(
-      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO | MHD_USE_ERROR_LOG, 0, nullptr,
-      nullptr, &onRequest, this, MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
-  startMessages = nullptr;
-  if (daemon_ == nullptr) {
-    socket_.reset();
-    watch_.reset();
-    port_ = 0;
-    return "cannot serve on " + address.text() + ": " +
-           (message.empty() ? "libmicrohttpd did not start" : message);
+  unsigned int flags =
+      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO | MHD_USE_ERROR_LOG;
+  if (web.tls) {
+    const TlsConfig& tls = *web.tls;
+    flags |= MHD_USE_TLS;
+    context->clientAuth = tls.clientAuth;
+    context->certPem = tls.certPem;
+    context->keyPem = tls.keyPem;
+    context->clientCaPem = tls.clientCaPem;
+    context->priorities = tlsPriorities(tls.minVersion, tls.maxVersion);
+    options.push_back(option(MHD_OPTION_HTTPS_MEM_CERT, 0, context->certPem.data()));
+    options.push_back(option(MHD_OPTION_HTTPS_MEM_KEY, 0, context->keyPem.data()));
+    options.push_back(option(MHD_OPTION_HTTPS_PRIORITIES, 0, context->priorities.data()));
+    // MHD asks clients for a certificate only when it has a trust list.
+    if (tls.clientAuth != ClientAuth::kNone && !context->clientCaPem.empty()) {
+      options.push_back(option(MHD_OPTION_HTTPS_MEM_TRUST, 0, context->clientCaPem.data()));
+    }
   }
+  options.push_back(option(MHD_OPTION_END, 0));
+  std::string message;
+  startMessages = &message;
+  MHD_Daemon* daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &onRequest, context.get(),
+                                        MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
+  startMessages = nullptr;
+  if (daemon == nullptr) return message.empty() ? "libmicrohttpd did not start" : message;
+  daemon_ = daemon;
+  context_ = std::move(context);
   return "";
 }
 
@@ -235,6 +341,7 @@ void HttpServer::stop() {
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
   }
+  context_.reset();
   watch_.reset();
   socket_.reset();
   port_ = 0;

@@ -8,13 +8,16 @@
 
 #include <android-base/unique_fd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 
+#include "serve/basic_auth.h"
 #include "serve/metrics_exporter.h"
+#include "serve/web_config.h"
 
 struct MHD_Daemon;
 
@@ -52,9 +55,12 @@ struct HttpLimits {
 using MetricsHandler = std::function<HttpResponse(const std::string& accept)>;
 
 class ConnectionWatch;
+struct DaemonContext;
 
 // GET and HEAD on /metrics call the handler and on / get a short text; other methods get 405 with
 // Allow, other paths 404, malformed requests 400, long headers 431, bad versions 505 (from MHD).
+// With a web configuration: TLS 1.2 and 1.3 only, client certificates as it asks (403 without
+// one it requires), and with users, every request needs one's password (401 otherwise).
 class HttpServer {
  public:
   HttpServer();
@@ -65,19 +71,26 @@ class HttpServer {
   // Binds and starts serving; "" on success, else why it could not, in one line ("cannot listen
   // on 127.0.0.1:10410: Address already in use").
   std::string start(const ListenAddress& address, MetricsHandler handler,
-                    const HttpLimits& limits = {});
+                    const HttpLimits& limits = {}, const WebConfig& web = {});
   // Stops accepting, then ends the connections.
   void stop();
 
   const MetricsHandler& handler() const { return handler_; }
   const HttpLimits& limits() const { return limits_; }
   ConnectionWatch& watch() { return *watch_; }
+  // The users of the configuration in force; never null once started.
+  std::shared_ptr<const BasicAuth> auth() const { return std::atomic_load(&auth_); }
   // The port it listens on (the one the system chose, for port 0); 0 when not started.
   uint16_t port() const { return port_; }
 
  private:
+  // "" or why not, in one line.
+  std::string startDaemon(const WebConfig& web);
+
   android::base::unique_fd socket_;
   MHD_Daemon* daemon_ = nullptr;
+  std::unique_ptr<DaemonContext> context_;
+  std::shared_ptr<const BasicAuth> auth_;  // read and swapped with std::atomic_load/store
   std::unique_ptr<ConnectionWatch> watch_;
   MetricsHandler handler_;
   HttpLimits limits_;
