@@ -3,10 +3,14 @@
 #include <crypt.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <memory>
+#include <thread>
+#include <vector>
 
 #include "serve/http_server.h"
 #include "serve_bed.h"
@@ -181,6 +185,50 @@ TEST_F(WebConfigServer, BasicAuthentication) {
   const CurlResult run = curl("--cacert ca.pem -u prometheus:s3cret");
   EXPECT_EQ(run.status, 200) << run.output;
   EXPECT_NE(run.output.find("up 1"), std::string::npos);
+}
+
+TEST_F(WebConfigServer, ReloadSwapsUsersAndTlsWithoutLosingAScrape) {
+  WebConfig web;
+  web.tls = tls();
+  web.basicAuthUsers = {{"prometheus", bcrypt("p1")}, {"alice", bcrypt("a1")}};
+  const size_t descriptors = testbed::descriptorCount(getpid());
+  start(web);
+  // A scraper whose user stays, throughout both reloads.
+  std::atomic<bool> stopping{false};
+  std::vector<CurlResult> scrapes;
+  std::thread scraper([&] {
+    while (!stopping) scrapes.push_back(curl("--cacert ca.pem -u prometheus:p1"));
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(curl("--cacert ca.pem -u alice:a1").status, 200);
+
+  // Users alone.
+  web.basicAuthUsers["alice"] = bcrypt("a2");
+  ASSERT_EQ(server_.reload(web), "");
+  EXPECT_EQ(curl("--cacert ca.pem -u alice:a1").status, 401) << "the old password";
+  EXPECT_EQ(curl("--cacert ca.pem -u alice:a2").status, 200) << "the new password";
+  EXPECT_EQ(curl("--cacert ca.pem --tlsv1.2 --tls-max 1.2 -u alice:a2").status, 200);
+
+  // TLS: a new daemon on the same socket.
+  web.tls->minVersion = TlsVersion::kTls13;
+  ASSERT_EQ(server_.reload(web), "");
+  EXPECT_EQ(curl("--cacert ca.pem --tlsv1.2 --tls-max 1.2 -u alice:a2").status, 0);
+  EXPECT_EQ(curl("--cacert ca.pem --tlsv1.3 -u alice:a2").status, 200);
+  EXPECT_EQ(curl("--cacert ca.pem --tlsv1.3 -u alice:a1").status, 401);
+
+  // A configuration the server cannot use: the one in force stays.
+  WebConfig broken = web;
+  broken.tls->keyPem = "not a key";
+  EXPECT_NE(server_.reload(broken), "");
+  EXPECT_EQ(curl("--cacert ca.pem -u alice:a2").status, 200);
+
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  stopping = true;
+  scraper.join();
+  EXPECT_GE(scrapes.size(), 10u);
+  for (const CurlResult& scrape : scrapes) EXPECT_EQ(scrape.status, 200) << scrape.output;
+  server_.stop();
+  EXPECT_EQ(testbed::descriptorCount(getpid()), descriptors) << "the daemons' sockets are closed";
 }
 
 }  // namespace

@@ -67,6 +67,8 @@ constexpr const char kUsage[] =
     "        [--web.header-timeout S] [--web.max-connections N] [--web.max-body-bytes N]\n"
     "                          a request header's deadline (default 5 s), connections at\n"
     "                          once (default 512), a request body's size (default 65536)\n"
+    "        [--web.config.file PATH]  TLS and basic authentication, as Prometheus exporters\n"
+    "                          read them; SIGHUP reads the file again\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
     "  --limit N               at most N rows per table (0: all; default 20 in tables, 10 in\n"
@@ -102,7 +104,8 @@ const Command kCommands[] = {
      runServe,
      {"--listen", "--model", "--voltage", "--per-frequency", "--sample", "--sample-ms",
       "--cgroup-depth", "--cgroup-match", "--process-match", "--process-min-seconds",
-      "--web.header-timeout", "--web.max-connections", "--web.max-body-bytes"}},
+      "--web.header-timeout", "--web.max-connections", "--web.max-body-bytes",
+      "--web.config.file"}},
 };
 
 }  // namespace

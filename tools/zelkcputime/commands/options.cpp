@@ -97,6 +97,12 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       parsed.error = loader::parseMapSize(name, i + 1 < args.size() ? args[i + 1] : "", entries);
       if (!parsed.error.empty()) return parsed;
       ++i;
+    } else if (name == "--web.config.file") {
+      if (i + 1 >= args.size() || args[i + 1].empty()) {
+        parsed.error = "--web.config.file takes a path";
+        return parsed;
+      }
+      options.webConfigFile = args[++i];
     } else if (name == "--model" || name == "--voltage") {
       if (i + 1 >= args.size() || args[i + 1].empty()) {
         parsed.error = name + (name == "--model" ? " takes a path" : " takes a number of volts");

@@ -47,6 +47,7 @@ struct Options {
   double processMinSeconds = kDefaultProcessMinSeconds;
   // serve --web.header-timeout S, --web.max-connections N, --web.max-body-bytes N.
   HttpLimits web;
+  std::string webConfigFile;  // serve --web.config.file PATH
 };
 
 inline constexpr unsigned kMaxCgroupDepth = 64;
@@ -62,7 +63,7 @@ struct ParsedOptions {
 // --listen ADDR:PORT, --per-frequency REGEX, --depth/--cgroup-depth N (0 to 64), --match/
 // --cgroup-match REGEX, --process-match REGEX, --process-min-seconds S (0 to 10^9), --cgroups N,
 // --web.header-timeout S (0.1 to 3600), --web.max-connections N (1 to 65536),
-// --web.max-body-bytes N (0 to 2^30),
+// --web.max-body-bytes N (0 to 2^30), --web.config.file PATH,
 // -v/--verbose, -h/--help; "--" ends the options, so that a
 // task named like one can be given. After `top`, --kthreads and --cgroups take no value.
 ParsedOptions parseOptions(const std::vector<std::string>& args);

@@ -1,6 +1,7 @@
 #include "serve/http_server.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gnutls/gnutls.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
@@ -10,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "core/decimal.h"
@@ -236,6 +238,41 @@ MHD_OptionItem option(MHD_OPTION name, intptr_t value, void* pointer = nullptr) 
   return MHD_OptionItem{name, value, pointer};
 }
 
+gnutls_datum_t datum(const std::string& text) {
+  return {reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())),
+          static_cast<unsigned int>(text.size())};
+}
+
+// What MHD will do with the TLS settings, done first: a daemon that fails to start takes its
+// listening descriptor with it. "" or why not.
+std::string checkTls(const DaemonContext& context) {
+  gnutls_certificate_credentials_t credentials = nullptr;
+  if (gnutls_certificate_allocate_credentials(&credentials) != GNUTLS_E_SUCCESS) {
+    return "GnuTLS cannot allocate credentials";
+  }
+  std::string error;
+  const gnutls_datum_t cert = datum(context.certPem), key = datum(context.keyPem);
+  if (int code = gnutls_certificate_set_x509_key_mem(credentials, &cert, &key, GNUTLS_X509_FMT_PEM);
+      code < 0) {
+    error = std::string("the certificate and key: ") + gnutls_strerror(code);
+  } else if (!context.clientCaPem.empty()) {
+    const gnutls_datum_t ca = datum(context.clientCaPem);
+    if (int count = gnutls_certificate_set_x509_trust_mem(credentials, &ca, GNUTLS_X509_FMT_PEM);
+        count <= 0) {
+      error =
+          std::string("the client CA: ") + (count < 0 ? gnutls_strerror(count) : "no certificate");
+    }
+  }
+  gnutls_certificate_free_credentials(credentials);
+  gnutls_priority_t priorities = nullptr;
+  if (error.empty() &&
+      gnutls_priority_init(&priorities, context.priorities.c_str(), nullptr) != GNUTLS_E_SUCCESS) {
+    error = "GnuTLS refuses the priorities " + context.priorities;
+  }
+  if (priorities != nullptr) gnutls_priority_deinit(priorities);
+  return error;
+}
+
 // GnuTLS's priorities for the versions from `min` to `max`.
 std::string tlsPriorities(TlsVersion min, TlsVersion max) {
   std::string priorities = "NORMAL:-VERS-ALL";
@@ -276,6 +313,7 @@ std::string HttpServer::start(const ListenAddress& address, MetricsHandler handl
   watch_ = std::make_unique<ConnectionWatch>(limits.headerTimeout, limits.maxConnections);
   std::atomic_store(&auth_, std::make_shared<const BasicAuth>(web.basicAuthUsers));
   if (std::string error = startDaemon(web); !error.empty()) {
+    socket_.reset();
     watch_.reset();
     socket_.reset();
     port_ = 0;
@@ -302,7 +340,7 @@ std::string HttpServer::startDaemon(const WebConfig& web) {
       option(MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(&logMessage), nullptr),
   };
   if (limits_.threads > 1) options.push_back(option(MHD_OPTION_THREAD_POOL_SIZE, limits_.threads));
-  // MHD_USE_ITC: quiescing, which lets stop keep the socket (MHD would close it otherwise).
+  // MHD_USE_ITC: quiescing, so that a reload's old daemon stops accepting at once.
   // MHD_USE_TURBO: MHD no longer shuts a connection down before telling it closed, so that the
   // watch can still answer one whose request line MHD could not read.
   unsigned int flags =
@@ -323,6 +361,14 @@ std::string HttpServer::startDaemon(const WebConfig& web) {
       options.push_back(option(MHD_OPTION_HTTPS_MEM_TRUST, 0, context->clientCaPem.data()));
     }
   }
+  if (context->tls) {
+    if (std::string error = checkTls(*context); !error.empty()) return error;
+  }
+  // Each daemon has a descriptor of its own for the socket, which it closes when it stops (or
+  // fails to start).
+  const int listening = fcntl(socket_.get(), F_DUPFD_CLOEXEC, 0);
+  if (listening < 0) return std::string("cannot duplicate the socket: ") + strerror(errno);
+  options.front() = option(MHD_OPTION_LISTEN_SOCKET, listening);
   options.push_back(option(MHD_OPTION_END, 0));
   std::string message;
   startMessages = &message;
@@ -330,18 +376,95 @@ std::string HttpServer::startDaemon(const WebConfig& web) {
                                         MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
   startMessages = nullptr;
   if (daemon == nullptr) return message.empty() ? "libmicrohttpd did not start" : message;
+  if (daemon_ != nullptr) {
+    // Both accept for a moment, on one socket; then only the new one.
+    retireLater(daemon_, std::move(context_));
+  }
   daemon_ = daemon;
   context_ = std::move(context);
+  tls_ = web.tls;
+  return "";
+}
+
+// A daemon that no longer accepts, and the thread that stops it once it holds no connection.
+struct HttpServer::Retiring {
+  MHD_Daemon* daemon = nullptr;
+  std::unique_ptr<DaemonContext> context;
+  android::base::unique_fd listening;
+  std::atomic<bool> now{false};   // stop it at once
+  std::atomic<bool> done{false};  // stopped
+  std::thread thread;
+};
+
+void HttpServer::retireLater(MHD_Daemon* daemon, std::unique_ptr<DaemonContext> context) {
+  auto retiring = std::make_unique<Retiring>();
+  retiring->daemon = daemon;
+  retiring->context = std::move(context);
+  // Quiesced, MHD no longer accepts and leaves the descriptor to the caller.
+  retiring->listening.reset(MHD_quiesce_daemon(daemon));
+  Retiring* raw = retiring.get();
+  // Its connections end at the header deadline or the idle timeout at the latest, unless an
+  // answer is still being sent; past both and a margin, it stops anyway.
+  const auto giveUp = std::chrono::steady_clock::now() + limits_.headerTimeout +
+                      limits_.idleTimeout + std::chrono::seconds(10);
+  raw->thread = std::thread([raw, giveUp] {
+    while (!raw->now && std::chrono::steady_clock::now() < giveUp) {
+      const MHD_DaemonInfo* info =
+          MHD_get_daemon_info(raw->daemon, MHD_DAEMON_INFO_CURRENT_CONNECTIONS);
+      if (info != nullptr && info->num_connections == 0) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    MHD_stop_daemon(raw->daemon);
+    raw->done = true;
+  });
+  retiring_.push_back(std::move(retiring));
+}
+
+namespace {
+
+bool sameTls(const std::optional<TlsConfig>& a, const std::optional<TlsConfig>& b) {
+  if (a.has_value() != b.has_value()) return false;
+  if (!a) return true;
+  return a->certPem == b->certPem && a->keyPem == b->keyPem && a->clientCaPem == b->clientCaPem &&
+         a->clientAuth == b->clientAuth && a->minVersion == b->minVersion &&
+         a->maxVersion == b->maxVersion;
+}
+
+}  // namespace
+
+std::string HttpServer::reload(const WebConfig& web) {
+  if (daemon_ == nullptr) return "not serving";
+  auto auth = std::make_shared<const BasicAuth>(web.basicAuthUsers);
+  if (!sameTls(tls_, web.tls)) {
+    // The users change with the daemon: the old one's requests check them too, and a request
+    // that the old users passed is answered either way.
+    if (std::string error = startDaemon(web); !error.empty()) return error;
+  }
+  std::atomic_store(&auth_, std::shared_ptr<const BasicAuth>(std::move(auth)));
+  // Those stopped since the last reload.
+  for (auto it = retiring_.begin(); it != retiring_.end();) {
+    if (!(*it)->done) {
+      ++it;
+      continue;
+    }
+    (*it)->thread.join();
+    it = retiring_.erase(it);
+  }
   return "";
 }
 
 void HttpServer::stop() {
+  for (const std::unique_ptr<Retiring>& retiring : retiring_) {
+    retiring->now = true;
+    retiring->thread.join();
+  }
+  retiring_.clear();
   if (daemon_ != nullptr) {
-    MHD_quiesce_daemon(daemon_);
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
   }
   context_.reset();
+  tls_.reset();
   watch_.reset();
   socket_.reset();
   port_ = 0;

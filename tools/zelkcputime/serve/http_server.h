@@ -13,7 +13,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "serve/basic_auth.h"
 #include "serve/metrics_exporter.h"
@@ -74,6 +76,11 @@ class HttpServer {
                     const HttpLimits& limits = {}, const WebConfig& web = {});
   // Stops accepting, then ends the connections.
   void stop();
+  // Another web configuration, for new connections and requests; "" on success, else why not,
+  // with the one in force kept. Users alone are swapped at once. A change of TLS starts a
+  // daemon on the same socket and stops the old one from accepting; the old one serves its
+  // connections to their end (header deadline, idle timeout) and then stops.
+  std::string reload(const WebConfig& web);
 
   const MetricsHandler& handler() const { return handler_; }
   const HttpLimits& limits() const { return limits_; }
@@ -87,9 +94,15 @@ class HttpServer {
   // "" or why not, in one line.
   std::string startDaemon(const WebConfig& web);
 
+  // Stops the daemons that a reload replaced, once their connections are gone or at stop().
+  void retireLater(MHD_Daemon* daemon, std::unique_ptr<DaemonContext> context);
+
   android::base::unique_fd socket_;
   MHD_Daemon* daemon_ = nullptr;
   std::unique_ptr<DaemonContext> context_;
+  std::optional<TlsConfig> tls_;  // of daemon_
+  struct Retiring;
+  std::vector<std::unique_ptr<Retiring>> retiring_;
   std::shared_ptr<const BasicAuth> auth_;  // read and swapped with std::atomic_load/store
   std::unique_ptr<ConnectionWatch> watch_;
   MetricsHandler handler_;
