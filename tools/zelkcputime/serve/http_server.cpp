@@ -68,8 +68,8 @@ MHD_Result answer(MHD_Connection* connection, Request* request, unsigned status,
   return queued;
 }
 
-// The length the request declares, or -1 when it declares none; a body in chunks counts as
-// longer than any limit only once its chunks exceed it.
+// Whether the request has a body, and the length it declares (0 for one in chunks, which counts
+// as too long only once its chunks exceed the limit).
 bool hasBody(MHD_Connection* connection, uint64_t* declared) {
   const char* length =
       MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
@@ -105,7 +105,8 @@ std::string clientCertificateProblem(const DaemonContext& context, MHD_Connectio
   return "";
 }
 
-// "" when the request may go on, else the status it is refused with (queued).
+// Sets `*refused` and queues the answer when the request lacks the client certificate or the
+// credentials that the configuration asks for; MHD's verdict on that queueing.
 MHD_Result refuse(MHD_Connection* connection, Request* request, bool* refused,
                   const DaemonContext& context) {
   *refused = true;
@@ -436,8 +437,8 @@ std::string HttpServer::reload(const WebConfig& web) {
   if (daemon_ == nullptr) return "not serving";
   auto auth = std::make_shared<const BasicAuth>(web.basicAuthUsers);
   if (!sameTls(tls_, web.tls)) {
-    // The users change with the daemon: the old one's requests check them too, and a request
-    // that the old users passed is answered either way.
+    // Both daemons read the users from this server: from the swap below, the old one's last
+    // requests check the new users too.
     if (std::string error = startDaemon(web); !error.empty()) return error;
   }
   std::atomic_store(&auth_, std::shared_ptr<const BasicAuth>(std::move(auth)));
