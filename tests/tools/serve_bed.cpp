@@ -84,13 +84,14 @@ std::string rawExchange(uint16_t port, const std::string& bytes, milliseconds ti
     // A server that closes early resets the rest: what it answered first still counts.
     send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     const auto deadline = start + timeout;
-    char buffer[4096];
+    // Expositions run to megabytes: few reads, as a real client makes.
+    std::vector<char> buffer(64 * 1024);
     for (;;) {
       pollfd p = {fd, POLLIN, 0};
       if (poll(&p, 1, static_cast<int>(timeLeft(deadline).count())) <= 0) break;
-      const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+      const ssize_t n = recv(fd, buffer.data(), buffer.size(), 0);
       if (n <= 0) break;
-      reply.append(buffer, static_cast<size_t>(n));
+      reply.append(buffer.data(), static_cast<size_t>(n));
     }
   }
   if (closedAfter != nullptr) {
@@ -103,11 +104,13 @@ std::string rawExchange(uint16_t port, const std::string& bytes, milliseconds ti
 HttpReply parseReply(const std::string& raw) {
   HttpReply reply;
   const size_t end = raw.find("\r\n\r\n");
+  if (end == std::string::npos) return reply;
+  // The head alone: std::regex_search would try the pattern at every byte of a long body.
+  const std::string head = raw.substr(0, end + 2);
   static const std::regex statusLine("^HTTP/1\\.[01] ([0-9]{3}) ");
   std::smatch match;
-  if (end == std::string::npos || !std::regex_search(raw, match, statusLine)) return reply;
+  if (!std::regex_search(head, match, statusLine)) return reply;
   reply.status = std::stoi(match[1]);
-  const std::string head = raw.substr(0, end + 2);
   bool chunked = false;
   static const std::regex field("\r\n([A-Za-z-]+):[ \t]*([^\r]*)");
   for (auto it = std::sregex_iterator(head.begin(), head.end(), field);
