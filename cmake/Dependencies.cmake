@@ -11,8 +11,8 @@ find_path(ZELK_BCC_INCLUDE_DIR bcc/libbpf.h REQUIRED)
 find_library(ZELK_LIBBCC_BPF bcc_bpf REQUIRED)
 find_library(ZELK_LIBBPF bpf REQUIRED)
 # zelkcputime serve's HTTP server.
-find_path(ZELK_CIVETWEB_INCLUDE_DIR civetweb.h REQUIRED)
-find_library(ZELK_LIBCIVETWEB civetweb REQUIRED)
+find_path(ZELK_MICROHTTPD_INCLUDE_DIR microhttpd.h REQUIRED)
+find_library(ZELK_LIBMICROHTTPD microhttpd REQUIRED)
 
 add_library(zelk::android_base UNKNOWN IMPORTED)
 set_target_properties(zelk::android_base PROPERTIES
@@ -29,10 +29,10 @@ set_target_properties(zelk::bcc_bpf PROPERTIES
   INTERFACE_INCLUDE_DIRECTORIES ${ZELK_BCC_INCLUDE_DIR})
 add_library(zelk::libbpf UNKNOWN IMPORTED)
 set_target_properties(zelk::libbpf PROPERTIES IMPORTED_LOCATION ${ZELK_LIBBPF})
-add_library(zelk::civetweb UNKNOWN IMPORTED)
-set_target_properties(zelk::civetweb PROPERTIES
-  IMPORTED_LOCATION ${ZELK_LIBCIVETWEB}
-  INTERFACE_INCLUDE_DIRECTORIES ${ZELK_CIVETWEB_INCLUDE_DIR})
+add_library(zelk::microhttpd UNKNOWN IMPORTED)
+set_target_properties(zelk::microhttpd PROPERTIES
+  IMPORTED_LOCATION ${ZELK_LIBMICROHTTPD}
+  INTERFACE_INCLUDE_DIRECTORIES ${ZELK_MICROHTTPD_INCLUDE_DIR})
 
 # zelkcputime serve's web configuration: the YAML reader, GnuTLS for its certificates and
 # libcrypt (libxcrypt) for its bcrypt hashes.

@@ -57,5 +57,40 @@ TEST(ParseOptionsTest, SecondsAndVoltsInAnyLocale) {
   setlocale(LC_NUMERIC, "C");
 }
 
+TEST(ParseOptionsTest, ServeLimits) {
+  const HttpLimits defaults;
+  ParsedOptions parsed = parseOptions({"serve"});
+  EXPECT_EQ(parsed.options.web.headerTimeout, defaults.headerTimeout);
+  EXPECT_EQ(parsed.options.web.maxConnections, 512u);
+  EXPECT_EQ(parsed.options.web.maxBodyBytes, 65536u);
+  parsed = parseOptions({"serve", "--web.header-timeout", "0.25", "--web.max-connections", "64",
+                         "--web.max-body-bytes", "0"});
+  EXPECT_EQ(parsed.error, "");
+  EXPECT_EQ(parsed.options.web.headerTimeout, std::chrono::milliseconds(250));
+  EXPECT_EQ(parsed.options.web.maxConnections, 64u);
+  EXPECT_EQ(parsed.options.web.maxBodyBytes, 0u);
+  const std::pair<std::vector<std::string>, std::string> bad[] = {
+      {{"--web.header-timeout", "0.05"}, "--web.header-timeout takes seconds from 0.1 to 3600"},
+      {{"--web.header-timeout", "3601"}, "--web.header-timeout takes seconds from 0.1 to 3600"},
+      {{"--web.header-timeout", "5s"}, "--web.header-timeout takes seconds from 0.1 to 3600"},
+      {{"--web.header-timeout"}, "--web.header-timeout takes seconds from 0.1 to 3600"},
+      {{"--web.max-connections", "0"},
+       "--web.max-connections takes a number of connections from 1 to 65536"},
+      {{"--web.max-connections", "65537"},
+       "--web.max-connections takes a number of connections from 1 to 65536"},
+      {{"--web.max-connections", "-1"},
+       "--web.max-connections takes a number of connections from 1 to 65536"},
+      {{"--web.max-body-bytes", "1073741825"},
+       "--web.max-body-bytes takes a number of bytes from 0 to 1073741824"},
+      {{"--web.max-body-bytes", "1k"},
+       "--web.max-body-bytes takes a number of bytes from 0 to 1073741824"},
+  };
+  for (const auto& [args, error] : bad) {
+    std::vector<std::string> line = {"serve"};
+    line.insert(line.end(), args.begin(), args.end());
+    EXPECT_EQ(parseOptions(line).error, error) << args[0];
+  }
+}
+
 }  // namespace
 }  // namespace zelk::cli

@@ -2,7 +2,6 @@
 
 #include <android-base/file.h>
 #include <arpa/inet.h>
-#include <civetweb.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -39,34 +38,6 @@ std::string urlEncoded(const std::string& text) {
 }
 
 }  // namespace
-
-HttpReply httpRequest(uint16_t port, const std::string& method, const std::string& path,
-                      const std::string& accept) {
-  static std::once_flag initialised;
-  std::call_once(initialised, [] { mg_init_library(0); });
-  char error[256] = "";
-  const std::string acceptLine = accept.empty() ? "" : "Accept: " + accept + "\r\n";
-  mg_connection* connection =
-      mg_download("127.0.0.1", port, 0, error, sizeof(error),
-                  "%s %s HTTP/1.1\r\nHost: 127.0.0.1\r\n%sConnection: close\r\n\r\n",
-                  method.c_str(), path.c_str(), acceptLine.c_str());
-  HttpReply reply;
-  if (connection == nullptr) return reply;
-  const mg_response_info* info = mg_get_response_info(connection);
-  reply.status = info->status_code;
-  reply.contentLength = info->content_length;
-  for (int i = 0; i < info->num_headers; ++i) {
-    if (strcasecmp(info->http_headers[i].name, "Content-Type") == 0) {
-      reply.contentType = info->http_headers[i].value;
-    }
-  }
-  char buffer[16384];
-  for (int n; (n = mg_read(connection, buffer, sizeof(buffer))) > 0;) {
-    reply.body.append(buffer, static_cast<size_t>(n));
-  }
-  mg_close_connection(connection);
-  return reply;
-}
 
 namespace {
 
@@ -113,13 +84,14 @@ std::string rawExchange(uint16_t port, const std::string& bytes, milliseconds ti
     // A server that closes early resets the rest: what it answered first still counts.
     send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     const auto deadline = start + timeout;
-    char buffer[4096];
+    // Expositions run to megabytes: few reads, as a real client makes.
+    std::vector<char> buffer(64 * 1024);
     for (;;) {
       pollfd p = {fd, POLLIN, 0};
       if (poll(&p, 1, static_cast<int>(timeLeft(deadline).count())) <= 0) break;
-      const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+      const ssize_t n = recv(fd, buffer.data(), buffer.size(), 0);
       if (n <= 0) break;
-      reply.append(buffer, static_cast<size_t>(n));
+      reply.append(buffer.data(), static_cast<size_t>(n));
     }
   }
   if (closedAfter != nullptr) {
@@ -127,6 +99,51 @@ std::string rawExchange(uint16_t port, const std::string& bytes, milliseconds ti
   }
   if (fd >= 0) close(fd);
   return reply;
+}
+
+HttpReply parseReply(const std::string& raw) {
+  HttpReply reply;
+  const size_t end = raw.find("\r\n\r\n");
+  if (end == std::string::npos) return reply;
+  // The head alone: std::regex_search would try the pattern at every byte of a long body.
+  const std::string head = raw.substr(0, end + 2);
+  static const std::regex statusLine("^HTTP/1\\.[01] ([0-9]{3}) ");
+  std::smatch match;
+  if (!std::regex_search(head, match, statusLine)) return reply;
+  reply.status = std::stoi(match[1]);
+  bool chunked = false;
+  static const std::regex field("\r\n([A-Za-z-]+):[ \t]*([^\r]*)");
+  for (auto it = std::sregex_iterator(head.begin(), head.end(), field);
+       it != std::sregex_iterator(); ++it) {
+    const std::string name = (*it)[1];
+    if (strcasecmp(name.c_str(), "Content-Type") == 0) reply.contentType = (*it)[2];
+    if (strcasecmp(name.c_str(), "Content-Length") == 0) reply.contentLength = std::stoll((*it)[2]);
+    if (strcasecmp(name.c_str(), "Transfer-Encoding") == 0) chunked = true;
+  }
+  reply.body = raw.substr(end + 4);
+  if (chunked) {
+    // Prometheus's API answers in chunks: sizes in hexadecimal, each chunk followed by CRLF.
+    std::string body;
+    for (size_t at = 0;;) {
+      const size_t line = reply.body.find("\r\n", at);
+      if (line == std::string::npos) break;
+      const size_t size = std::strtoul(reply.body.substr(at, line - at).c_str(), nullptr, 16);
+      if (size == 0 || line + 2 + size > reply.body.size()) break;
+      body += reply.body.substr(line + 2, size);
+      at = line + 2 + size + 2;
+    }
+    reply.body = body;
+  }
+  return reply;
+}
+
+HttpReply httpRequest(uint16_t port, const std::string& method, const std::string& path,
+                      const std::string& accept) {
+  const std::string acceptLine = accept.empty() ? "" : "Accept: " + accept + "\r\n";
+  return parseReply(rawExchange(port,
+                                method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
+                                    acceptLine + "Connection: close\r\n\r\n",
+                                milliseconds(30000)));
 }
 
 std::string installedProgram(const std::string& name) {

@@ -1,6 +1,6 @@
 // What the exporter's tests need around it: programs that run beside the test (the tool's serve,
-// Prometheus), an HTTP client (civetweb's), raw bytes for requests no client would send, and the
-// Prometheus query API.
+// Prometheus), an HTTP client of its own (HTTP/1.1, Connection: close), raw bytes for requests no
+// client would send, and the Prometheus query API.
 #pragma once
 
 #include <sys/types.h>
@@ -24,9 +24,13 @@ struct HttpReply {
   std::string body;
 };
 
-// One request through civetweb's client, on a connection of its own.
+// One request on a connection of its own, read until the server closes it (30 s at most).
 HttpReply httpRequest(uint16_t port, const std::string& method, const std::string& path,
                       const std::string& accept = "");
+
+// The status, Content-Type, Content-Length and body of an answer read whole; status -1 when it
+// is not one.
+HttpReply parseReply(const std::string& raw);
 
 // Sends `bytes` on a new connection to 127.0.0.1:`port` and returns what comes back until the
 // server closes it or `timeout` passes; `*closedAfter` is how long the server took to close.

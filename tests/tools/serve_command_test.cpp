@@ -4,6 +4,7 @@
 #include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <bpf/bpf.h>
+#include <crypt.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -13,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <memory>
 #include <regex>
 #include <thread>
@@ -65,6 +67,9 @@ TEST_F(ServeTest, CommandLineAndAddressErrors) {
       {{"serve", "--cgroup-match", "(unclosed"}, "--cgroup-match takes a regular expression"},
       {{"serve", "--process-match", "(unclosed"}, "--process-match takes a regular expression"},
       {{"serve", "--process-min-seconds", "-1"}, "--process-min-seconds takes seconds from 0"},
+      {{"serve", "--web.header-timeout", "0"}, "--web.header-timeout takes seconds from 0.1"},
+      {{"serve", "--web.max-connections", "0"}, "--web.max-connections takes a number of conn"},
+      {{"serve", "--web.max-body-bytes", "x"}, "--web.max-body-bytes takes a number of bytes"},
       {{"serve", "now"}, "serve takes no argument"},
       {{"show", "total", "--listen", "127.0.0.1:1"}, "--listen does not apply to show"},
   };
@@ -182,6 +187,134 @@ scrape_configs:
   EXPECT_EQ(serve->stop(), 0) << serve->output();
   EXPECT_TRUE(contains(serve->output(), "stopped; the counts stay in the maps\n"))
       << serve->output();
+}
+
+// What a web configuration test needs: bcrypt hashes, files, credentials on the wire.
+std::string bcrypt(const std::string& password) {
+  char setting[CRYPT_GENSALT_OUTPUT_SIZE];
+  if (crypt_gensalt_rn("$2b$", 4, nullptr, 0, setting, sizeof(setting)) == nullptr) return "";
+  auto data = std::make_unique<crypt_data>();
+  const char* hash = crypt_r(password.c_str(), setting, data.get());
+  return hash != nullptr ? hash : "";
+}
+
+std::string base64(const std::string& text) {
+  static const char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  for (size_t i = 0; i < text.size(); i += 3) {
+    const size_t n = std::min<size_t>(3, text.size() - i);
+    uint32_t block = 0;
+    for (size_t j = 0; j < 3; ++j)
+      block = block << 8 | (j < n ? static_cast<uint8_t>(text[i + j]) : 0);
+    for (size_t j = 0; j < 4; ++j) out += j <= n ? kDigits[(block >> (18 - 6 * j)) & 63] : '=';
+  }
+  return out;
+}
+
+// The status of a GET /metrics with `user`:`password` (none when `user` is empty).
+int statusWith(const std::string& user, const std::string& password) {
+  const std::string authorization =
+      user.empty() ? "" : "Authorization: Basic " + base64(user + ":" + password) + "\r\n";
+  return parseReply(rawExchange(kPort,
+                                "GET /metrics HTTP/1.1\r\nHost: x\r\n" + authorization +
+                                    "Connection: close\r\n\r\n",
+                                milliseconds(10000)))
+      .status;
+}
+
+TEST_F(ServeTest, WebConfigFileReadAtStartAndAgainOnSighup) {
+  addMachinePolicy({300000, 600000});
+  char dir[] = "/tmp/zelk-webcfg-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string file = std::string(dir) + "/web.yml";
+  const auto write = [&](const std::string& alice) {
+    return android::base::WriteStringToFile(
+        "basic_auth_users:\n  prometheus: " + bcrypt("p1") + "\n  alice: " + alice + "\n", file);
+  };
+  // A file that cannot be read: its one line, before anything is served.
+  ChildResult run = runTool({"serve", "--web.config.file", std::string(dir) + "/none.yml"});
+  EXPECT_EQ(run.status, 1) << run.output;
+  EXPECT_TRUE(contains(run.output, "^zelkcputime: [^\n]*none\\.yml[^\n]*\n")) << run.output;
+
+  ASSERT_TRUE(write(bcrypt("a1")));
+  std::optional<Background> serve;
+  ASSERT_NO_FATAL_FAILURE(startServe(&serve, {"serve", "--web.config.file", file}));
+  EXPECT_EQ(statusWith("", ""), 401);
+  EXPECT_EQ(statusWith("alice", "a1"), 200);
+
+  // A scraper whose password stays, throughout.
+  std::atomic<bool> stopping{false};
+  std::vector<int> scrapes;
+  std::thread scraper([&] {
+    while (!stopping) {
+      scrapes.push_back(statusWith("prometheus", "p1"));
+      std::this_thread::sleep_for(milliseconds(20));
+    }
+  });
+  ASSERT_TRUE(write(bcrypt("a2")));
+  kill(serve->pid(), SIGHUP);
+  ASSERT_TRUE(serve->waitFor("web.yml read again", milliseconds(10000))) << serve->output();
+  EXPECT_EQ(statusWith("alice", "a1"), 401) << "the old password";
+  EXPECT_EQ(statusWith("alice", "a2"), 200) << "the new password";
+
+  // A file gone bad: said in a line, and the one in force stays.
+  ASSERT_TRUE(android::base::WriteStringToFile("basic_auth_users: [\n", file));
+  kill(serve->pid(), SIGHUP);
+  ASSERT_TRUE(serve->waitFor("the configuration in force stays\n", milliseconds(10000)))
+      << serve->output();
+  EXPECT_EQ(statusWith("alice", "a2"), 200);
+  std::this_thread::sleep_for(milliseconds(200));
+  stopping = true;
+  scraper.join();
+  EXPECT_GE(scrapes.size(), 5u);
+  EXPECT_EQ(std::count(scrapes.begin(), scrapes.end(), 200),
+            static_cast<ptrdiff_t>(scrapes.size()));
+  EXPECT_EQ(serve->stop(), 0) << serve->output();
+  std::filesystem::remove_all(dir);
+}
+
+TEST_F(ServeTest, PrometheusScrapesOverTlsWithBasicAuth) {
+  addMachinePolicy({300000, 600000});
+  char dir[] = "/tmp/zelk-webcfg-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string folder = dir;
+  const std::string ec = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 ";
+  ASSERT_EQ(system(("cd " + folder + " && openssl req -x509 " + ec +
+                    "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout key.pem "
+                    "-out cert.pem >/dev/null 2>&1")
+                       .c_str()),
+            0);
+  ASSERT_TRUE(android::base::WriteStringToFile(
+      "tls_server_config:\n  cert_file: cert.pem\n  key_file: key.pem\nbasic_auth_users:\n  "
+      "prometheus: " +
+          bcrypt("p1") + "\n",
+      folder + "/web.yml"));
+  std::optional<Background> serve;
+  serve.emplace(ZELK_TOOL_PATH, Args{"serve", "--web.config.file", folder + "/web.yml"});
+  ASSERT_TRUE(serve->waitFor("serving https://127.0.0.1:10410/metrics", milliseconds(30000)))
+      << serve->output();
+  Prometheus prometheus;
+  const std::string error = prometheus.start(R"(global:
+  scrape_interval: 1s
+  scrape_timeout: 1s
+scrape_configs:
+  - job_name: zelk
+    scheme: https
+    tls_config: {ca_file: ')" + folder + R"(/cert.pem'}
+    basic_auth: {username: prometheus, password: p1}
+    static_configs: [{targets: ['127.0.0.1:10410']}]
+)",
+                                             kPrometheusPort);
+  if (error.find("not installed") != std::string::npos) ZELK_SKIP_OR_FAIL(error);
+  ASSERT_EQ(error, "");
+  ASSERT_TRUE(waitUntil([&] { return prometheus.query("up{job=\"zelk\"}").has_value(); },
+                        milliseconds(15000)))
+      << prometheus.log();
+  // As over plain HTTP (PrometheusStoresWhatSchedstatCounts).
+  EXPECT_EQ(prometheus.query("up{job=\"zelk\"}"), 1.0) << prometheus.log();
+  EXPECT_EQ(prometheus.query("count(zelk_cpu_frequency_info)"), 2.0);
+  EXPECT_EQ(serve->stop(), 0) << serve->output();
+  std::filesystem::remove_all(folder);
 }
 
 // One value of a scraped series, or -1.

@@ -66,6 +66,11 @@ constexpr const char kUsage[] =
     "                          rest count in comm=\"other\"; the same for the foreground\n"
     "                          and background times of processes\n"
     "        [--class-times-kthreads]  those times for kernel threads too\n"
+    "        [--web.header-timeout S] [--web.max-connections N] [--web.max-body-bytes N]\n"
+    "                          a request header's deadline (default 5 s), connections at\n"
+    "                          once (default 512), a request body's size (default 65536)\n"
+    "        [--web.config.file PATH]  TLS and basic authentication, as Prometheus exporters\n"
+    "                          read them; SIGHUP reads the file again\n"
     "\n"
     "  --json, --csv           machine-readable output (show, demo; status: --json)\n"
     "  --limit N               at most N rows per table (0: all; default 20 in tables, 10 in\n"
@@ -101,7 +106,8 @@ const Command kCommands[] = {
      runServe,
      {"--listen", "--model", "--voltage", "--per-frequency", "--sample", "--sample-ms",
       "--cgroup-depth", "--cgroup-match", "--process-match", "--process-min-seconds",
-      "--class-times-kthreads"}},
+      "--class-times-kthreads", "--web.header-timeout", "--web.max-connections", "--web.max-body-bytes",
+      "--web.config.file"}},
 };
 
 }  // namespace

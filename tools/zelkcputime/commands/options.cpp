@@ -1,5 +1,6 @@
 #include "commands/options.h"
 
+#include <cmath>
 #include <optional>
 #include <regex>
 
@@ -98,6 +99,12 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       parsed.error = loader::parseMapSize(name, i + 1 < args.size() ? args[i + 1] : "", entries);
       if (!parsed.error.empty()) return parsed;
       ++i;
+    } else if (name == "--web.config.file") {
+      if (i + 1 >= args.size() || args[i + 1].empty()) {
+        parsed.error = "--web.config.file takes a path";
+        return parsed;
+      }
+      options.webConfigFile = args[++i];
     } else if (name == "--model" || name == "--voltage") {
       if (i + 1 >= args.size() || args[i + 1].empty()) {
         parsed.error = name + (name == "--model" ? " takes a path" : " takes a number of volts");
@@ -142,6 +149,30 @@ ParsedOptions parseOptions(const std::vector<std::string>& args) {
       }
       options.processMinSeconds = *seconds;
       ++i;
+    } else if (name == "--web.header-timeout") {
+      const std::optional<double> seconds =
+          com::zelkora::parsePlainDecimal(i + 1 < args.size() ? args[i + 1] : "");
+      if (!seconds || !(*seconds >= 0.1 && *seconds <= 3600)) {
+        parsed.error = "--web.header-timeout takes seconds from 0.1 to 3600";
+        return parsed;
+      }
+      options.web.headerTimeout = std::chrono::milliseconds(std::llround(*seconds * 1000));
+      ++i;
+    } else if (name == "--web.max-connections" || name == "--web.max-body-bytes") {
+      const bool connections = name == "--web.max-connections";
+      unsigned long long value = 0;
+      if (i + 1 >= args.size() ||
+          !parseCount(args[i + 1], connections ? 1 : 0, connections ? 65536 : 1ull << 30, &value)) {
+        parsed.error = name + (connections ? " takes a number of connections from 1 to 65536"
+                                           : " takes a number of bytes from 0 to 1073741824");
+        return parsed;
+      }
+      ++i;
+      if (connections) {
+        options.web.maxConnections = static_cast<unsigned>(value);
+      } else {
+        options.web.maxBodyBytes = value;
+      }
     } else if (name == "--json" || name == "--csv") {
       if (options.given.count(name == "--json" ? "--csv" : "--json") != 0) {
         parsed.error = "--json and --csv exclude each other";

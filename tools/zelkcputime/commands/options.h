@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "map_sizes.h"
+#include "serve/http_server.h"
 
 namespace zelk::cli {
 
@@ -45,6 +46,9 @@ struct Options {
   // serve --process-min-seconds S: CPU time a name needs for series of its own.
   double processMinSeconds = kDefaultProcessMinSeconds;
   bool classKthreads = false;  // serve --class-times-kthreads: class series for kernel threads too
+  // serve --web.header-timeout S, --web.max-connections N, --web.max-body-bytes N.
+  HttpLimits web;
+  std::string webConfigFile;  // serve --web.config.file PATH
 };
 
 inline constexpr unsigned kMaxCgroupDepth = 64;
@@ -59,7 +63,9 @@ struct ParsedOptions {
 // --voltage V (volts, a positive decimal), --interval S (0.1 to 3600 s), --iterations N, --batch,
 // --listen ADDR:PORT, --per-frequency REGEX, --depth/--cgroup-depth N (0 to 64), --match/
 // --cgroup-match REGEX, --process-match REGEX, --process-min-seconds S (0 to 10^9),
-// --class-times-kthreads, --cgroups N, -v/--verbose, -h/--help; "--" ends the options, so that a
+// --class-times-kthreads, --cgroups N, --web.header-timeout S (0.1 to 3600),
+// --web.max-connections N (1 to 65536), --web.max-body-bytes N (0 to 2^30), --web.config.file
+// PATH, -v/--verbose, -h/--help; "--" ends the options, so that a
 // task named like one can be given. After `top`, --kthreads and --cgroups take no value.
 ParsedOptions parseOptions(const std::vector<std::string>& args);
 

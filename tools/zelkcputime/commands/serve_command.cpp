@@ -70,6 +70,13 @@ int runServe(const Options& options) {
     processMatch.emplace(options.processMatch, std::regex::ECMAScript | std::regex::nosubs);
   }
   if (std::string message = checkRoot(); !message.empty()) return fail(message);
+  WebConfig web;
+  const bool webConfig = options.given.count("--web.config.file") != 0;
+  if (webConfig) {
+    if (std::string error = loadWebConfig(options.webConfigFile, &web); !error.empty()) {
+      return fail(error);
+    }
+  }
 
   // Blocked before any thread starts (the server's, the library's), which inherit the mask, so
   // that only the wait below takes these signals. A client that goes away mid-answer must not
@@ -94,10 +101,13 @@ int runServe(const Options& options) {
   std::atomic<bool> tracking{false};
   HttpServer server;
   // Listening first: a port in use is told before anything is loaded.
-  const std::string error = server.start(address, [&](const std::string& accept) -> HttpResponse {
-    if (!tracking) return {503, "text/plain; charset=utf-8", "zelkcputime: starting\n"};
-    return exporter->scrape(accept);
-  });
+  const std::string error = server.start(
+      address,
+      [&](const std::string& accept) -> HttpResponse {
+        if (!tracking) return {503, "text/plain; charset=utf-8", "zelkcputime: starting\n"};
+        return exporter->scrape(accept);
+      },
+      options.web, web);
   if (!error.empty()) return fail(error);
   DemoMachine sampled;
   pid_t tracker = getpid();  // in the sampled namespace, always this process
@@ -130,13 +140,23 @@ int runServe(const Options& options) {
                    options.classKthreads);
   tracking = true;
   // Beside another tracker the counts grow while that one runs.
-  printOut("serving http://" + address.text() + "/metrics; tracking in process " +
-           std::to_string(tracker) +
+  printOut(std::string("serving ") + (web.tls ? "https" : "http") + "://" + address.text() +
+           "/metrics; tracking in process " + std::to_string(tracker) +
            (tracker == getpid() ? " until SIGINT or SIGTERM\n"
                                 : " (another process); serving until SIGINT or SIGTERM\n"));
   fflush(stdout);
-  int signal = 0;
-  sigwait(&stops, &signal);
+  // With a web configuration, SIGHUP reads it again; without, it stops serve as ever.
+  for (int signal = 0; sigwait(&stops, &signal) == 0;) {
+    if (signal != SIGHUP || !webConfig) break;
+    WebConfig next;
+    std::string error = loadWebConfig(options.webConfigFile, &next);
+    if (error.empty()) error = server.reload(next);
+    if (error.empty()) {
+      fprintf(stderr, "zelkcputime: %s read again\n", options.webConfigFile.c_str());
+    } else {
+      fprintf(stderr, "zelkcputime: %s; the configuration in force stays\n", error.c_str());
+    }
+  }
   server.stop();
   printOut("stopped; the counts stay in the maps\n");
   return kExitOk;
