@@ -92,9 +92,10 @@ TEST_F(HttpServerTest, MalformedAndOversizedRequestsAreRefused) {
   EXPECT_EQ(statusOf("FOO /metrics HTTP/1.1\r\nHost: x\r\n\r\n"), 405);
   EXPECT_EQ(statusOf("garbage\r\n\r\n"), 400);
   EXPECT_EQ(statusOf("\x01\x02\xff\xfe\r\n\r\n"), 400);
-  // MHD reads a line that starts with NUL as a blank line before the request and waits for one:
-  // the header deadline answers it.
-  EXPECT_EQ(statusOf(std::string("\x00\x01\x02\xff\r\n\r\n", 8)), 408);
+  // MHD may read a line that starts with NUL as a blank line before the request and wait for
+  // one, which the header deadline answers; or refuse it at once, by how the bytes arrive.
+  const int nulFirst = statusOf(std::string("\x00\x01\x02\xff\r\n\r\n", 8));
+  EXPECT_TRUE(nulFirst == 400 || nulFirst == 408) << nulFirst;
   EXPECT_EQ(statusOf("GET\r\n\r\n"), 400);
   EXPECT_EQ(statusOf("GET /metrics HTTP/9.9\r\n\r\n"), 505);
   EXPECT_EQ(statusOf("GET /" + std::string(100000, 'a') + " HTTP/1.1\r\n\r\n"), 414);

@@ -38,8 +38,9 @@ struct ListenAddress {
 std::string parseListen(const std::string& text, ListenAddress* address);
 
 struct HttpLimits {
-  // Event loops, each with its own epoll set; a scrape runs the handler on one of them.
-  unsigned threads = 2;
+  // Event loops, each with its own epoll set; a scrape runs the handler on its connection's, so
+  // as many scrapes run at once (and share a snapshot) as there are loops.
+  unsigned threads = 8;
   // The whole request header must arrive within this time from the connection's opening, or
   // from the end of its previous request.
   std::chrono::milliseconds headerTimeout{5000};
