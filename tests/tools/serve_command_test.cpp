@@ -313,6 +313,25 @@ scrape_configs:
   // As over plain HTTP (PrometheusStoresWhatSchedstatCounts).
   EXPECT_EQ(prometheus.query("up{job=\"zelk\"}"), 1.0) << prometheus.log();
   EXPECT_EQ(prometheus.query("count(zelk_cpu_frequency_info)"), 2.0);
+  // Stored as served: the maps' capacities, which stay put, against curl's scrape over TLS.
+  FILE* curl = popen(("curl -sS --max-time 5 --cacert " + folder +
+                      "/cert.pem -u prometheus:p1 https://127.0.0.1:10410/metrics")
+                         .c_str(),
+                     "r");
+  ASSERT_NE(curl, nullptr);
+  std::string body;
+  char buffer[65536];
+  for (size_t n; (n = fread(buffer, 1, sizeof(buffer), curl)) > 0;) body.append(buffer, n);
+  EXPECT_EQ(pclose(curl), 0);
+  const std::regex capacity("\nzelk_map_capacity\\{map=\"([a-z_]+)\"\\} ([0-9]+)");
+  size_t compared = 0;
+  for (std::sregex_iterator it(body.begin(), body.end(), capacity), end; it != end; ++it) {
+    EXPECT_EQ(prometheus.query("zelk_map_capacity{map=\"" + (*it)[1].str() + "\"}"),
+              std::stod((*it)[2].str()))
+        << (*it)[1];
+    ++compared;
+  }
+  EXPECT_GE(compared, 8u) << body.substr(0, 2000);
   EXPECT_EQ(serve->stop(), 0) << serve->output();
   std::filesystem::remove_all(folder);
 }
