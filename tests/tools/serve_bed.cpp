@@ -105,19 +105,30 @@ HttpReply parseReply(const std::string& raw) {
   HttpReply reply;
   const size_t end = raw.find("\r\n\r\n");
   if (end == std::string::npos) return reply;
-  // The head alone: std::regex_search would try the pattern at every byte of a long body.
+  // By hand, not with std::regex: scrapers parse answers on many threads at once, and compiling
+  // a regex fills libstdc++'s shared ctype cache, a race that ThreadSanitizer reports.
   const std::string head = raw.substr(0, end + 2);
-  static const std::regex statusLine("^HTTP/1\\.[01] ([0-9]{3}) ");
-  std::smatch match;
-  if (!std::regex_search(head, match, statusLine)) return reply;
-  reply.status = std::stoi(match[1]);
+  const auto digit = [&](size_t i) { return head[i] >= '0' && head[i] <= '9'; };
+  // "HTTP/1.0 " or "HTTP/1.1 ", three digits, a space.
+  if (head.size() < 13 || head.compare(0, 7, "HTTP/1.") != 0 ||
+      (head[7] != '0' && head[7] != '1') || head[8] != ' ' || !digit(9) || !digit(10) ||
+      !digit(11) || head[12] != ' ') {
+    return reply;
+  }
+  reply.status = std::stoi(head.substr(9, 3));
   bool chunked = false;
-  static const std::regex field("\r\n([A-Za-z-]+):[ \t]*([^\r]*)");
-  for (auto it = std::sregex_iterator(head.begin(), head.end(), field);
-       it != std::sregex_iterator(); ++it) {
-    const std::string name = (*it)[1];
-    if (strcasecmp(name.c_str(), "Content-Type") == 0) reply.contentType = (*it)[2];
-    if (strcasecmp(name.c_str(), "Content-Length") == 0) reply.contentLength = std::stoll((*it)[2]);
+  // Each header line: after a CRLF, up to the next one (the head ends with one).
+  for (size_t at = head.find("\r\n"); at + 2 < head.size();) {
+    const size_t next = head.find("\r\n", at + 2);
+    const std::string line = head.substr(at + 2, next - at - 2);
+    at = next;
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos || colon == 0) continue;
+    const std::string name = line.substr(0, colon);
+    const size_t from = line.find_first_not_of(" \t", colon + 1);
+    const std::string value = from == std::string::npos ? "" : line.substr(from);
+    if (strcasecmp(name.c_str(), "Content-Type") == 0) reply.contentType = value;
+    if (strcasecmp(name.c_str(), "Content-Length") == 0) reply.contentLength = std::stoll(value);
     if (strcasecmp(name.c_str(), "Transfer-Encoding") == 0) chunked = true;
   }
   reply.body = raw.substr(end + 4);
