@@ -87,16 +87,25 @@ TEST_F(HttpServerTest, UnknownPathsAre404AndNoFileIsServed) {
   EXPECT_NE(root.body.find("/metrics"), std::string::npos);
 }
 
+// MHD closes a request line it cannot read without a word, and serve answers it itself, only once
+// the kernel says that nothing was sent yet (TCP_INFO). qemu-user passes every TCP option as an
+// int, so there the check fails safe: the connection is closed unanswered, still refused.
+#ifdef ZELK_EMULATED
+constexpr int kUnreadAnswer = -1;
+#else
+constexpr int kUnreadAnswer = 400;
+#endif
+
 TEST_F(HttpServerTest, MalformedAndOversizedRequestsAreRefused) {
   // An unknown method is a method not allowed, as any other.
   EXPECT_EQ(statusOf("FOO /metrics HTTP/1.1\r\nHost: x\r\n\r\n"), 405);
-  EXPECT_EQ(statusOf("garbage\r\n\r\n"), 400);
-  EXPECT_EQ(statusOf("\x01\x02\xff\xfe\r\n\r\n"), 400);
+  EXPECT_EQ(statusOf("garbage\r\n\r\n"), kUnreadAnswer);
+  EXPECT_EQ(statusOf("\x01\x02\xff\xfe\r\n\r\n"), kUnreadAnswer);
   // MHD may read a line that starts with NUL as a blank line before the request and wait for
-  // one, which the header deadline answers; or refuse it at once, by how the bytes arrive.
+  // one, which the header deadline answers (408); or refuse it at once, by how the bytes arrive.
   const int nulFirst = statusOf(std::string("\x00\x01\x02\xff\r\n\r\n", 8));
-  EXPECT_TRUE(nulFirst == 400 || nulFirst == 408) << nulFirst;
-  EXPECT_EQ(statusOf("GET\r\n\r\n"), 400);
+  EXPECT_TRUE(nulFirst == kUnreadAnswer || nulFirst == 408 || nulFirst == 400) << nulFirst;
+  EXPECT_EQ(statusOf("GET\r\n\r\n"), kUnreadAnswer);
   EXPECT_EQ(statusOf("GET /metrics HTTP/9.9\r\n\r\n"), 505);
   EXPECT_EQ(statusOf("GET /" + std::string(100000, 'a') + " HTTP/1.1\r\n\r\n"), 414);
   std::string flood = "GET /metrics HTTP/1.1\r\nHost: x\r\n";
