@@ -17,19 +17,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int connectTo(uint16_t port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 double msSince(Clock::time_point start) {
   return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
@@ -88,7 +75,7 @@ void TrickleClients::run(uint16_t port, size_t count, milliseconds interval) {
   auto next = Clock::now();
   while (!stopping_) {
     while (slow.size() < count) {
-      const int fd = connectTo(port);
+      const int fd = connectLoopback(port);
       if (fd < 0) break;
       slow.push_back({fd, Clock::now(), 0});
     }
@@ -128,7 +115,7 @@ ConnectionFlood::ConnectionFlood(uint16_t port, milliseconds gap)
     : thread_([this, port, gap] {
         std::vector<int> open;
         while (!stopping_) {
-          const int fd = connectTo(port);
+          const int fd = connectLoopback(port);
           if (fd >= 0) {
             open.push_back(fd);
             ++opened_;

@@ -1,6 +1,5 @@
 // The exporter's HTTP server with a web configuration: TLS versions, client certificates and
 // basic authentication, against curl, with certificates that openssl makes here.
-#include <crypt.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -27,15 +26,6 @@ std::string readFile(const std::string& path) {
     fclose(file);
   }
   return text;
-}
-
-// crypt_r's bcrypt of `password`, at the lowest cost.
-std::string bcrypt(const std::string& password) {
-  char setting[CRYPT_GENSALT_OUTPUT_SIZE];
-  if (crypt_gensalt_rn("$2b$", 4, nullptr, 0, setting, sizeof(setting)) == nullptr) return "";
-  auto data = std::make_unique<crypt_data>();
-  const char* hash = crypt_r(password.c_str(), setting, data.get());
-  return hash != nullptr ? hash : "";
 }
 
 struct CurlResult {
@@ -169,7 +159,7 @@ TEST_F(WebConfigServer, RequireAndVerifyClientCert) {
 TEST_F(WebConfigServer, BasicAuthentication) {
   WebConfig web;
   web.tls = tls();
-  web.basicAuthUsers = {{"prometheus", bcrypt("s3cret")}};
+  web.basicAuthUsers = {{"prometheus", testbed::bcrypt("s3cret")}};
   ASSERT_EQ(web.basicAuthUsers["prometheus"].rfind("$2b$04$", 0), 0u);
   start(web);
   for (const char* credentials :
@@ -190,7 +180,7 @@ TEST_F(WebConfigServer, BasicAuthentication) {
 TEST_F(WebConfigServer, ReloadSwapsUsersAndTlsWithoutLosingAScrape) {
   WebConfig web;
   web.tls = tls();
-  web.basicAuthUsers = {{"prometheus", bcrypt("p1")}, {"alice", bcrypt("a1")}};
+  web.basicAuthUsers = {{"prometheus", testbed::bcrypt("p1")}, {"alice", testbed::bcrypt("a1")}};
   const size_t descriptors = testbed::descriptorCount(getpid());
   start(web);
   // A scraper whose user stays, throughout both reloads.
@@ -203,7 +193,7 @@ TEST_F(WebConfigServer, ReloadSwapsUsersAndTlsWithoutLosingAScrape) {
   EXPECT_EQ(curl("--cacert ca.pem -u alice:a1").status, 200);
 
   // Users alone.
-  web.basicAuthUsers["alice"] = bcrypt("a2");
+  web.basicAuthUsers["alice"] = testbed::bcrypt("a2");
   ASSERT_EQ(server_.reload(web), "");
   EXPECT_EQ(curl("--cacert ca.pem -u alice:a1").status, 401) << "the old password";
   EXPECT_EQ(curl("--cacert ca.pem -u alice:a2").status, 200) << "the new password";

@@ -2,6 +2,7 @@
 
 #include <android-base/file.h>
 #include <arpa/inet.h>
+#include <crypt.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <regex>
 #include <thread>
@@ -35,23 +37,6 @@ std::string urlEncoded(const std::string& text) {
     }
   }
   return out;
-}
-
-}  // namespace
-
-namespace {
-
-int connectLoopback(uint16_t port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
 }
 
 }  // namespace
@@ -99,6 +84,27 @@ std::string rawExchange(uint16_t port, const std::string& bytes, milliseconds ti
   }
   if (fd >= 0) close(fd);
   return reply;
+}
+
+int connectLoopback(uint16_t port) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+std::string bcrypt(const std::string& password) {
+  char setting[CRYPT_GENSALT_OUTPUT_SIZE];
+  if (crypt_gensalt_rn("$2b$", 4, nullptr, 0, setting, sizeof(setting)) == nullptr) return "";
+  auto data = std::make_unique<crypt_data>();
+  const char* hash = crypt_r(password.c_str(), setting, data.get());
+  return hash != nullptr ? hash : "";
 }
 
 HttpReply parseReply(const std::string& raw) {

@@ -31,6 +31,10 @@ HttpReply httpRequest(uint16_t port, const std::string& method, const std::strin
 // The status, Content-Type, Content-Length and body of an answer read whole; status -1 when it
 // is not one.
 HttpReply parseReply(const std::string& raw);
+// A TCP connection to 127.0.0.1:port (close-on-exec), or -1.
+int connectLoopback(uint16_t port);
+// crypt_r's bcrypt of `password`, at the lowest cost; "" if libcrypt cannot make one.
+std::string bcrypt(const std::string& password);
 
 // Sends `bytes` on a new connection to 127.0.0.1:`port` and returns what comes back until the
 // server closes it or `timeout` passes; `*closedAfter` is how long the server took to close.

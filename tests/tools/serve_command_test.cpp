@@ -4,7 +4,6 @@
 #include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <bpf/bpf.h>
-#include <crypt.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -189,15 +188,7 @@ scrape_configs:
       << serve->output();
 }
 
-// What a web configuration test needs: bcrypt hashes, files, credentials on the wire.
-std::string bcrypt(const std::string& password) {
-  char setting[CRYPT_GENSALT_OUTPUT_SIZE];
-  if (crypt_gensalt_rn("$2b$", 4, nullptr, 0, setting, sizeof(setting)) == nullptr) return "";
-  auto data = std::make_unique<crypt_data>();
-  const char* hash = crypt_r(password.c_str(), setting, data.get());
-  return hash != nullptr ? hash : "";
-}
-
+// What a web configuration test needs: files, credentials on the wire.
 std::string base64(const std::string& text) {
   static const char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string out;
@@ -229,14 +220,15 @@ TEST_F(ServeTest, WebConfigFileReadAtStartAndAgainOnSighup) {
   const std::string file = std::string(dir) + "/web.yml";
   const auto write = [&](const std::string& alice) {
     return android::base::WriteStringToFile(
-        "basic_auth_users:\n  prometheus: " + bcrypt("p1") + "\n  alice: " + alice + "\n", file);
+        "basic_auth_users:\n  prometheus: " + testbed::bcrypt("p1") + "\n  alice: " + alice + "\n",
+        file);
   };
   // A file that cannot be read: its one line, before anything is served.
   ChildResult run = runTool({"serve", "--web.config.file", std::string(dir) + "/none.yml"});
   EXPECT_EQ(run.status, 1) << run.output;
   EXPECT_TRUE(contains(run.output, "^zelkcputime: [^\n]*none\\.yml[^\n]*\n")) << run.output;
 
-  ASSERT_TRUE(write(bcrypt("a1")));
+  ASSERT_TRUE(write(testbed::bcrypt("a1")));
   std::optional<Background> serve;
   ASSERT_NO_FATAL_FAILURE(startServe(&serve, {"serve", "--web.config.file", file}));
   EXPECT_EQ(statusWith("", ""), 401);
@@ -251,7 +243,7 @@ TEST_F(ServeTest, WebConfigFileReadAtStartAndAgainOnSighup) {
       std::this_thread::sleep_for(milliseconds(20));
     }
   });
-  ASSERT_TRUE(write(bcrypt("a2")));
+  ASSERT_TRUE(write(testbed::bcrypt("a2")));
   kill(serve->pid(), SIGHUP);
   ASSERT_TRUE(serve->waitFor("web.yml read again", milliseconds(10000))) << serve->output();
   EXPECT_EQ(statusWith("alice", "a1"), 401) << "the old password";
@@ -287,7 +279,7 @@ TEST_F(ServeTest, PrometheusScrapesOverTlsWithBasicAuth) {
   ASSERT_TRUE(android::base::WriteStringToFile(
       "tls_server_config:\n  cert_file: cert.pem\n  key_file: key.pem\nbasic_auth_users:\n  "
       "prometheus: " +
-          bcrypt("p1") + "\n",
+          testbed::bcrypt("p1") + "\n",
       folder + "/web.yml"));
   std::optional<Background> serve;
   serve.emplace(ZELK_TOOL_PATH, Args{"serve", "--web.config.file", folder + "/web.yml"});
